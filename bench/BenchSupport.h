@@ -1,0 +1,53 @@
+#pragma once
+
+#include <algorithm>
+#include <chrono>
+#include <cstdio>
+#include <cstdlib>
+#include <string>
+#include <vector>
+
+// Small helpers shared by the benchmark drivers: medians, timing, and the closing verdict line
+// that scripts/bench reads.
+namespace bench {
+
+inline double median(std::vector<double> values)
+{
+    if (values.empty())
+        return 0;
+    std::sort(values.begin(), values.end());
+    const size_t mid = values.size() / 2;
+    return values.size() % 2 ? values[mid] : (values[mid - 1] + values[mid]) / 2;
+}
+
+inline double secondsSince(std::chrono::steady_clock::time_point start)
+{
+    return std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+}
+
+// Points HOME and the XDG folders at a fresh temporary folder, so a benchmark never reads or
+// writes the user's own settings or clips.
+inline std::string isolateHome()
+{
+    char pattern[] = "/tmp/vantrel-bench-XXXXXX";
+    const char *dir = mkdtemp(pattern);
+    if (!dir)
+        return {};
+    const std::string home = dir;
+    setenv("HOME", home.c_str(), 1);
+    setenv("XDG_CONFIG_HOME", (home + "/.config").c_str(), 1);
+    setenv("XDG_STATE_HOME", (home + "/.local/state").c_str(), 1);
+    return home;
+}
+
+// The last line of every benchmark: "NAME: <figure> (target <target>) PASS|FAIL".
+inline int verdict(const std::string &name, const std::string &figure, const std::string &target,
+                   bool pass)
+{
+    std::printf("%s: %s (target %s) %s\n", name.c_str(), figure.c_str(), target.c_str(),
+                pass ? "PASS" : "FAIL");
+    std::fflush(stdout);
+    return pass ? 0 : 1;
+}
+
+} // namespace bench

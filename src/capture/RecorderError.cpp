@@ -1,0 +1,25 @@
+#include "capture/RecorderError.h"
+
+RecorderError::RecorderError(Kind kind, const QString &detail)
+    : m_kind(kind)
+    , m_detail(detail)
+    , m_utf8(text().toUtf8())
+{
+}
+
+QString RecorderError::text() const
+{
+    switch (m_kind) {
+    case Kind::writerFailed:
+        return m_detail;
+    case Kind::noDisplay:
+        return QStringLiteral("Could not find a display to capture.");
+    case Kind::notReady:
+        return QStringLiteral("Vantrel needs Screen Recording turned on, then Arm Replay again.");
+    case Kind::notArmed:
+        return QStringLiteral("Arm Instant Replay first, then press %1 to save a clip.").arg(m_detail);
+    case Kind::needsRelaunch:
+        return QStringLiteral("Restarting Vantrel to finish Screen Recording access.");
+    }
+    return m_detail;
+}

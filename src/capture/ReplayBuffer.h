@@ -1,0 +1,120 @@
+#pragma once
+
+#include "capture/Bytes.h"
+#include "capture/MediaFormat.h"
+#include "capture/MediaTime.h"
+
+#include <atomic>
+#include <cstdint>
+#include <deque>
+#include <functional>
+#include <memory>
+#include <mutex>
+#include <span>
+#include <vector>
+
+// One captured audio buffer as the capture stream hands it over, before it is stored: views into
+// the stream's own memory, valid for the duration of the append call only.
+struct AudioSampleBuffer
+{
+    // One piece for interleaved audio, one per channel for planar audio, in order.
+    std::span<const std::span<const uint8_t>> buffers;
+    MediaTime pts;
+    MediaTime duration; // may be invalid or zero: worked out from the sample count then
+    int64_t numSamples = 0; // frames, i.e. samples per channel
+    AudioFormatPtr format;
+};
+
+// The most recent stretch of the capture, in memory: compressed video frames as they leave the
+// encoder and audio packets as captured. Trimmed on every append to the clip length (read from
+// the settings at that moment) back to a key frame, with the audio trimmed against the video.
+// It knows nothing of files: the export takes a snapshot and writes it elsewhere.
+class ReplayBuffer
+{
+public:
+    struct EncodedFrame
+    {
+        Bytes data; // length-prefixed H.264 NAL units, as MP4 samples carry them; never empty
+        MediaTime pts;
+        MediaTime duration; // never invalid or zero
+        bool isKey = false;
+    };
+
+    struct AudioPacket
+    {
+        Bytes data; // planar audio: the channel buffers back to back
+        MediaTime pts;
+        MediaTime duration; // never invalid or zero
+        int64_t numSamples = 0;
+        AudioFormatPtr format;
+    };
+
+    // What the export works from: the lists and formats as they were at one moment. The payloads
+    // are shared with the buffer, not copied.
+    struct Snapshot
+    {
+        std::vector<EncodedFrame> video;
+        std::vector<AudioPacket> audio;
+        std::vector<AudioPacket> mic;
+        VideoFormatPtr videoFormat;
+        AudioFormatPtr audioFormat;
+        AudioFormatPtr micFormat;
+        int64_t framesIn = 0;
+        int64_t framesEncoded = 0;
+    };
+
+    using VideoCallback = std::function<void(const EncodedFrame &, const VideoFormatPtr &)>;
+    using AudioCallback = std::function<void(const AudioPacket &)>;
+
+    ReplayBuffer() = default;
+    ReplayBuffer(const ReplayBuffer &) = delete;
+    ReplayBuffer &operator=(const ReplayBuffer &) = delete;
+
+    // Called after each record is stored, on the thread that stored it, outside the lock. Set
+    // or clear them at any time; a record being stored at that moment sees the old or the new.
+    void setOnVideoFrame(VideoCallback callback);
+    void setOnAudioPacket(AudioCallback callback);
+    void setOnMicPacket(AudioCallback callback);
+
+    // The audio paths: store one buffer from the capture stream. Malformed buffers (no samples,
+    // no format, no bytes) are dropped silently.
+    void appendAudio(const AudioSampleBuffer &sample) { appendAudioPacket(sample, false); }
+    void appendMic(const AudioSampleBuffer &sample) { appendAudioPacket(sample, true); }
+
+    // The encoder's way in: store one compressed frame. `keyFormat` is the format the encoder
+    // reported with the frame, if any; it becomes the buffer's video format at key frames. The
+    // frame is passed on to `onVideoFrame` once a video format is known.
+    void storeEncodedFrame(EncodedFrame frame, VideoFormatPtr keyFormat);
+
+    // Empties the three lists and forgets the three formats.
+    void invalidate();
+
+    double bufferedDuration() const; // seconds from the first to the last frame's time stamp
+    int videoCount() const;
+    int audioCount() const; // system audio only
+    Snapshot snapshot() const;
+
+    // Captured frames handed to the encoder, and frames it returned, since it was last prepared.
+    std::atomic<int64_t> framesIn{0};
+    int64_t framesEncoded() const;
+    void resetCounters();
+
+private:
+    void appendAudioPacket(const AudioSampleBuffer &sample, bool isMic);
+    void trimLocked(double maxDurationSeconds);
+
+    // m_lock guards every member below it. It is held only for a list update with its trim, the
+    // read-outs, the clearing and the snapshot; never while calling out (callbacks, encoder,
+    // settings, files).
+    mutable std::mutex m_lock;
+    std::shared_ptr<const VideoCallback> m_onVideoFrame;
+    std::shared_ptr<const AudioCallback> m_onAudioPacket;
+    std::shared_ptr<const AudioCallback> m_onMicPacket;
+    VideoFormatPtr m_videoFormat; // of the most recent key frame
+    AudioFormatPtr m_audioFormat; // of the first system-audio packet since the last clear
+    AudioFormatPtr m_micFormat; // of the first microphone packet since the last clear
+    std::deque<EncodedFrame> m_video; // arrival order, which is presentation order
+    std::deque<AudioPacket> m_audio;
+    std::deque<AudioPacket> m_mic;
+    int64_t m_framesEncoded = 0;
+};

@@ -1,0 +1,25 @@
+#include "support/TestEnvironment.h"
+
+#include <QDir>
+#include <QFile>
+
+#include <cstdlib>
+
+void TempHomeTest::SetUp()
+{
+    ASSERT_TRUE(m_home.isValid());
+    const QByteArray home = QFile::encodeName(m_home.path());
+    setenv("HOME", home.constData(), 1);
+    setenv("XDG_CONFIG_HOME", (home + "/.config").constData(), 1);
+    setenv("XDG_STATE_HOME", (home + "/.local/state").constData(), 1);
+    setenv("XDG_DATA_HOME", (home + "/.local/share").constData(), 1);
+    unsetenv("XDG_VIDEOS_DIR");
+}
+
+QString readTextFile(const QString &path)
+{
+    QFile file(path);
+    if (!file.open(QIODevice::ReadOnly))
+        return {};
+    return QString::fromUtf8(file.readAll());
+}
