@@ -52,7 +52,7 @@ void ReplayBuffer::appendAudioPacket(const AudioSampleBuffer &sample, bool isMic
     }
     if (!sample.format)
         return;
-    Bytes bytes = Bytes::concatRange(sample.buffers);
+    Bytes bytes = sample.owned.empty() ? Bytes::concatRange(sample.buffers) : sample.owned;
     if (bytes.empty())
         return;
     AudioPacket packet{std::move(bytes), sample.pts, duration, n, sample.format};

@@ -23,6 +23,9 @@ struct AudioSampleBuffer
     MediaTime duration; // may be invalid or zero: worked out from the sample count then
     int64_t numSamples = 0; // frames, i.e. samples per channel
     AudioFormatPtr format;
+    // When set, the bytes already belong to the pipeline (the capture copied them out of the
+    // audio server once): they are stored as they are and `buffers` is not read.
+    Bytes owned;
 };
 
 // The most recent stretch of the capture, in memory: compressed video frames as they leave the

@@ -1,0 +1,88 @@
+#pragma once
+
+#include "capture/ReplayBuffer.h"
+#include "capture/VideoFrame.h"
+
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <optional>
+#include <string>
+#include <vector>
+
+class SerialQueue;
+
+// One display that can be captured; on X11 a RandR monitor, in root-window coordinates.
+struct CaptureDisplay
+{
+    uint32_t displayID = 0;
+    int x = 0;
+    int y = 0;
+    int width = 0; // pixels
+    int height = 0;
+    bool primary = false;
+};
+
+struct ShareableContent
+{
+    std::vector<CaptureDisplay> displays;
+};
+
+struct StreamConfiguration
+{
+    int width = 0; // the capture size: the display is scaled to it
+    int height = 0;
+    int fps = 60;
+    int queueDepth = 3; // frames in flight at most; a frame with no free slot is skipped
+    bool showsCursor = true;
+    bool capturesAudio = true;
+    int sampleRate = 48000;
+    int channelCount = 2;
+    bool captureMicrophone = false;
+};
+
+enum class StreamOutputType { screen, audio, microphone };
+
+// A running capture of one display with its audio: the platform's screen-capture stream. Outputs
+// are delivered one sample at a time on the serial queue given for each; the samples' memory is
+// valid until the handler returns (frames keep theirs alive through `VideoFrame::owner`).
+class ScreenStream
+{
+public:
+    using FrameHandler = std::function<void(const VideoFrame &)>;
+    using AudioHandler = std::function<void(const AudioSampleBuffer &)>;
+    // The stream ended on its own (the X server went away, the display was unplugged, the
+    // audio server died); the text says why. Called at most once, on any thread.
+    using StopHandler = std::function<void(const std::string &error)>;
+    // Called once, on any thread: no value on success, else why the start failed.
+    using StartCompletion = std::function<void(std::optional<std::string> error)>;
+
+    virtual ~ScreenStream() = default;
+
+    // Add outputs before starting. Throw std::runtime_error when the output cannot be added.
+    virtual void addScreenOutput(SerialQueue &queue, FrameHandler handler) = 0;
+    virtual void addAudioOutput(StreamOutputType type, SerialQueue &queue, AudioHandler handler) = 0;
+    virtual void setStopHandler(StopHandler handler) = 0;
+
+    virtual void startCapture(StartCompletion completion) = 0;
+    // Stops delivering and releases the display and the audio server; returns once no handler
+    // will be called any more. Safe to call twice, and after the stream stopped on its own.
+    virtual void stopCapture() = 0;
+};
+
+// The platform's capture service: lists the displays and makes streams. The backend is chosen
+// at run time (VANTREL_SCREEN_BACKEND=x11 forces X11).
+class ScreenCaptureService
+{
+public:
+    virtual ~ScreenCaptureService() = default;
+
+    // Throws std::runtime_error when the displays cannot be listed (no X server, say).
+    virtual ShareableContent shareableContent() = 0;
+    // The pointer in the same coordinates as the displays, when it can be asked for.
+    virtual std::optional<std::pair<int, int>> pointerLocation() = 0;
+    virtual std::unique_ptr<ScreenStream> makeStream(const CaptureDisplay &display,
+                                                     const StreamConfiguration &config) = 0;
+
+    static std::unique_ptr<ScreenCaptureService> create();
+};
