@@ -52,7 +52,7 @@ struct Feeder
                 const AudioSampleBuffer sample{std::span(&pcmPiece, 1),
                                                nanos(audioPacket, 100),
                                                MediaTime::make(audioFrames, 48000), audioFrames,
-                                               audioFormat};
+                                               audioFormat, {}};
                 buffer.appendAudio(sample);
                 buffer.appendMic(sample);
                 payload += 2 * audioBytes;

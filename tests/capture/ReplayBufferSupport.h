@@ -50,7 +50,7 @@ struct AudioFeed
     AudioSampleBuffer at(double seconds, AudioFormatPtr format = stereoFloat(),
                          MediaTime duration = MediaTime::make(480, 48000))
     {
-        return {std::span(&piece, 1), nanos(seconds), duration, 480, std::move(format)};
+        return {std::span(&piece, 1), nanos(seconds), duration, 480, std::move(format), {}};
     }
 };
 

@@ -145,7 +145,7 @@ TEST_F(ReplayBufferTest, MalformedAudioIsDroppedAndMissingDurationsAreWorkedOut)
     // Planar pieces are stored back to back, in order.
     const std::vector<uint8_t> left(4, 1), right(4, 2);
     const std::span<const uint8_t> planes[] = {left, {}, right};
-    buffer.appendMic({planes, nanos(4), MediaTime::make(1, 48000), 1, stereoFloat()});
+    buffer.appendMic({planes, nanos(4), MediaTime::make(1, 48000), 1, stereoFloat(), {}});
     const auto mic = buffer.snapshot().mic;
     ASSERT_EQ(mic.size(), 1u);
     EXPECT_EQ(std::vector<uint8_t>(mic[0].data.data(), mic[0].data.data() + 8),
