@@ -9,8 +9,7 @@ namespace {
 // How far before the first video frame audio is kept (600ths of a second).
 constexpr MediaTime audioLead = MediaTime::make(120, 600);
 
-template <typename Callback>
-std::shared_ptr<const Callback> share(Callback callback)
+template<typename Callback> std::shared_ptr<const Callback> share(Callback callback)
 {
     return callback ? std::make_shared<const Callback>(std::move(callback)) : nullptr;
 }
@@ -45,9 +44,8 @@ void ReplayBuffer::appendAudioPacket(const AudioSampleBuffer &sample, bool isMic
         return;
     MediaTime duration = sample.duration;
     if (!duration.isValid() || duration.isZero()) {
-        const int rate = sample.format && sample.format->sampleRate > 0
-            ? sample.format->sampleRate
-            : 48000;
+        const int rate =
+            sample.format && sample.format->sampleRate > 0 ? sample.format->sampleRate : 48000;
         duration = MediaTime::make(n, rate);
     }
     if (!sample.format)
@@ -55,7 +53,7 @@ void ReplayBuffer::appendAudioPacket(const AudioSampleBuffer &sample, bool isMic
     Bytes bytes = sample.owned.empty() ? Bytes::concatRange(sample.buffers) : sample.owned;
     if (bytes.empty())
         return;
-    AudioPacket packet{std::move(bytes), sample.pts, duration, n, sample.format};
+    AudioPacket packet {std::move(bytes), sample.pts, duration, n, sample.format};
 
     const double maxDuration = ClipSettings::maxDuration();
     std::shared_ptr<const AudioCallback> callback;

@@ -98,7 +98,7 @@ public:
     Snapshot snapshot() const;
 
     // Captured frames handed to the encoder, and frames it returned, since it was last prepared.
-    std::atomic<int64_t> framesIn{0};
+    std::atomic<int64_t> framesIn {0};
     int64_t framesEncoded() const;
     void resetCounters();
 
