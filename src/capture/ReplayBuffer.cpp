@@ -113,7 +113,7 @@ void ReplayBuffer::trimLocked(double maxDurationSeconds)
     // grows until one arrives).
     for (size_t k = std::min(inWindow, m_video.size() - 1); k >= 1; --k) {
         if (m_video[k].isKey) {
-            m_video.erase(m_video.begin(), m_video.begin() + ptrdiff_t(k));
+            m_video.erasePrefix(k);
             break;
         }
     }
@@ -121,8 +121,10 @@ void ReplayBuffer::trimLocked(double maxDurationSeconds)
     // Each audio list arrives in time order, so what falls before the cut-off is a prefix.
     const MediaTime audioCutoff = m_video.front().pts - audioLead;
     for (auto *list : {&m_audio, &m_mic}) {
-        while (!list->empty() && list->front().pts < audioCutoff)
-            list->pop_front();
+        size_t stale = 0;
+        while (stale < list->size() && (*list)[stale].pts < audioCutoff)
+            ++stale;
+        list->erasePrefix(stale);
     }
 }
 
@@ -175,9 +177,9 @@ ReplayBuffer::Snapshot ReplayBuffer::snapshot() const
     Snapshot snap;
     snap.framesIn = framesIn.load();
     std::scoped_lock lock(m_lock);
-    snap.video.assign(m_video.begin(), m_video.end());
-    snap.audio.assign(m_audio.begin(), m_audio.end());
-    snap.mic.assign(m_mic.begin(), m_mic.end());
+    snap.video = m_video.view();
+    snap.audio = m_audio.view();
+    snap.mic = m_mic.view();
     snap.videoFormat = m_videoFormat;
     snap.audioFormat = m_audioFormat;
     snap.micFormat = m_micFormat;
