@@ -139,9 +139,10 @@ void VideoEncoder::encode(const VideoFrame &frame, int64_t ordinal)
     auto job = std::make_shared<Job>(Job {std::move(picture), frame.pts, duration, ordinal});
     ++m_waiting;
     m_queue->async([this, job] {
-        if (!m_stopping)
+        if (m_stopping)
+            release(std::move(job->picture));
+        else
             encodeOnQueue(*job);
-        --m_waiting;
     });
 }
 
@@ -170,11 +171,16 @@ VideoEncoder::FramePtr VideoEncoder::takePicture()
     return picture;
 }
 
-void VideoEncoder::returnPicture(FramePtr picture)
+void VideoEncoder::release(FramePtr picture)
 {
-    std::scoped_lock lock(m_poolLock);
-    if (m_pool.size() <= size_t(maxWaiting))
-        m_pool.push_back(std::move(picture));
+    {
+        std::scoped_lock lock(m_poolLock);
+        if (m_pool.size() <= size_t(maxWaiting))
+            m_pool.push_back(std::move(picture));
+    }
+    // The slot frees as soon as the encoder has taken the picture, before its packet is
+    // stored: storing (and what the buffer's callback does) is no reason to turn frames away.
+    --m_waiting;
 }
 
 bool VideoEncoder::convert(const VideoFrame &frame, AVFrame *picture) const
@@ -218,7 +224,7 @@ void VideoEncoder::encodeOnQueue(Job &job)
         if (status == 0)
             status = av_hwframe_transfer_data(uploaded.get(), job.picture.get(), 0);
         if (status < 0) {
-            returnPicture(std::move(job.picture));
+            release(std::move(job.picture));
             reportSubmission(status, job.ordinal);
             return;
         }
@@ -228,7 +234,7 @@ void VideoEncoder::encodeOnQueue(Job &job)
     toSend->pict_type = forceKey ? AV_PICTURE_TYPE_I : AV_PICTURE_TYPE_NONE;
     const int status = avcodec_send_frame(m_context.get(), toSend);
     uploaded.reset();
-    returnPicture(std::move(job.picture));
+    release(std::move(job.picture));
     if (status < 0) {
         reportSubmission(status, job.ordinal);
         return;
