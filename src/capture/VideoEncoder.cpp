@@ -109,12 +109,16 @@ void VideoEncoder::open(int64_t width, int64_t height)
     m_inputFormat = opened.inputFormat;
     const std::span<const uint8_t> extradata(m_context->extradata,
                                              size_t(std::max(0, m_context->extradata_size)));
-    if (H264Bitstream::isAnnexB(extradata))
+    // An avcC record as extradata means the packets are length-prefixed already; otherwise they
+    // are Annex B, and without usable extradata the SPS/PPS are taken from the first key frame
+    // that carries them. (Sniffing each packet instead would misread a length-prefixed unit of
+    // 256 to 511 bytes as a start code.)
+    m_annexB = extradata.empty() || extradata[0] != 1;
+    if (m_annexB)
         adoptFormat(H264Bitstream::annexBUnits(extradata));
-    else if (!extradata.empty() && extradata[0] == 1)
+    else
         m_format = std::make_shared<const VideoFormat>(
             VideoFormat {m_width, m_height, {extradata.begin(), extradata.end()}});
-    // Otherwise the SPS/PPS are taken from the first key frame that carries them.
 }
 
 void VideoEncoder::encode(const VideoFrame &frame, int64_t ordinal)
