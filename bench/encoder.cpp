@@ -172,6 +172,19 @@ double conversionCpuPerFrame(const Picture &picture)
     return (cpuSeconds(after) - cpuSeconds(before)) / frames;
 }
 
+// The machine is shared: the load around the runs says how far the frame rates are its doing.
+std::string loadAverage()
+{
+    char text[64] = {};
+    if (FILE *file = std::fopen("/proc/loadavg", "r")) {
+        if (!std::fgets(text, sizeof text, file))
+            text[0] = 0;
+        std::fclose(file);
+    }
+    std::string out = text;
+    return out.substr(0, out.find(' '));
+}
+
 bool writeAll(int fd, const uint8_t *data, size_t size)
 {
     while (size > 0) {
@@ -247,6 +260,7 @@ int main()
     signal(SIGPIPE, SIG_IGN);
     const Picture picture;
 
+    const std::string loadBefore = loadAverage();
     std::vector<double> ourCpu, peerCpu, ratios, ourFps, peerFps, rates, peaks, conversion;
     bool ok = true;
     for (int run = 0; run < runs; ++run) {
@@ -269,6 +283,8 @@ int main()
     if (!ok)
         std::printf("a run failed: not every frame came back, or ffmpeg did not finish\n");
 
+    std::printf("load average (1 min): %s before the runs, %s after, on %ld cores\n",
+                loadBefore.c_str(), loadAverage().c_str(), sysconf(_SC_NPROCESSORS_ONLN));
     const double ratio = bench::median(ratios);
     const double fps = bench::median(ourFps);
     std::printf("CPU per frame, ours:   %.2f ms (median of %d)\n", bench::median(ourCpu) * 1e3,

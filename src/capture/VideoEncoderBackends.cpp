@@ -29,9 +29,9 @@ constexpr int peakBufferBits = 8'000'000 * 8;
 
 // libx264 threads. zerolatency makes them slice threads, which add no delay. Measured with
 // bench/encoder on 1080p60 (2 cores): 1, 2 and 3 threads cost 9.1, 9.3 and 10.0 ms of CPU per
-// frame; two halve the time each frame takes for almost nothing, so a burst on the capture or
-// audio threads is absorbed, while more only add synchronisation. (A fixed count also keeps a
-// many-core machine from spreading one stream over every core.)
+// frame. Two cost about what one does and let a frame use both cores, so a busy spell on the
+// capture or audio threads is caught up sooner; more only add synchronisation. (A fixed count
+// also keeps a many-core machine from spreading one stream over every core.)
 constexpr int x264Threads = 2;
 
 using Options = std::initializer_list<std::pair<const char *, const char *>>;
