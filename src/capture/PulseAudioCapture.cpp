@@ -17,7 +17,7 @@ constexpr int64_t packetNanoseconds = 10'000'000;
 // this that lasts (AudioClock's patience) is a real gap, or the sound card's clock running apart.
 constexpr int64_t reanchorToleranceNanoseconds = 5'000'000;
 // A second of packets may wait for a busy consumer before new ones are dropped.
-constexpr int maxWaitingPackets = 100;
+constexpr int maxPacketsInFlight = 100;
 constexpr pa_usec_t startTimeoutMicroseconds = 5'000'000;
 
 struct ProplistDeleter
@@ -40,7 +40,7 @@ struct PulseAudioCapture::Recording
         : owner(owner)
         , source(source)
         , handler(std::move(handler))
-        , delivery(queue, maxWaitingPackets)
+        , delivery(queue, maxPacketsInFlight)
         , clock(sampleRate, reanchorToleranceNanoseconds)
     {
     }

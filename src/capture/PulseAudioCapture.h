@@ -33,7 +33,7 @@ public:
     struct Stats
     {
         int64_t packets = 0; // handed to the queue
-        int64_t dropped = 0; // not handed over: the queue had a second's worth waiting
+        int64_t dropped = 0; // not handed over: a second's worth was still waiting on the queue
         int64_t holes = 0; // gaps the server reported in the recording
         int64_t reanchors = 0; // times the pts timeline was moved to the measured capture time
         int64_t cutSamples = 0; // cut because the timeline moved back over them (AudioClock)

@@ -202,7 +202,7 @@ void X11ScreenStream::tick(X11FrameGrabber &grabber, PixelBufferPool &pool, int6
     // Without a free buffer, or with the consumer behind, the frame is skipped before the grab
     // costs anything; the damage stays pending, so the next tick grabs.
     std::shared_ptr<PixelBufferPool::Buffer> buffer = pool.acquire();
-    if (!buffer || m_screen->waiting() >= m_config.queueDepth) {
+    if (!buffer || m_screen->inFlight() >= m_config.queueDepth) {
         m_skipped.fetch_add(1);
         return;
     }
