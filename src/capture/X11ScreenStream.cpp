@@ -119,7 +119,7 @@ void X11ScreenStream::run(StartCompletion completion)
         grabber->attach(*pool);
         if (m_audio)
             m_audio->start();
-    } catch (const std::runtime_error &error) {
+    } catch (const std::exception &error) {
         if (m_audio)
             m_audio->stop();
         Log::system(QStringLiteral("x11 capture could not start: %1").arg(error.what()));
