@@ -34,7 +34,11 @@ function(vantrel_test name)
     if("pulse" IN_LIST T_FIXTURES)
       list(APPEND env "PULSE_SERVER=${VANTREL_TEST_PULSE_SERVER}")
     endif()
-    list(APPEND props ENVIRONMENT "${env}")
+    # gtest_discover_tests (CMake 3.25) flattens a list-valued ENVIRONMENT into separate
+    # property names, so only the first variable would arrive. The test executor it honours runs
+    # both the listing and every case through env with all of them.
+    find_program(ENV_PROGRAM env REQUIRED)
+    set_target_properties(${name} PROPERTIES CROSSCOMPILING_EMULATOR "${ENV_PROGRAM};${env}")
   endif()
   gtest_discover_tests(${name} DISCOVERY_MODE PRE_TEST PROPERTIES ${props})
 endfunction()
