@@ -163,4 +163,22 @@ TEST_F(AllPathsTest, CaptureRebindsEveryPathAndUnregisterRemovesThemAll)
     EXPECT_EQ(firesAfterPress(), 1);
 }
 
+TEST_F(HotkeyManagerTest, AGrabHeldByAnotherClientIsRetriedByThePermissionPoll)
+{
+    X11HotkeyGrab rival([](const KeyInput &) {}, {});
+    ASSERT_EQ(rival.connect(), 0);
+    ASSERT_EQ(rival.grab(KEY_F12, 0), 0);
+    manager().setEnabledPathsForTesting(unsigned(HotkeyManager::Path::x11Grab) |
+                                        unsigned(HotkeyManager::Path::xinputRaw));
+    manager().registerHotkey();
+    manager().setArmed(true);
+    EXPECT_EQ(manager().installedPathsText(), QStringLiteral("xinput2 raw"));
+    EXPECT_TRUE(manager().worksInOtherApps());
+
+    rival.ungrab();
+    EXPECT_TRUE(
+        spinUntil([] { return manager().isPathInstalled(HotkeyManager::Path::x11Grab); }, 2500));
+    EXPECT_EQ(rival.grab(KEY_F12, 0), 10) << "ours now";
+}
+
 } // namespace
