@@ -11,7 +11,6 @@
 #include "input/XInputKeyMonitor.h"
 
 #include <QStringList>
-#include <QThread>
 #include <QTimer>
 
 #include <bit>

@@ -4,7 +4,6 @@
 
 #include <QAbstractEventDispatcher>
 #include <QSocketNotifier>
-#include <QThread>
 
 XcbEventReader::XcbEventReader(xcb_connection_t *connection, Handler handler,
                                std::function<void()> onLost)
