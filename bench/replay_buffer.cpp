@@ -19,14 +19,14 @@ constexpr size_t frameBytes = 18'000'000 / 8 / fps; // 18 Mbit/s
 constexpr int audioFrames = 480; // 10 ms at 48 kHz
 constexpr size_t audioBytes = audioFrames * 2 * sizeof(float);
 
-const auto videoFormat = std::make_shared<const VideoFormat>(VideoFormat{1920, 1080, {1, 0x64}});
-const auto audioFormat = std::make_shared<const AudioFormat>(AudioFormat{48000, 2});
+const auto videoFormat = std::make_shared<const VideoFormat>(VideoFormat {1920, 1080, {1, 0x64}});
+const auto audioFormat = std::make_shared<const AudioFormat>(AudioFormat {48000, 2});
 
 struct Feeder
 {
     std::vector<uint8_t> video = std::vector<uint8_t>(frameBytes, 0x5a);
     std::vector<uint8_t> pcm = std::vector<uint8_t>(audioBytes, 0x11);
-    std::span<const uint8_t> pcmPiece{pcm};
+    std::span<const uint8_t> pcmPiece {pcm};
     int64_t frame = 0;
     int64_t audioPacket = 0;
     size_t payload = 0;
@@ -42,17 +42,19 @@ struct Feeder
     {
         int appends = 0;
         for (int f = 0; f < fps; ++f, ++frame) {
-            buffer.storeEncodedFrame({Bytes::copy(video), nanos(frame, fps),
-                                      MediaTime::make(1, fps), frame % 120 == 0},
-                                     videoFormat);
+            buffer.storeEncodedFrame(
+                {Bytes::copy(video), nanos(frame, fps), MediaTime::make(1, fps), frame % 120 == 0},
+                videoFormat);
             payload += frameBytes;
             ++appends;
             // 100 audio packets per second, spread over the 60 frames.
             while (audioPacket * fps < (frame + 1) * 100) {
-                const AudioSampleBuffer sample{std::span(&pcmPiece, 1),
-                                               nanos(audioPacket, 100),
-                                               MediaTime::make(audioFrames, 48000), audioFrames,
-                                               audioFormat, {}};
+                const AudioSampleBuffer sample {std::span(&pcmPiece, 1),
+                                                nanos(audioPacket, 100),
+                                                MediaTime::make(audioFrames, 48000),
+                                                audioFrames,
+                                                audioFormat,
+                                                {}};
                 buffer.appendAudio(sample);
                 buffer.appendMic(sample);
                 payload += 2 * audioBytes;
@@ -136,8 +138,9 @@ int main()
 
     const bool pass = ratio <= 1.5 && snapshot <= 2.0 && memoryRatio <= 1.10;
     char figure[160];
-    std::snprintf(figure, sizeof figure, "append ratio %.2f, snapshot %.2f ms, memory %.3fx payload",
-                  ratio, snapshot, memoryRatio);
+    std::snprintf(figure, sizeof figure,
+                  "append ratio %.2f, snapshot %.2f ms, memory %.3fx payload", ratio, snapshot,
+                  memoryRatio);
     return bench::verdict("replay_buffer", figure,
                           "append ratio <= 1.5, snapshot <= 2 ms, memory <= 1.10x payload", pass);
 }

@@ -6,13 +6,19 @@ function(vantrel_library name)
   target_link_libraries(${name} PRIVATE vantrel_warnings)
 endfunction()
 
-# vantrel_test(NAME SOURCES... LIBS ... LABELS ... FIXTURES ...): a GoogleTest executable whose
+# vantrel_test(NAME [GUI] SOURCES... LIBS ... LABELS ... FIXTURES ...): a GoogleTest executable whose
 # cases each become a ctest test, so every case runs in a process of its own (fresh settings,
 # fresh paths).
 function(vantrel_test name)
-  cmake_parse_arguments(T "" "TIMEOUT" "SOURCES;LIBS;LABELS;FIXTURES" ${ARGN})
+  cmake_parse_arguments(T "GUI" "TIMEOUT" "SOURCES;LIBS;LABELS;FIXTURES" ${ARGN})
   add_executable(${name} ${T_SOURCES})
-  target_link_libraries(${name} PRIVATE ${T_LIBS} vantrel_test_support GTest::gtest vantrel_warnings)
+  # GUI tests get a main() that makes a QApplication; the rest use GoogleTest's own.
+  if(T_GUI)
+    set(test_main vantrel_gui_test_main)
+  else()
+    set(test_main GTest::gtest_main)
+  endif()
+  target_link_libraries(${name} PRIVATE ${T_LIBS} vantrel_test_support ${test_main} vantrel_warnings)
   if(NOT T_TIMEOUT)
     set(T_TIMEOUT 120)
   endif()

@@ -17,8 +17,7 @@ public:
     static Bytes copy(std::span<const uint8_t> data);
     // The pieces one after another, in order; empty pieces are skipped.
     static Bytes concat(std::initializer_list<std::span<const uint8_t>> pieces);
-    template <typename Range>
-    static Bytes concatRange(const Range &pieces)
+    template<typename Range> static Bytes concatRange(const Range &pieces)
     {
         size_t total = 0;
         for (std::span<const uint8_t> piece : pieces)

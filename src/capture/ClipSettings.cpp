@@ -45,15 +45,24 @@ double maxDuration()
 {
     // A value that is not a number reads as 0, like a missing key.
     const double stored = Preferences::open()->value(clipLengthKey).toDouble();
-    const bool offered = std::find(lengthOptions.begin(), lengthOptions.end(), stored) !=
-        lengthOptions.end();
+    const bool offered =
+        std::find(lengthOptions.begin(), lengthOptions.end(), stored) != lengthOptions.end();
     return offered ? stored : 30.0;
 }
 
-void setMaxDuration(double seconds) { write(clipLengthKey, seconds); }
+void setMaxDuration(double seconds)
+{
+    write(clipLengthKey, seconds);
+}
 
-bool captureMic() { return readBool(captureMicKey, false); }
-void setCaptureMic(bool on) { write(captureMicKey, on); }
+bool captureMic()
+{
+    return readBool(captureMicKey, false);
+}
+void setCaptureMic(bool on)
+{
+    write(captureMicKey, on);
+}
 
 RecordMode mode()
 {
@@ -61,12 +70,27 @@ RecordMode mode()
     return RecordMode::fromText(stored).value_or(RecordMode::clip);
 }
 
-void setMode(RecordMode mode) { write(recordModeKey, mode.text()); }
+void setMode(RecordMode mode)
+{
+    write(recordModeKey, mode.text());
+}
 
-bool armOnLaunch() { return readBool(armOnLaunchKey, true); }
-void setArmOnLaunch(bool on) { write(armOnLaunchKey, on); }
+bool armOnLaunch()
+{
+    return readBool(armOnLaunchKey, true);
+}
+void setArmOnLaunch(bool on)
+{
+    write(armOnLaunchKey, on);
+}
 
-bool keepRunning() { return readBool(keepRunningKey, false); }
-void setKeepRunning(bool on) { write(keepRunningKey, on); }
+bool keepRunning()
+{
+    return readBool(keepRunningKey, false);
+}
+void setKeepRunning(bool on)
+{
+    write(keepRunningKey, on);
+}
 
 } // namespace ClipSettings

@@ -11,7 +11,10 @@ class RecordMode
 public:
     enum Value { clip, session };
 
-    constexpr RecordMode(Value value) : m_value(value) {}
+    constexpr RecordMode(Value value)
+        : m_value(value)
+    {
+    }
     // No value for any text but "clip" and "session" (case matters).
     static std::optional<RecordMode> fromText(const QString &text);
     QString text() const;
@@ -27,7 +30,7 @@ private:
 namespace ClipSettings {
 
 inline constexpr int fps = 60;
-inline constexpr std::array<double, 4> lengthOptions{15, 30, 60, 120};
+inline constexpr std::array<double, 4> lengthOptions {15, 30, 60, 120};
 
 // The clip length in seconds: the stored value when it is exactly one of `lengthOptions`,
 // otherwise 30. Writes store any value as given.

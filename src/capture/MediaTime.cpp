@@ -24,8 +24,7 @@ MediaTime fromWide(Wide value, Wide timescale)
 
 // Brings a and b onto one timescale: their least common multiple where it fits, otherwise
 // nanoseconds (rounded).
-template <typename Op>
-MediaTime combine(const MediaTime &a, const MediaTime &b, Op op)
+template<typename Op> MediaTime combine(const MediaTime &a, const MediaTime &b, Op op)
 {
     if (!a.valid || !b.valid)
         return MediaTime::invalid();
@@ -62,14 +61,14 @@ MediaTime MediaTime::converted(int32_t newTimescale) const
 std::strong_ordering operator<=>(const MediaTime &a, const MediaTime &b)
 {
     if (!a.valid || !b.valid)
-        return a.valid == b.valid ? std::strong_ordering::equal
-                                  : (a.valid ? std::strong_ordering::less
-                                             : std::strong_ordering::greater);
+        return a.valid == b.valid
+            ? std::strong_ordering::equal
+            : (a.valid ? std::strong_ordering::less : std::strong_ordering::greater);
     const Wide left = Wide(a.value) * b.timescale;
     const Wide right = Wide(b.value) * a.timescale;
-    return left < right ? std::strong_ordering::less
-                        : (left > right ? std::strong_ordering::greater
-                                        : std::strong_ordering::equal);
+    return left < right
+        ? std::strong_ordering::less
+        : (left > right ? std::strong_ordering::greater : std::strong_ordering::equal);
 }
 
 MediaTime operator-(const MediaTime &a, const MediaTime &b)

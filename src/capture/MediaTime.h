@@ -16,7 +16,7 @@ struct MediaTime
 
     static constexpr MediaTime make(int64_t value, int32_t timescale)
     {
-        return timescale > 0 ? MediaTime{value, timescale, true} : MediaTime{};
+        return timescale > 0 ? MediaTime {value, timescale, true} : MediaTime {};
     }
     static constexpr MediaTime invalid() { return {}; }
     static constexpr MediaTime zero() { return make(0, 1); }
@@ -39,4 +39,7 @@ struct MediaTime
     friend MediaTime operator+(const MediaTime &a, const MediaTime &b);
 };
 
-inline MediaTime max(const MediaTime &a, const MediaTime &b) { return a < b ? b : a; }
+inline MediaTime max(const MediaTime &a, const MediaTime &b)
+{
+    return a < b ? b : a;
+}

@@ -39,9 +39,8 @@ QString logFile()
                 ? QString()
                 : QDir(home).filePath(QStringLiteral(".local/state"));
         }
-        const QString folder = state.isEmpty()
-            ? QDir::tempPath()
-            : QDir(state).filePath(QStringLiteral("Vantrel"));
+        const QString folder =
+            state.isEmpty() ? QDir::tempPath() : QDir(state).filePath(QStringLiteral("Vantrel"));
         makeFolder(folder, "log-folder");
         return QDir(folder).filePath(QStringLiteral("Vantrel.log"));
     }();

@@ -17,7 +17,8 @@ QString RecorderError::text() const
     case Kind::notReady:
         return QStringLiteral("Vantrel needs Screen Recording turned on, then Arm Replay again.");
     case Kind::notArmed:
-        return QStringLiteral("Arm Instant Replay first, then press %1 to save a clip.").arg(m_detail);
+        return QStringLiteral("Arm Instant Replay first, then press %1 to save a clip.")
+            .arg(m_detail);
     case Kind::needsRelaunch:
         return QStringLiteral("Restarting Vantrel to finish Screen Recording access.");
     }

@@ -9,7 +9,10 @@ class RecorderError : public QException
 public:
     enum class Kind { writerFailed, noDisplay, notReady, notArmed, needsRelaunch };
 
-    static RecorderError writerFailed(const QString &message) { return {Kind::writerFailed, message}; }
+    static RecorderError writerFailed(const QString &message)
+    {
+        return {Kind::writerFailed, message};
+    }
     static RecorderError noDisplay() { return {Kind::noDisplay, {}}; }
     static RecorderError notReady() { return {Kind::notReady, {}}; }
     // `clipKey` is the clip key's display text ("F12"), named in the sentence.

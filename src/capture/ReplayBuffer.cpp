@@ -9,8 +9,7 @@ namespace {
 // How far before the first video frame audio is kept (600ths of a second).
 constexpr MediaTime audioLead = MediaTime::make(120, 600);
 
-template <typename Callback>
-std::shared_ptr<const Callback> share(Callback callback)
+template<typename Callback> std::shared_ptr<const Callback> share(Callback callback)
 {
     return callback ? std::make_shared<const Callback>(std::move(callback)) : nullptr;
 }
@@ -45,9 +44,8 @@ void ReplayBuffer::appendAudioPacket(const AudioSampleBuffer &sample, bool isMic
         return;
     MediaTime duration = sample.duration;
     if (!duration.isValid() || duration.isZero()) {
-        const int rate = sample.format && sample.format->sampleRate > 0
-            ? sample.format->sampleRate
-            : 48000;
+        const int rate =
+            sample.format && sample.format->sampleRate > 0 ? sample.format->sampleRate : 48000;
         duration = MediaTime::make(n, rate);
     }
     if (!sample.format)
@@ -55,7 +53,7 @@ void ReplayBuffer::appendAudioPacket(const AudioSampleBuffer &sample, bool isMic
     Bytes bytes = sample.owned.empty() ? Bytes::concatRange(sample.buffers) : sample.owned;
     if (bytes.empty())
         return;
-    AudioPacket packet{std::move(bytes), sample.pts, duration, n, sample.format};
+    AudioPacket packet {std::move(bytes), sample.pts, duration, n, sample.format};
 
     const double maxDuration = ClipSettings::maxDuration();
     std::shared_ptr<const AudioCallback> callback;
@@ -115,7 +113,7 @@ void ReplayBuffer::trimLocked(double maxDurationSeconds)
     // grows until one arrives).
     for (size_t k = std::min(inWindow, m_video.size() - 1); k >= 1; --k) {
         if (m_video[k].isKey) {
-            m_video.erase(m_video.begin(), m_video.begin() + ptrdiff_t(k));
+            m_video.erasePrefix(k);
             break;
         }
     }
@@ -123,8 +121,10 @@ void ReplayBuffer::trimLocked(double maxDurationSeconds)
     // Each audio list arrives in time order, so what falls before the cut-off is a prefix.
     const MediaTime audioCutoff = m_video.front().pts - audioLead;
     for (auto *list : {&m_audio, &m_mic}) {
-        while (!list->empty() && list->front().pts < audioCutoff)
-            list->pop_front();
+        size_t stale = 0;
+        while (stale < list->size() && (*list)[stale].pts < audioCutoff)
+            ++stale;
+        list->erasePrefix(stale);
     }
 }
 
@@ -177,9 +177,9 @@ ReplayBuffer::Snapshot ReplayBuffer::snapshot() const
     Snapshot snap;
     snap.framesIn = framesIn.load();
     std::scoped_lock lock(m_lock);
-    snap.video.assign(m_video.begin(), m_video.end());
-    snap.audio.assign(m_audio.begin(), m_audio.end());
-    snap.mic.assign(m_mic.begin(), m_mic.end());
+    snap.video = m_video.view();
+    snap.audio = m_audio.view();
+    snap.mic = m_mic.view();
     snap.videoFormat = m_videoFormat;
     snap.audioFormat = m_audioFormat;
     snap.micFormat = m_micFormat;

@@ -4,13 +4,13 @@
 #include "capture/MediaFormat.h"
 #include "capture/MediaSample.h"
 #include "capture/MediaTime.h"
+#include "capture/RecordList.h"
 
 #include <QFuture>
 #include <QString>
 
 #include <atomic>
 #include <cstdint>
-#include <deque>
 #include <functional>
 #include <memory>
 #include <mutex>
@@ -57,13 +57,13 @@ public:
         AudioFormatPtr format;
     };
 
-    // What the export works from: the lists and formats as they were at one moment. The payloads
-    // are shared with the buffer, not copied.
+    // What the export works from: the lists and formats as they were at one moment. The records
+    // and their payloads are shared with the buffer, not copied.
     struct Snapshot
     {
-        std::vector<EncodedFrame> video;
-        std::vector<AudioPacket> audio;
-        std::vector<AudioPacket> mic;
+        RecordList<EncodedFrame> video;
+        RecordList<AudioPacket> audio;
+        RecordList<AudioPacket> mic;
         VideoFormatPtr videoFormat;
         AudioFormatPtr audioFormat;
         AudioFormatPtr micFormat;
@@ -116,7 +116,7 @@ public:
                                                       const AudioFormatPtr &format);
 
     // Captured frames handed to the encoder, and frames it returned, since it was last prepared.
-    std::atomic<int64_t> framesIn{0};
+    std::atomic<int64_t> framesIn {0};
     int64_t framesEncoded() const;
     void resetCounters();
 
@@ -134,8 +134,8 @@ private:
     VideoFormatPtr m_videoFormat; // of the most recent key frame
     AudioFormatPtr m_audioFormat; // of the first system-audio packet since the last clear
     AudioFormatPtr m_micFormat; // of the first microphone packet since the last clear
-    std::deque<EncodedFrame> m_video; // arrival order, which is presentation order
-    std::deque<AudioPacket> m_audio;
-    std::deque<AudioPacket> m_mic;
+    RecordStore<EncodedFrame> m_video; // arrival order, which is presentation order
+    RecordStore<AudioPacket> m_audio;
+    RecordStore<AudioPacket> m_mic;
     int64_t m_framesEncoded = 0;
 };

@@ -61,7 +61,8 @@ public:
 
     // Add outputs before starting. Throw std::runtime_error when the output cannot be added.
     virtual void addScreenOutput(SerialQueue &queue, FrameHandler handler) = 0;
-    virtual void addAudioOutput(StreamOutputType type, SerialQueue &queue, AudioHandler handler) = 0;
+    virtual void addAudioOutput(StreamOutputType type, SerialQueue &queue,
+                                AudioHandler handler) = 0;
     virtual void setStopHandler(StopHandler handler) = 0;
 
     virtual void startCapture(StartCompletion completion) = 0;

@@ -1,5 +1,5 @@
-#include "capture/ClipEngine.h"
 #include "capture/ClipSettings.h"
+#include "capture/ClipEngine.h"
 #include "capture/Paths.h"
 #include "core/Preferences.h"
 

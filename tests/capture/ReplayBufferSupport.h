@@ -13,7 +13,10 @@ inline MediaTime nanos(double seconds)
     return MediaTime::make(int64_t(seconds * 1e9 + 0.5), 1'000'000'000);
 }
 
-inline MediaTime frameTime(int64_t index) { return nanos(double(index) / 60.0); }
+inline MediaTime frameTime(int64_t index)
+{
+    return nanos(double(index) / 60.0);
+}
 
 inline ReplayBuffer::EncodedFrame frame(int64_t index, bool isKey, size_t bytes = 64)
 {
@@ -24,13 +27,13 @@ inline ReplayBuffer::EncodedFrame frame(int64_t index, bool isKey, size_t bytes 
 inline VideoFormatPtr videoFormat()
 {
     static const auto format =
-        std::make_shared<const VideoFormat>(VideoFormat{1920, 1080, {1, 0x64, 0, 0x28}});
+        std::make_shared<const VideoFormat>(VideoFormat {1920, 1080, {1, 0x64, 0, 0x28}});
     return format;
 }
 
 inline AudioFormatPtr stereoFloat(int rate = 48000)
 {
-    return std::make_shared<const AudioFormat>(AudioFormat{rate, 2});
+    return std::make_shared<const AudioFormat>(AudioFormat {rate, 2});
 }
 
 // Stores `seconds` of video starting at frame `first`, a key frame every `keyInterval` frames.
@@ -45,7 +48,7 @@ inline int64_t feedVideo(ReplayBuffer &buffer, int64_t first, double seconds, in
 struct AudioFeed
 {
     std::vector<uint8_t> pcm = std::vector<uint8_t>(480 * 8, 7);
-    std::span<const uint8_t> piece{pcm};
+    std::span<const uint8_t> piece {pcm};
 
     AudioSampleBuffer at(double seconds, AudioFormatPtr format = stereoFloat(),
                          MediaTime duration = MediaTime::make(480, 48000))

@@ -1,5 +1,5 @@
-#include "capture/ClipSettings.h"
 #include "capture/ReplayBuffer.h"
+#include "capture/ClipSettings.h"
 
 #include "capture/ReplayBufferSupport.h"
 #include "support/TestEnvironment.h"
@@ -149,7 +149,7 @@ TEST_F(ReplayBufferTest, MalformedAudioIsDroppedAndMissingDurationsAreWorkedOut)
     const auto mic = buffer.snapshot().mic;
     ASSERT_EQ(mic.size(), 1u);
     EXPECT_EQ(std::vector<uint8_t>(mic[0].data.data(), mic[0].data.data() + 8),
-              (std::vector<uint8_t>{1, 1, 1, 1, 2, 2, 2, 2}));
+              (std::vector<uint8_t> {1, 1, 1, 1, 2, 2, 2, 2}));
 }
 
 TEST_F(ReplayBufferTest, VideoIsPassedOnOnlyOnceAFormatIsKnownAndOutsideTheLock)

@@ -17,9 +17,8 @@ TEST_F(ReplayBufferThreads, SnapshotsStayConsistentWhileThreeStreamsAppend)
     ClipSettings::setMaxDuration(15);
     ReplayBuffer buffer;
     std::atomic<int64_t> passedOn = 0;
-    buffer.setOnVideoFrame([&](const ReplayBuffer::EncodedFrame &, const VideoFormatPtr &) {
-        ++passedOn;
-    });
+    buffer.setOnVideoFrame(
+        [&](const ReplayBuffer::EncodedFrame &, const VideoFormatPtr &) { ++passedOn; });
     buffer.setOnMicPacket([&](const ReplayBuffer::AudioPacket &) { buffer.audioCount(); });
 
     // 40 s of media time, produced as fast as the threads go; audio runs on the same clock.

@@ -29,8 +29,8 @@ TEST(Log, LinesFromManyThreadsStayWholeAndInOrderPerThread)
     const QStringList lines = readTextFile(path).split(QLatin1Char('\n'));
     ASSERT_EQ(lines.size(), threads * perThread + 1);
     EXPECT_TRUE(lines.last().isEmpty());
-    const QRegularExpression shape(
-        QStringLiteral("^\\d{4}-\\d\\d-\\d\\d \\d\\d:\\d\\d:\\d\\d \\+0000 t(\\d) n(\\d+) x{600}$"));
+    const QRegularExpression shape(QStringLiteral(
+        "^\\d{4}-\\d\\d-\\d\\d \\d\\d:\\d\\d:\\d\\d \\+0000 t(\\d) n(\\d+) x{600}$"));
     std::vector<int> next(threads, 0);
     for (int i = 0; i < lines.size() - 1; ++i) {
         const auto match = shape.match(lines[i]);
