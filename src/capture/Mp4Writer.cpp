@@ -10,6 +10,7 @@
 #include <atomic>
 #include <cstring>
 #include <limits>
+#include <mutex>
 #include <stdexcept>
 #include <vector>
 
@@ -33,6 +34,17 @@ int64_t ticks(MediaTime time, AVRational base)
 double seconds(int64_t value, AVRational base)
 {
     return double(value) * base.num / base.den;
+}
+
+// FFmpeg's informational lines (the AAC encoder's statistics at every close) would fill the
+// program's standard error, which is its system log; warnings and errors still come through.
+void quietLibraries()
+{
+    static std::once_flag once;
+    std::call_once(once, [] {
+        if (av_log_get_level() > AV_LOG_WARNING)
+            av_log_set_level(AV_LOG_WARNING);
+    });
 }
 
 struct BytesHolder
@@ -282,7 +294,7 @@ struct Mp4Writer::Core : std::enable_shared_from_this<Core>
 };
 
 Mp4Writer::Mp4Writer(const QString &path, SerialQueue &queue)
-    : d(std::make_shared<Core>(path, queue))
+    : d((quietLibraries(), std::make_shared<Core>(path, queue)))
 {
     d->notifier = std::make_shared<Core::Notifier>(queue);
     d->notifier->core = d;

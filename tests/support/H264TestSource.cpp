@@ -100,6 +100,7 @@ void check(int result, const char *what)
 
 H264TestSource::H264TestSource(int width, int height, int64_t bitRate)
 {
+    av_log_set_level(AV_LOG_ERROR); // x264's statistics would drown the test's own output
     const AVCodec *codec = avcodec_find_encoder_by_name("libx264");
     if (!codec)
         throw std::runtime_error("H264TestSource: no libx264");
