@@ -45,8 +45,9 @@ QStringList ClipExportTest::tempFiles() const
 
 ClipExportTest::Outcome ClipExportTest::wait(QFuture<QString> future)
 {
-    future.waitForFinished();
     try {
+        // Both the wait and the result throw the export's error.
+        future.waitForFinished();
         return {future.result(), {}};
     } catch (const RecorderError &error) {
         return {{}, error.text()};
