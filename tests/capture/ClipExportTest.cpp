@@ -91,21 +91,21 @@ TEST_F(ClipExportTest, WritesOnlyTheTracksTheBufferHolds)
 {
     ReplayBuffer buffer;
     storeFrames(buffer, 0, 240);
-    Outcome outcome = wait(buffer.exportClip());
-    ASSERT_EQ(outcome.error, QString());
-    QJsonObject info = probe::ffprobe(outcome.path);
+    const Outcome videoOnly = wait(buffer.exportClip());
+    storeAudio(buffer, PcmTestSource {}, 0, 4);
+    const Outcome withAudio = wait(buffer.exportClip());
+    ASSERT_EQ(videoOnly.error, QString());
+    ASSERT_EQ(withAudio.error, QString());
+    EXPECT_EQ(recordingsFiles().size(), 2);
+
+    QJsonObject info = probe::ffprobe(videoOnly.path);
     EXPECT_EQ(probe::streams(info, "video").size(), 1);
     EXPECT_EQ(probe::streams(info, "audio").size(), 0);
-    EXPECT_EQ(probe::decodeErrors(outcome.path), QString());
-
-    storeAudio(buffer, PcmTestSource {}, 0, 4);
-    outcome = wait(buffer.exportClip());
-    ASSERT_EQ(outcome.error, QString());
-    info = probe::ffprobe(outcome.path);
+    EXPECT_EQ(probe::decodeErrors(videoOnly.path), QString());
+    info = probe::ffprobe(withAudio.path);
     EXPECT_EQ(probe::streams(info, "video").size(), 1);
     EXPECT_EQ(probe::streams(info, "audio").size(), 1);
-    EXPECT_EQ(probe::decodeErrors(outcome.path), QString());
-    EXPECT_EQ(recordingsFiles().size(), 2);
+    EXPECT_EQ(probe::decodeErrors(withAudio.path), QString());
 }
 
 // Two saves in flight at once are independent: two clips, named apart by their six UUID
