@@ -34,16 +34,11 @@ function(vantrel_test name)
     if("pulse" IN_LIST T_FIXTURES)
       list(APPEND env "PULSE_SERVER=${VANTREL_TEST_PULSE_SERVER}")
     endif()
+    # gtest_discover_tests (CMake 3.25) flattens a list-valued ENVIRONMENT into separate
+    # property names, so only the first variable would arrive. The test executor it honours runs
+    # both the listing and every case through env with all of them.
+    find_program(ENV_PROGRAM env REQUIRED)
+    set_target_properties(${name} PROPERTIES CROSSCOMPILING_EMULATOR "${ENV_PROGRAM};${env}")
   endif()
   gtest_discover_tests(${name} DISCOVERY_MODE PRE_TEST PROPERTIES ${props})
-  if(T_FIXTURES)
-    # The environment is a list, and gtest_discover_tests flattens list-valued properties (only
-    # the first variable would arrive), so it is set on the discovered tests by a script of its
-    # own that ctest runs after the discovery.
-    set(env_script "${CMAKE_CURRENT_BINARY_DIR}/${name}_environment.cmake")
-    file(WRITE "${env_script}" "foreach(test IN LISTS ${name}_TESTS)\n"
-      "  set_tests_properties(\"\${test}\" PROPERTIES ENVIRONMENT [==[${env}]==])\n"
-      "endforeach()\n")
-    set_property(DIRECTORY APPEND PROPERTY TEST_INCLUDE_FILES "${env_script}")
-  endif()
 endfunction()

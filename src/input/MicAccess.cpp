@@ -1,0 +1,7 @@
+#include "input/MicAccess.h"
+
+namespace MicAccess {
+
+void requestIfNeeded() { }
+
+} // namespace MicAccess

@@ -1,0 +1,21 @@
+#pragma once
+
+#include "input/PermissionNotifier.h"
+
+// The words of the permission notices: what is missing, what the user can do about it, and what
+// keeps working meanwhile.
+namespace PermissionTexts {
+
+PermissionNotice screenRecording(bool isFirstPrompt);
+
+// `x11KeysWork`: the clip key already works in X11 applications without keyboard access.
+PermissionNotice inputMonitoring(bool isFirstPrompt, bool x11KeysWork);
+
+// `keyboardsReadable`: the clip key already works everywhere through the keyboards.
+PermissionNotice accessibility(bool isFirstPrompt, bool keyboardsReadable);
+
+// The hotkey manager's own help, shown when the user asks how to make the clip key work in
+// other applications.
+PermissionNotice hotkeyHelp(bool keyboardsReadable, bool x11KeysWork);
+
+} // namespace PermissionTexts
