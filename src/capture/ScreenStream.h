@@ -28,6 +28,11 @@ struct ShareableContent
     std::vector<CaptureDisplay> displays;
 };
 
+// The display to capture: the one containing the pointer, else the primary one, else the first;
+// none when the list is empty.
+std::optional<CaptureDisplay> chooseCaptureDisplay(const std::vector<CaptureDisplay> &displays,
+                                                   std::optional<std::pair<int, int>> pointer);
+
 struct StreamConfiguration
 {
     int width = 0; // the capture size: the display is scaled to it
@@ -52,14 +57,16 @@ public:
     using FrameHandler = std::function<void(const VideoFrame &)>;
     using AudioHandler = std::function<void(const AudioSampleBuffer &)>;
     // The stream ended on its own (the X server went away, the display was unplugged, the
-    // audio server died); the text says why. Called at most once, on any thread.
+    // audio server died); the text says why. Called at most once, on any thread, and never
+    // after stopCapture() was called. It must not destroy the stream.
     using StopHandler = std::function<void(const std::string &error)>;
     // Called once, on any thread: no value on success, else why the start failed.
     using StartCompletion = std::function<void(std::optional<std::string> error)>;
 
     virtual ~ScreenStream() = default;
 
-    // Add outputs before starting. Throw std::runtime_error when the output cannot be added.
+    // Add outputs before starting. Throw std::runtime_error when the output cannot be added. The
+    // queues must outlive the stream's stopCapture().
     virtual void addScreenOutput(SerialQueue &queue, FrameHandler handler) = 0;
     virtual void addAudioOutput(StreamOutputType type, SerialQueue &queue,
                                 AudioHandler handler) = 0;
@@ -85,5 +92,8 @@ public:
     virtual std::unique_ptr<ScreenStream> makeStream(const CaptureDisplay &display,
                                                      const StreamConfiguration &config) = 0;
 
+    // The backend for this session: VANTREL_SCREEN_BACKEND names it ("x11"), otherwise X11 when
+    // an X display is there and the session is not Wayland's. Throws std::runtime_error with a
+    // sentence for the user when there is none (unknown backend, no display, a Wayland session).
     static std::unique_ptr<ScreenCaptureService> create();
 };

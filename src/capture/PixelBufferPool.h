@@ -1,0 +1,61 @@
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <memory>
+#include <mutex>
+#include <vector>
+
+// A fixed set of BGRA pixel buffers that frames borrow and give back. Each buffer lives in a
+// memfd, so the X server can write a grab straight into it (MIT-SHM) and no copy is needed. The
+// pool's size is the bound on frames in flight: when every buffer is out, acquire() says so and
+// the caller skips a frame instead of allocating.
+class PixelBufferPool
+{
+public:
+    class Buffer
+    {
+    public:
+        Buffer(int index, int width, int height); // throws std::runtime_error
+        ~Buffer();
+        Buffer(const Buffer &) = delete;
+        Buffer &operator=(const Buffer &) = delete;
+
+        int index() const { return m_index; }
+        int fd() const { return m_fd; } // stays owned by the buffer
+        uint8_t *data() const { return m_data; }
+        size_t size() const { return m_size; }
+        int width() const { return m_width; }
+        int height() const { return m_height; }
+        int stride() const { return m_width * 4; }
+
+    private:
+        int m_index;
+        int m_width;
+        int m_height;
+        size_t m_size;
+        int m_fd = -1;
+        uint8_t *m_data = nullptr;
+    };
+
+    // Throws std::runtime_error when the memory cannot be had.
+    PixelBufferPool(int count, int width, int height);
+
+    // A free buffer, returned to the pool when the last holder lets go (which may be after the
+    // pool itself is gone); null when all are out.
+    std::shared_ptr<Buffer> acquire();
+
+    int count() const { return int(m_state->buffers.size()); }
+    int freeCount() const;
+    const Buffer &buffer(int index) const { return *m_state->buffers[size_t(index)]; }
+
+private:
+    struct State
+    {
+        std::vector<std::unique_ptr<Buffer>> buffers; // fixed after construction
+        // Guards `free`, the indices of the buffers nobody holds.
+        std::mutex lock;
+        std::vector<int> free;
+    };
+    std::shared_ptr<State> m_state;
+};

@@ -1,0 +1,78 @@
+#pragma once
+
+#include "capture/ScreenStream.h"
+
+#include <atomic>
+#include <condition_variable>
+#include <cstdint>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <thread>
+
+class PixelBufferPool;
+class PulseAudioCapture;
+class QueueDelivery;
+class X11FrameGrabber;
+
+// A capture of one RandR monitor of the X server with its audio. A thread of its own ticks at the
+// configured rate from the monotonic clock (frame n is due at start + n / fps, so the rate never
+// drifts); at each tick it grabs the monitor if XDamage or the pointer says something changed
+// (cursor drawn in, scaled to the capture size) and otherwise delivers an idle frame at almost no
+// cost. Audio comes from PulseAudioCapture.
+//
+// The stream ends itself with a message to the stop handler, once, when the X connection dies,
+// the monitor disappears or the audio server goes away; the stop handler runs on the capture
+// thread and must not destroy the stream (stopping it is fine).
+class X11ScreenStream final : public ScreenStream
+{
+public:
+    struct Stats
+    {
+        int64_t complete = 0; // grabbed and delivered
+        int64_t idle = 0; // nothing changed: delivered without pixels
+        int64_t skipped = 0; // no free buffer, or the consumer had queueDepth frames waiting
+        int64_t late = 0; // ticks missed because a tick overran its slot
+    };
+
+    // A config without a size captures at the display's own size. `displayName` empty: DISPLAY.
+    X11ScreenStream(const CaptureDisplay &display, const StreamConfiguration &config,
+                    std::string displayName = {});
+    ~X11ScreenStream() override;
+
+    void addScreenOutput(SerialQueue &queue, FrameHandler handler) override;
+    void addAudioOutput(StreamOutputType type, SerialQueue &queue, AudioHandler handler) override;
+    void setStopHandler(StopHandler handler) override;
+    void startCapture(StartCompletion completion) override;
+    void stopCapture() override;
+
+    Stats stats() const;
+
+private:
+    void run(StartCompletion completion);
+    void captureLoop(X11FrameGrabber &grabber, PixelBufferPool &pool);
+    void tick(X11FrameGrabber &grabber, PixelBufferPool &pool, int64_t now);
+    void end(const std::string &why);
+
+    const CaptureDisplay m_display;
+    const StreamConfiguration m_config;
+    const std::string m_displayName;
+
+    // Set up before startCapture() and only read afterwards.
+    FrameHandler m_frameHandler;
+    std::unique_ptr<QueueDelivery> m_screen;
+    std::unique_ptr<PulseAudioCapture> m_audio;
+    StopHandler m_stopHandler;
+
+    std::thread m_thread;
+    std::mutex m_wakeLock; // guards m_stopRequested; the capture thread sleeps on m_wake
+    std::condition_variable m_wake;
+    bool m_stopRequested = false;
+    std::atomic<bool> m_ended {false}; // the stop handler was called, or stopCapture() was
+    std::atomic<bool> m_stopped {false}; // stopCapture() has run its course once
+
+    std::atomic<int64_t> m_complete {0};
+    std::atomic<int64_t> m_idle {0};
+    std::atomic<int64_t> m_skipped {0};
+    std::atomic<int64_t> m_late {0};
+};
