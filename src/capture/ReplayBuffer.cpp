@@ -1,6 +1,7 @@
 #include "capture/ReplayBuffer.h"
 
 #include "capture/ClipSettings.h"
+#include "capture/VideoEncoder.h"
 
 #include <cmath>
 
@@ -15,6 +16,40 @@ template<typename Callback> std::shared_ptr<const Callback> share(Callback callb
 }
 
 } // namespace
+
+ReplayBuffer::ReplayBuffer() = default;
+
+ReplayBuffer::~ReplayBuffer()
+{
+    m_session.reset();
+}
+
+void ReplayBuffer::prepare(int64_t width, int64_t height)
+{
+    invalidate();
+    // The encoder's thread stores straight into this buffer. invalidate() and the destructor
+    // close the encoder, joining that thread, before the buffer is emptied or goes away.
+    auto session = std::make_unique<VideoEncoder>(
+        width, height, [this](EncodedFrame frame, VideoFormatPtr keyFormat) {
+            storeEncodedFrame(std::move(frame), std::move(keyFormat));
+        });
+    m_session = std::move(session);
+    resetCounters();
+}
+
+void ReplayBuffer::encodeVideo(const VideoFrame &frame)
+{
+    // An idle frame repeats the picture before it: there is nothing new to encode.
+    if (!m_session || !frame.pixels || frame.status != VideoFrame::Status::complete)
+        return;
+    const int64_t ordinal = ++framesIn;
+    m_session->encode(frame, ordinal);
+}
+
+std::string ReplayBuffer::encoderName() const
+{
+    return m_session ? m_session->name() : std::string();
+}
 
 void ReplayBuffer::setOnVideoFrame(VideoCallback callback)
 {
@@ -130,6 +165,8 @@ void ReplayBuffer::trimLocked(double maxDurationSeconds)
 
 void ReplayBuffer::invalidate()
 {
+    // Outside the lock: closing waits for the encoder thread, which may be storing a frame.
+    m_session.reset();
     std::scoped_lock lock(m_lock);
     m_video.clear();
     m_audio.clear();

@@ -4,6 +4,7 @@
 #include "capture/MediaFormat.h"
 #include "capture/MediaTime.h"
 #include "capture/RecordList.h"
+#include "capture/VideoFrame.h"
 
 #include <atomic>
 #include <cstdint>
@@ -11,7 +12,10 @@
 #include <memory>
 #include <mutex>
 #include <span>
+#include <string>
 #include <vector>
+
+class VideoEncoder;
 
 // One captured audio buffer as the capture stream hands it over, before it is stored: views into
 // the stream's own memory, valid for the duration of the append call only.
@@ -69,7 +73,9 @@ public:
     using VideoCallback = std::function<void(const EncodedFrame &, const VideoFormatPtr &)>;
     using AudioCallback = std::function<void(const AudioPacket &)>;
 
-    ReplayBuffer() = default;
+    ReplayBuffer();
+    // Closes the encoder first: its thread stores into this buffer.
+    ~ReplayBuffer();
     ReplayBuffer(const ReplayBuffer &) = delete;
     ReplayBuffer &operator=(const ReplayBuffer &) = delete;
 
@@ -84,12 +90,25 @@ public:
     void appendAudio(const AudioSampleBuffer &sample) { appendAudioPacket(sample, false); }
     void appendMic(const AudioSampleBuffer &sample) { appendAudioPacket(sample, true); }
 
+    // The video path. `prepare` empties the buffer and opens an encoder for frames of this size
+    // (throwing RecorderError::writerFailed when none opens) with both counters at 0;
+    // `encodeVideo` hands it one captured frame (idle frames and frames without pixels are
+    // ignored); the encoder stores what it makes through storeEncodedFrame, on its own thread.
+    // `prepare` and `invalidate` must not run while `encodeVideo` does: the capture engine calls
+    // them before its stream starts and after it has stopped passing frames on.
+    void prepare(int64_t width, int64_t height);
+    void encodeVideo(const VideoFrame &frame);
+    // The libavcodec encoder in use, or empty without one.
+    std::string encoderName() const;
+
     // The encoder's way in: store one compressed frame. `keyFormat` is the format the encoder
     // reported with the frame, if any; it becomes the buffer's video format at key frames. The
     // frame is passed on to `onVideoFrame` once a video format is known.
     void storeEncodedFrame(EncodedFrame frame, VideoFormatPtr keyFormat);
 
-    // Empties the three lists and forgets the three formats.
+    // Closes the encoder, discarding frames still inside it, then empties the three lists and
+    // forgets the three formats. Nothing is stored after it returns (until the next prepare).
+    // Must not be called from a callback that runs on the encoder's thread.
     void invalidate();
 
     double bufferedDuration() const; // seconds from the first to the last frame's time stamp
@@ -105,6 +124,10 @@ public:
 private:
     void appendAudioPacket(const AudioSampleBuffer &sample, bool isMic);
     void trimLocked(double maxDurationSeconds);
+
+    // Written by prepare and invalidate and read by encodeVideo, which never overlap; not
+    // guarded by m_lock, since closing it waits for its thread, which takes the lock.
+    std::unique_ptr<VideoEncoder> m_session;
 
     // m_lock guards every member below it. It is held only for a list update with its trim, the
     // read-outs, the clearing and the snapshot; never while calling out (callbacks, encoder,
