@@ -2,15 +2,20 @@
 
 #include "capture/Bytes.h"
 #include "capture/MediaFormat.h"
+#include "capture/MediaSample.h"
 #include "capture/MediaTime.h"
 #include "capture/RecordList.h"
 #include "capture/VideoFrame.h"
+
+#include <QFuture>
+#include <QString>
 
 #include <atomic>
 #include <cstdint>
 #include <functional>
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <span>
 #include <string>
 #include <vector>
@@ -115,6 +120,19 @@ public:
     int videoCount() const;
     int audioCount() const; // system audio only
     Snapshot snapshot() const;
+
+    // Writes the last stretch of the buffer into a new clip in the recordings folder and answers
+    // with its path, or fails with a RecorderError whose text the user sees. The snapshot is
+    // taken before this returns; the file is written on the process-wide export queue, so
+    // capture goes on appending meanwhile. (Defined with the rest of the export.)
+    QFuture<QString> exportClip() const;
+
+    // A stored record as a writer takes it, with the record's own time stamps; none for a
+    // record that holds nothing to write (no bytes, no samples, no format).
+    static std::optional<MediaSample> makeVideoSample(const EncodedFrame &frame,
+                                                      const VideoFormatPtr &format);
+    static std::optional<MediaSample> makeAudioSample(const AudioPacket &packet,
+                                                      const AudioFormatPtr &format);
 
     // Captured frames handed to the encoder, and frames it returned, since it was last prepared.
     std::atomic<int64_t> framesIn {0};

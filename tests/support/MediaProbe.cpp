@@ -1,0 +1,79 @@
+#include "support/MediaProbe.h"
+
+#include <QJsonDocument>
+#include <QProcess>
+
+#include <cstring>
+
+namespace probe {
+
+namespace {
+
+QByteArray run(const QString &program, const QStringList &arguments, QByteArray *errors = nullptr)
+{
+    QProcess process;
+    process.setProgram(program);
+    process.setArguments(arguments);
+    process.start();
+    if (!process.waitForFinished(120'000)) {
+        process.kill();
+        process.waitForFinished();
+    }
+    if (errors)
+        *errors = process.readAllStandardError();
+    return process.readAllStandardOutput();
+}
+
+} // namespace
+
+QJsonObject ffprobe(const QString &path, const QStringList &extra)
+{
+    QStringList arguments {QStringLiteral("-v"),           QStringLiteral("error"),
+                           QStringLiteral("-of"),          QStringLiteral("json"),
+                           QStringLiteral("-show_format"), QStringLiteral("-show_streams")};
+    arguments += extra;
+    arguments << path;
+    return QJsonDocument::fromJson(run(QStringLiteral("ffprobe"), arguments)).object();
+}
+
+QJsonArray streams(const QJsonObject &info, const QString &type)
+{
+    QJsonArray out;
+    for (const QJsonValue &stream : info.value(QStringLiteral("streams")).toArray()) {
+        if (stream.toObject().value(QStringLiteral("codec_type")).toString() == type)
+            out.append(stream);
+    }
+    return out;
+}
+
+QString decodeErrors(const QString &path)
+{
+    QByteArray errors;
+    const QByteArray output =
+        run(QStringLiteral("ffmpeg"),
+            {QStringLiteral("-nostdin"), QStringLiteral("-v"), QStringLiteral("error"),
+             QStringLiteral("-i"), path, QStringLiteral("-f"), QStringLiteral("null"),
+             QStringLiteral("-")},
+            &errors);
+    return QString::fromUtf8(output + errors);
+}
+
+std::vector<float> decodeAudio(const QString &path, int index)
+{
+    const QByteArray raw = run(
+        QStringLiteral("ffmpeg"),
+        {QStringLiteral("-nostdin"), QStringLiteral("-v"), QStringLiteral("error"),
+         QStringLiteral("-i"), path, QStringLiteral("-map"), QStringLiteral("0:a:%1").arg(index),
+         QStringLiteral("-ac"), QStringLiteral("1"), QStringLiteral("-ar"), QStringLiteral("48000"),
+         QStringLiteral("-f"), QStringLiteral("f32le"), QStringLiteral("-")});
+    std::vector<float> samples(size_t(raw.size()) / sizeof(float));
+    std::memcpy(samples.data(), raw.constData(), samples.size() * sizeof(float));
+    return samples;
+}
+
+double number(const QJsonValue &value)
+{
+    return value.isDouble() ? value.toDouble() : value.toString().toDouble();
+}
+
+} // namespace probe

@@ -1,0 +1,30 @@
+#pragma once
+
+#include <QJsonArray>
+#include <QJsonObject>
+#include <QString>
+#include <QStringList>
+
+#include <vector>
+
+// Looks at written files with the real FFmpeg tools, run as processes, the way a user's player
+// would see them.
+namespace probe {
+
+// ffprobe's JSON for `path` with -show_format -show_streams and `extra` (e.g. -show_packets);
+// empty when ffprobe fails.
+QJsonObject ffprobe(const QString &path, const QStringList &extra = {});
+
+// The streams of `info` of one type ("video", "audio"), in file order.
+QJsonArray streams(const QJsonObject &info, const QString &type);
+
+// What `ffmpeg -v error -i path -f null -` prints: empty for a file that decodes end to end.
+QString decodeErrors(const QString &path);
+
+// The decoded audio of audio stream `index` as mono float samples at 48 kHz.
+std::vector<float> decodeAudio(const QString &path, int index);
+
+// A number held as text in ffprobe's JSON ("0.016667").
+double number(const QJsonValue &value);
+
+} // namespace probe
