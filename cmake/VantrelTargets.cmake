@@ -21,10 +21,6 @@ function(vantrel_test name)
     list(APPEND props LABELS "${T_LABELS}")
   endif()
   if(T_FIXTURES)
-    list(APPEND props FIXTURES_REQUIRED "${T_FIXTURES}")
-    # Tests that share a server run one at a time, so one test's keys or sounds never reach
-    # another.
-    list(APPEND props RESOURCE_LOCK "${T_FIXTURES}")
     set(env "VANTREL_FIXTURE_DIR=${VANTREL_FIXTURE_DIR}")
     if("xvfb" IN_LIST T_FIXTURES)
       list(APPEND env "DISPLAY=${VANTREL_TEST_DISPLAY}")
@@ -41,4 +37,16 @@ function(vantrel_test name)
     set_target_properties(${name} PROPERTIES CROSSCOMPILING_EMULATOR "${ENV_PROGRAM};${env}")
   endif()
   gtest_discover_tests(${name} DISCOVERY_MODE PRE_TEST PROPERTIES ${props})
+  if(T_FIXTURES)
+    # The fixture lists are set by a script of their own that ctest runs after the discovery:
+    # gtest_discover_tests would flatten a list of two fixtures into a fixture and a stray
+    # property name. Tests that share a server run one at a time, so one test's keys or sounds
+    # never reach another.
+    set(script "${CMAKE_CURRENT_BINARY_DIR}/${name}_fixtures.cmake")
+    file(WRITE "${script}" "foreach(test IN LISTS ${name}_TESTS)\n"
+      "  set_tests_properties(\"\${test}\" PROPERTIES FIXTURES_REQUIRED [==[${T_FIXTURES}]==]\n"
+      "    RESOURCE_LOCK [==[${T_FIXTURES}]==])\n"
+      "endforeach()\n")
+    set_property(DIRECTORY APPEND PROPERTY TEST_INCLUDE_FILES "${script}")
+  endif()
 endfunction()
