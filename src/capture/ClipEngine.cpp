@@ -8,14 +8,13 @@
 #include "capture/SessionRecorder.h"
 #include "core/Log.h"
 #include "core/SerialQueue.h"
+#include "core/SharedPool.h"
 #include "input/ClipHotkey.h"
 #include "input/ScreenAccess.h"
 
-#include <QThreadPool>
-#include <QtConcurrent>
-
 #include <chrono>
 #include <cmath>
+#include <future>
 #include <stdexcept>
 #include <system_error>
 
@@ -23,11 +22,6 @@ namespace {
 
 constexpr auto startLimit = std::chrono::milliseconds(8000);
 constexpr int maxSide = 1920;
-
-QThreadPool *pool()
-{
-    return QThreadPool::globalInstance();
-}
 
 // Where the start limit's timer runs: one small queue for the process, so that no pool thread
 // sleeps through the eight seconds.
@@ -78,14 +72,6 @@ void ClipEngine::Capture::halt()
         if (queue)
             queue->sync([] {});
     }
-}
-
-ClipEngine::Capture::~Capture()
-{
-    stream.reset();
-    videoQueue.reset();
-    audioQueue.reset();
-    micQueue.reset();
 }
 
 ClipEngine::ClipEngine(ServiceFactory makeService)
@@ -171,20 +157,19 @@ QSize ClipEngine::captureSize(int width, int height)
 
 QFuture<void> ClipEngine::start()
 {
-    QFuture<void> task = QtConcurrent::run(pool(), [this] { return arm(); }).unwrap();
+    QFuture<void> task = SharedPool::task<void>([this] { arm(); });
     track(task);
     return task;
 }
 
-QFuture<void> ClipEngine::arm()
+void ClipEngine::arm()
 {
     if (m_armed)
-        return QtFuture::makeReadyFuture();
+        return;
     {
         // A later stop must run a teardown of its own.
         std::scoped_lock lock(m_stopLock);
-        m_inflightStop = {};
-        m_hasInflightStop = false;
+        m_inflightStop.reset();
         m_ignoringStreamStop = false;
     }
     if (!ScreenAccess::isGranted()) {
@@ -264,14 +249,12 @@ QFuture<void> ClipEngine::arm()
     // Before the stream starts, so that its first samples are taken.
     m_armed = true;
 
-    return startCapture(capture).then(pool(), [this, capture](QFuture<void> started) {
-        try {
-            started.waitForFinished();
-        } catch (...) {
-            failStart(capture, std::current_exception());
-        }
-        log(QStringLiteral("startCapture ok"));
-    });
+    try {
+        startCapture(*capture);
+    } catch (...) {
+        failStart(capture, std::current_exception());
+    }
+    log(QStringLiteral("startCapture ok"));
 }
 
 void ClipEngine::addOutputs(Capture &capture, bool mic)
@@ -307,35 +290,32 @@ void ClipEngine::addOutputs(Capture &capture, bool mic)
     capture.stream->setStopHandler([this](const std::string &error) { streamDidStop(error); });
 }
 
-QFuture<void> ClipEngine::startCapture(const std::shared_ptr<Capture> &capture)
+void ClipEngine::startCapture(Capture &capture)
 {
     // Whichever comes first answers: the stream's start completion or the time limit. The
     // other finds the box used and does nothing.
     struct Start
     {
         ResumeBox box;
-        QPromise<void> promise;
+        std::promise<std::exception_ptr> outcome;
     };
     auto start = std::make_shared<Start>();
-    start->promise.start();
-    QFuture<void> started = start->promise.future();
+    std::future<std::exception_ptr> outcome = start->outcome.get_future();
 
     auto timer = timerQueue().asyncAfter(startLimit, [start] {
-        start->box.resume([&] {
-            start->promise.setException(RecorderError::notReady());
-            start->promise.finish();
-        });
+        start->box.resume(
+            [&] { start->outcome.set_value(std::make_exception_ptr(RecorderError::notReady())); });
     });
-    capture->stream->startCapture([start, timer](std::optional<std::string> error) mutable {
+    capture.stream->startCapture([start, timer](std::optional<std::string> error) mutable {
         timer.cancel();
         start->box.resume([&] {
-            if (error)
-                start->promise.setException(
-                    std::make_exception_ptr(StreamFailure(std::move(*error))));
-            start->promise.finish();
+            start->outcome.set_value(
+                error ? std::make_exception_ptr(StreamFailure(std::move(*error))) : nullptr);
         });
     });
-    return started;
+    // The wait is on the stream's thread and the timer queue, never on another pool task.
+    if (std::exception_ptr error = outcome.get())
+        std::rethrow_exception(error);
 }
 
 void ClipEngine::failStart(const std::shared_ptr<Capture> &capture, const std::exception_ptr &error)
@@ -343,14 +323,11 @@ void ClipEngine::failStart(const std::shared_ptr<Capture> &capture, const std::e
     log(QStringLiteral("startCapture/addOutput failed: %1").arg(textOf(error)));
     m_armed = false;
     capture->halt();
+    std::shared_ptr<SessionRecorder> recorder;
     {
         std::scoped_lock lock(m_stateLock);
         if (m_capture == capture)
             m_capture.reset();
-    }
-    std::shared_ptr<SessionRecorder> recorder;
-    {
-        std::scoped_lock lock(m_stateLock);
         recorder.swap(m_sessionRecorder);
     }
     clearBufferCallbacks();
@@ -371,17 +348,51 @@ void ClipEngine::clearBufferCallbacks()
 
 QFuture<std::optional<QString>> ClipEngine::stop(bool saveSession)
 {
-    std::scoped_lock lock(m_stopLock);
-    if (!m_hasInflightStop) {
-        m_inflightStop = QtConcurrent::run(pool(), [this, saveSession] {
-                             return performStop(saveSession);
-                         }).unwrap();
-        m_hasInflightStop = true;
-    }
-    return m_inflightStop;
+    return beginStop(saveSession, {});
 }
 
-QFuture<std::optional<QString>> ClipEngine::performStop(bool saveSession)
+QFuture<std::optional<QString>> ClipEngine::beginStop(bool saveSession,
+                                                      std::function<void()> afterwards)
+{
+    std::shared_ptr<StopTask> stop;
+    bool isNew = false;
+    bool runNow = false;
+    {
+        std::scoped_lock lock(m_stopLock);
+        if (!m_inflightStop) {
+            m_inflightStop = std::make_shared<StopTask>();
+            m_inflightStop->promise.start();
+            m_inflightStop->future = m_inflightStop->promise.future();
+            isNew = true;
+        }
+        stop = m_inflightStop;
+        if (afterwards) {
+            if (stop->done)
+                runNow = true;
+            else
+                stop->afterwards.push_back(std::move(afterwards));
+        }
+    }
+    if (runNow)
+        track(SharedPool::task<void>(std::move(afterwards)));
+    if (isNew) {
+        track(SharedPool::task<void>([this, stop, saveSession] {
+            stop->promise.addResult(performStop(saveSession));
+            stop->promise.finish();
+            std::vector<std::function<void()>> afterwards;
+            {
+                std::scoped_lock lock(m_stopLock);
+                stop->done = true;
+                afterwards.swap(stop->afterwards);
+            }
+            for (auto &step : afterwards)
+                step();
+        }));
+    }
+    return stop->future;
+}
+
+std::optional<QString> ClipEngine::performStop(bool saveSession)
 {
     // From here on samples are dropped, and the stream's own stop callback is ignored.
     m_ignoringStreamStop = true;
@@ -390,24 +401,27 @@ QFuture<std::optional<QString>> ClipEngine::performStop(bool saveSession)
     std::shared_ptr<SessionRecorder> recorder;
     {
         std::scoped_lock lock(m_stateLock);
-        recorder.swap(m_sessionRecorder);
+        recorder = m_sessionRecorder;
     }
-    QFuture<std::optional<QString>> finished = recorder
-        ? recorder->finish(saveSession)
-        : QtFuture::makeReadyFuture(std::optional<QString>());
-
-    return finished.then(pool(), [this](std::optional<QString> session) {
-        clearBufferCallbacks();
-        std::shared_ptr<Capture> capture;
-        {
-            std::scoped_lock lock(m_stateLock);
-            capture.swap(m_capture);
-        }
-        if (capture)
-            capture->halt();
-        m_buffer.invalidate();
-        return session;
-    });
+    std::optional<QString> session;
+    if (recorder) {
+        // The recorder's queue answers; the stream keeps delivering meanwhile, and drops.
+        session = recorder->finish(saveSession).result();
+        std::scoped_lock lock(m_stateLock);
+        if (m_sessionRecorder == recorder)
+            m_sessionRecorder.reset();
+    }
+    clearBufferCallbacks();
+    std::shared_ptr<Capture> capture;
+    {
+        std::scoped_lock lock(m_stateLock);
+        capture.swap(m_capture);
+    }
+    // Stopping fails quietly at worst; the teardown goes on.
+    if (capture)
+        capture->halt();
+    m_buffer.invalidate();
+    return session;
 }
 
 void ClipEngine::streamDidStop(const std::string &error)
@@ -416,8 +430,8 @@ void ClipEngine::streamDidStop(const std::string &error)
         return;
     const auto failure = std::make_exception_ptr(StreamFailure(error));
     log(QStringLiteral("stream stopped: %1").arg(describe(failure)));
-    const QString text = QString::fromStdString(error);
-    track(stop(false).then(pool(), [this, text](std::optional<QString>) {
+    // This arming's session file is dropped; the owner hears of the stop once it is over.
+    beginStop(false, [this, text = QString::fromStdString(error)] {
         StoppedCallback callback;
         {
             std::scoped_lock lock(m_stateLock);
@@ -425,22 +439,19 @@ void ClipEngine::streamDidStop(const std::string &error)
         }
         if (callback)
             callback(text);
-    }));
+    });
 }
 
 QFuture<QString> ClipEngine::saveClip()
 {
-    return QtConcurrent::run(pool(),
-                             [this] {
-                                 if (!m_armed)
-                                     throw RecorderError::notArmed(ClipHotkey::displayName());
-                                 log(QString::asprintf("saveClip buffer=%.1fs videos=%d audio=%d",
-                                                       m_buffer.bufferedDuration(),
-                                                       m_buffer.videoCount(),
-                                                       m_buffer.audioCount()));
-                                 return m_buffer.exportClip();
-                             })
-        .unwrap()
-        .then([](QString clip) { return ClipFinish::publish(clip); })
-        .unwrap();
+    return SharedPool::task<QString>([this] {
+        if (!m_armed)
+            throw RecorderError::notArmed(ClipHotkey::displayName());
+        log(QString::asprintf("saveClip buffer=%.1fs videos=%d audio=%d",
+                              m_buffer.bufferedDuration(), m_buffer.videoCount(),
+                              m_buffer.audioCount()));
+        // Both answer from their own queues, not from the pool.
+        const QString clip = m_buffer.exportClip().result();
+        return ClipFinish::publish(clip).result();
+    });
 }

@@ -4,6 +4,7 @@
 #include "capture/ScreenStream.h"
 
 #include <QFuture>
+#include <QPromise>
 #include <QSize>
 #include <QString>
 
@@ -25,9 +26,9 @@ class SessionRecorder;
 // session file.
 //
 // The asynchronous operations run on the shared thread pool and answer through QFutures, so the
-// main thread can co_await them (QCoro) without blocking and tests can wait on them. No pool
-// thread ever blocks on another pool task: waits are continuations, and the only blocking waits
-// are on the session recorder's queue and on the stream itself.
+// main thread can co_await them (QCoro) without blocking and tests can wait on them. A pool task
+// blocks only on the stream, the encoder, the recorder's and the export's queues and the start
+// timer, never on another pool task.
 class ClipEngine
 {
 public:
@@ -78,7 +79,8 @@ public:
     static void log(const QString &message);
 
 private:
-    // What one arming brings up. The stream goes before the queues its handlers run on.
+    // What one arming brings up. The stream is declared last so that it goes first, before the
+    // queues its handlers run on.
     struct Capture
     {
         std::unique_ptr<ScreenCaptureService> service;
@@ -90,15 +92,25 @@ private:
         // Stops the stream and lets every sample already queued run out, so that nothing
         // reaches the replay buffer afterwards.
         void halt();
-        ~Capture();
     };
 
-    QFuture<void> arm();
+    // One teardown and everyone who waits for it: later stop() calls share it, and a system
+    // stop's follow-up runs once it is over.
+    struct StopTask
+    {
+        QPromise<std::optional<QString>> promise;
+        QFuture<std::optional<QString>> future;
+        bool done = false; // guarded by m_stopLock, like the list
+        std::vector<std::function<void()>> afterwards;
+    };
+
+    void arm();
     void addOutputs(Capture &capture, bool mic);
-    QFuture<void> startCapture(const std::shared_ptr<Capture> &capture);
+    void startCapture(Capture &capture);
     [[noreturn]] void failStart(const std::shared_ptr<Capture> &capture,
                                 const std::exception_ptr &error);
-    QFuture<std::optional<QString>> performStop(bool saveSession);
+    QFuture<std::optional<QString>> beginStop(bool saveSession, std::function<void()> afterwards);
+    std::optional<QString> performStop(bool saveSession);
     void streamDidStop(const std::string &error);
     void clearBufferCallbacks();
     void track(QFuture<void> task);
@@ -116,13 +128,12 @@ private:
     // m_stopLock guards m_inflightStop, and orders start()'s reset of m_ignoringStreamStop with
     // it. Held only to read or replace them; nothing is awaited or called while it is held.
     std::mutex m_stopLock;
-    QFuture<std::optional<QString>> m_inflightStop;
-    bool m_hasInflightStop = false;
+    std::shared_ptr<StopTask> m_inflightStop;
 
     // m_stateLock guards the members below. Held only to read or swap them.
     mutable std::mutex m_stateLock;
     std::shared_ptr<Capture> m_capture;
     std::shared_ptr<SessionRecorder> m_sessionRecorder;
     StoppedCallback m_onStopped;
-    std::vector<QFuture<void>> m_tasks; // starts and system-stop follow-ups still running
+    std::vector<QFuture<void>> m_tasks; // starts and stops still running
 };
