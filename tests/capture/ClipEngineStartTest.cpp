@@ -5,7 +5,12 @@
 
 #include "support/TestEnvironment.h"
 
+#include <QCoreApplication>
+#include <QCoroFuture>
+#include <QCoroTask>
 #include <QDir>
+#include <QThread>
+#include <QTimer>
 
 #include <atomic>
 #include <chrono>
@@ -136,4 +141,38 @@ TEST(ClipEngineSizes, CaptureSizeAndErrorText)
     EXPECT_EQ(ClipEngine::describe(std::make_exception_ptr(RecorderError::notReady())),
               QStringLiteral("Vantrel needs Screen Recording turned on, then Arm Replay again. "
                              "(Vantrel.RecorderError 2)"));
+}
+
+// The owner awaits the engine from the main thread's event loop, which keeps running meanwhile.
+TEST_F(ClipEngineStart, IsAwaitedFromTheMainThreadWithoutBlockingIt)
+{
+    int argc = 1;
+    char name[] = "clip_engine_start_tests";
+    char *argv[] = {name, nullptr};
+    QCoreApplication app(argc, argv);
+    HangingStart state;
+    ClipEngine engine([&] { return std::make_unique<HangingService>(state); });
+
+    std::optional<RecorderError::Kind> saveError;
+    std::optional<QString> stopped = QStringLiteral("not answered");
+    bool onMainThread = false;
+    auto owner = [&]() -> QCoro::Task<> {
+        try {
+            co_await engine.saveClip();
+        } catch (const RecorderError &e) {
+            saveError = e.kind();
+        }
+        stopped = co_await engine.stop();
+        onMainThread = QThread::currentThread() == app.thread();
+        app.quit();
+    };
+    auto task = owner();
+    // The coroutine is suspended in its first await: control came back before any answer.
+    EXPECT_FALSE(saveError.has_value());
+    QTimer::singleShot(10000, &app, &QCoreApplication::quit);
+    app.exec();
+
+    EXPECT_EQ(saveError, RecorderError::Kind::notArmed);
+    EXPECT_EQ(stopped, std::nullopt);
+    EXPECT_TRUE(onMainThread);
 }
