@@ -6,21 +6,34 @@ function(vantrel_library name)
   target_link_libraries(${name} PRIVATE vantrel_warnings)
 endfunction()
 
-# vantrel_test(NAME SOURCES... LIBS ... LABELS ... FIXTURES ...): a GoogleTest executable whose
+# vantrel_test(NAME [GUI] SOURCES... LIBS ... LABELS ... FIXTURES ...): a GoogleTest executable whose
 # cases each become a ctest test, so every case runs in a process of its own (fresh settings,
 # fresh paths).
 function(vantrel_test name)
-  cmake_parse_arguments(T "" "TIMEOUT" "SOURCES;LIBS;LABELS;FIXTURES" ${ARGN})
+  cmake_parse_arguments(T "GUI" "TIMEOUT" "SOURCES;LIBS;LABELS;FIXTURES" ${ARGN})
   add_executable(${name} ${T_SOURCES})
-  target_link_libraries(${name} PRIVATE ${T_LIBS} vantrel_test_support GTest::gtest vantrel_warnings)
+  # GUI tests get a main() that makes a QApplication; the rest use GoogleTest's own.
+  if(T_GUI)
+    set(test_main vantrel_gui_test_main)
+  else()
+    set(test_main GTest::gtest_main)
+  endif()
+  target_link_libraries(${name} PRIVATE ${T_LIBS} vantrel_test_support ${test_main} vantrel_warnings)
   if(NOT T_TIMEOUT)
     set(T_TIMEOUT 120)
   endif()
-  set(props TIMEOUT ${T_TIMEOUT})
+  # gtest_discover_tests flattens the values of PROPERTIES, so a value that is a list (two
+  # fixtures, several environment entries) would fall apart there. Those properties are set by a
+  # small script that ctest runs after the discovered tests are added.
+  set(props "")
   if(T_LABELS)
-    list(APPEND props LABELS "${T_LABELS}")
+    string(APPEND props " LABELS [==[${T_LABELS}]==]")
   endif()
   if(T_FIXTURES)
+    string(APPEND props " FIXTURES_REQUIRED [==[${T_FIXTURES}]==]")
+    # Tests that share a server run one at a time, so one test's keys or sounds never reach
+    # another.
+    string(APPEND props " RESOURCE_LOCK [==[${T_FIXTURES}]==]")
     set(env "VANTREL_FIXTURE_DIR=${VANTREL_FIXTURE_DIR}")
     if("xvfb" IN_LIST T_FIXTURES)
       list(APPEND env "DISPLAY=${VANTREL_TEST_DISPLAY}")
@@ -30,23 +43,14 @@ function(vantrel_test name)
     if("pulse" IN_LIST T_FIXTURES)
       list(APPEND env "PULSE_SERVER=${VANTREL_TEST_PULSE_SERVER}")
     endif()
-    # gtest_discover_tests (CMake 3.25) flattens a list-valued ENVIRONMENT into separate
-    # property names, so only the first variable would arrive. The test executor it honours runs
-    # both the listing and every case through env with all of them.
-    find_program(ENV_PROGRAM env REQUIRED)
-    set_target_properties(${name} PROPERTIES CROSSCOMPILING_EMULATOR "${ENV_PROGRAM};${env}")
+    string(APPEND props " ENVIRONMENT [==[${env}]==]")
   endif()
-  gtest_discover_tests(${name} DISCOVERY_MODE PRE_TEST PROPERTIES ${props})
-  if(T_FIXTURES)
-    # The fixture lists are set by a script of their own that ctest runs after the discovery:
-    # gtest_discover_tests would flatten a list of two fixtures into a fixture and a stray
-    # property name. Tests that share a server run one at a time, so one test's keys or sounds
-    # never reach another.
-    set(script "${CMAKE_CURRENT_BINARY_DIR}/${name}_fixtures.cmake")
-    file(WRITE "${script}" "foreach(test IN LISTS ${name}_TESTS)\n"
-      "  set_tests_properties(\"\${test}\" PROPERTIES FIXTURES_REQUIRED [==[${T_FIXTURES}]==]\n"
-      "    RESOURCE_LOCK [==[${T_FIXTURES}]==])\n"
-      "endforeach()\n")
+  gtest_discover_tests(${name} DISCOVERY_MODE PRE_TEST TEST_LIST ${name}_TESTS
+    PROPERTIES TIMEOUT ${T_TIMEOUT})
+  if(props)
+    set(script "${CMAKE_CURRENT_BINARY_DIR}/${name}_properties.cmake")
+    file(WRITE "${script}"
+      "if(${name}_TESTS)\n  set_tests_properties(\${${name}_TESTS} PROPERTIES${props})\nendif()\n")
     set_property(DIRECTORY APPEND PROPERTY TEST_INCLUDE_FILES "${script}")
   endif()
 endfunction()

@@ -2,9 +2,10 @@
 
 #include <algorithm>
 
-AudioClock::AudioClock(int sampleRate, int64_t toleranceNanoseconds)
+AudioClock::AudioClock(int sampleRate, int64_t toleranceNanoseconds, int patiencePackets)
     : m_sampleRate(sampleRate > 0 ? sampleRate : 48000)
     , m_tolerance(toleranceNanoseconds)
+    , m_patience(std::max(1, patiencePackets))
 {
 }
 
@@ -14,18 +15,43 @@ int64_t AudioClock::expected() const
     return m_anchor + int64_t(__int128(m_samplesSinceAnchor) * 1'000'000'000 / m_sampleRate);
 }
 
-int64_t AudioClock::stamp(int64_t measuredNanoseconds, int64_t frames)
+AudioClock::Stamp AudioClock::stamp(int64_t measuredNanoseconds, int64_t frames)
 {
-    const int64_t drift = m_anchored ? measuredNanoseconds - expected() : 0;
-    if (!m_anchored || drift > m_tolerance || drift < -m_tolerance) {
+    if (!m_anchored) {
         if (m_everAnchored)
             ++m_reanchors;
-        m_anchor =
-            m_everAnchored ? std::max(measuredNanoseconds, m_lastTime + 1) : measuredNanoseconds;
+        m_anchor = measuredNanoseconds;
         m_samplesSinceAnchor = 0;
-        m_anchored = m_everAnchored = true;
+        m_outliers = 0;
+        m_anchored = true;
+    } else {
+        const int64_t drift = measuredNanoseconds - expected();
+        if (drift > m_tolerance || drift < -m_tolerance) {
+            if (m_outliers == 0 || (drift > 0) != (m_smallestDrift > 0))
+                m_outliers = 0, m_smallestDrift = drift;
+            m_smallestDrift = std::min(m_smallestDrift, drift);
+            if (++m_outliers >= m_patience) {
+                ++m_reanchors;
+                m_anchor += m_smallestDrift;
+                m_outliers = 0;
+            }
+        } else {
+            m_outliers = 0;
+        }
     }
-    m_lastTime = expected();
-    m_samplesSinceAnchor += frames;
-    return m_lastTime;
+
+    Stamp result;
+    if (m_everAnchored && expected() < m_end) {
+        // Rounded up, so the first kept sample starts at or after the end.
+        const __int128 behind = m_end - expected();
+        result.skip = std::min<int64_t>(
+            frames, int64_t((behind * m_sampleRate + 999'999'999) / 1'000'000'000));
+    }
+    m_everAnchored = true;
+    m_samplesSinceAnchor += result.skip;
+    result.time = expected();
+    m_samplesSinceAnchor += frames - result.skip;
+    if (result.skip < frames)
+        m_end = expected();
+    return result;
 }

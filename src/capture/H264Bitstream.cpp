@@ -108,13 +108,6 @@ void appendSized(std::vector<uint8_t> &out, Unit unit)
 
 } // namespace
 
-bool isAnnexB(std::span<const uint8_t> data)
-{
-    if (data.size() >= 3 && data[0] == 0 && data[1] == 0 && data[2] == 1)
-        return true;
-    return data.size() >= 4 && data[0] == 0 && data[1] == 0 && data[2] == 0 && data[3] == 1;
-}
-
 std::vector<Unit> annexBUnits(std::span<const uint8_t> data)
 {
     std::vector<Unit> units;

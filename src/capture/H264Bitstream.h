@@ -20,9 +20,6 @@ inline uint8_t nalType(Unit unit)
     return unit.empty() ? 0 : unit[0] & 0x1f;
 }
 
-// True when `data` opens with a 3- or 4-byte start code.
-bool isAnnexB(std::span<const uint8_t> data);
-
 // The NAL units of an Annex B stream, without their start codes and without the zero bytes that
 // may pad a unit before the next start code. Empty units are skipped.
 std::vector<Unit> annexBUnits(std::span<const uint8_t> data);

@@ -13,10 +13,11 @@
 namespace {
 
 constexpr int64_t packetNanoseconds = 10'000'000;
-// The latency estimate jitters by a millisecond or so; a jump past this is a real gap or drift.
+// The capture-time estimate jitters by a millisecond or two with thread scheduling; a drift past
+// this that lasts (AudioClock's patience) is a real gap, or the sound card's clock running apart.
 constexpr int64_t reanchorToleranceNanoseconds = 5'000'000;
 // A second of packets may wait for a busy consumer before new ones are dropped.
-constexpr int maxWaitingPackets = 100;
+constexpr int maxPacketsInFlight = 100;
 constexpr pa_usec_t startTimeoutMicroseconds = 5'000'000;
 
 struct ProplistDeleter
@@ -39,7 +40,7 @@ struct PulseAudioCapture::Recording
         : owner(owner)
         , source(source)
         , handler(std::move(handler))
-        , delivery(queue, maxWaitingPackets)
+        , delivery(queue, maxPacketsInFlight)
         , clock(sampleRate, reanchorToleranceNanoseconds)
     {
     }
@@ -54,6 +55,7 @@ struct PulseAudioCapture::Recording
     std::atomic<int64_t> dropped {0};
     std::atomic<int64_t> holes {0};
     std::atomic<int64_t> reanchors {0};
+    std::atomic<int64_t> cutSamples {0};
 };
 
 void PulseAudioCapture::LoopDeleter::operator()(pa_threaded_mainloop *loop) const
@@ -254,6 +256,7 @@ PulseAudioCapture::Stats PulseAudioCapture::stats(Source source) const
         total.dropped += recording->dropped.load();
         total.holes += recording->holes.load();
         total.reanchors += recording->reanchors.load();
+        total.cutSamples += recording->cutSamples.load();
     }
     return total;
 }
@@ -320,19 +323,19 @@ void PulseAudioCapture::read(Recording &recording)
             pa_stream_drop(stream);
             continue;
         }
-        // For a record stream the latency is the age of the oldest sample not yet dropped (the
-        // first one peeked): the source's latency and everything queued on the way, less the
-        // sink's latency for a monitor, which may make it negative: a monitor sees a sample
-        // before the speakers play it, and the time it is heard is what the video matches.
+        // The first peeked sample is as old as everything still queued for us (this chunk
+        // included), plus the device's and the transport's latency. A monitor sees a sample
+        // before the speakers play it, by the sink's latency, and the time it is heard is what
+        // the video matches. pa_stream_get_latency() adds the same parts, but it measures the
+        // queue from interpolated stream indices, which for a null sink's monitor were off by
+        // half a second at times; the readable size is exact and local.
         const int64_t now = monotonicNanoseconds();
-        pa_usec_t latency = 0;
-        int negative = 0;
-        int64_t capturedAt;
-        if (pa_stream_get_latency(stream, &latency, &negative) == 0)
-            capturedAt = now - (negative ? -1 : 1) * int64_t(latency) * 1000;
-        else
-            capturedAt =
-                now - int64_t(pa_bytes_to_usec(pa_stream_readable_size(stream), spec)) * 1000;
+        int64_t delayMicroseconds =
+            int64_t(pa_bytes_to_usec(pa_stream_readable_size(stream), spec));
+        if (const pa_timing_info *timing = pa_stream_get_timing_info(stream))
+            delayMicroseconds += int64_t(timing->source_usec) + int64_t(timing->transport_usec) -
+                int64_t(timing->sink_usec);
+        const int64_t capturedAt = now - delayMicroseconds * 1000;
         deliver(recording, static_cast<const uint8_t *>(data), bytes, capturedAt);
         pa_stream_drop(stream);
     }
@@ -344,19 +347,28 @@ void PulseAudioCapture::deliver(Recording &recording, const uint8_t *data, size_
     const size_t frameBytes = size_t(m_channels) * 4;
     const int64_t frames = int64_t(bytes / frameBytes);
     const int64_t packetFrames = int64_t(m_sampleRate) * packetNanoseconds / 1'000'000'000;
-    for (int64_t offset = 0; offset < frames; offset += packetFrames) {
-        const int64_t count = std::min(packetFrames, frames - offset);
-        Bytes payload =
-            Bytes::copy({data + size_t(offset) * frameBytes, size_t(count) * frameBytes});
-        const int64_t pts =
+    // The server mostly hands over 10 ms at a time; larger chunks are cut into 10 ms packets, and
+    // a short rest is left on the last one rather than sent as a sliver.
+    int64_t count = 0;
+    for (int64_t offset = 0; offset < frames; offset += count) {
+        const int64_t left = frames - offset;
+        count = left <= packetFrames * 3 / 2 ? left : packetFrames;
+        const AudioClock::Stamp stamp =
             recording.clock.stamp(capturedAt + offset * 1'000'000'000 / m_sampleRate, count);
         recording.reanchors.store(recording.clock.reanchors());
+        recording.cutSamples.fetch_add(stamp.skip);
+        const int64_t kept = count - stamp.skip;
+        if (kept <= 0)
+            continue;
+        Bytes payload = Bytes::copy(
+            {data + size_t(offset + stamp.skip) * frameBytes, size_t(kept) * frameBytes});
         const bool posted = recording.delivery.post([handler = recording.handler,
-                                                     payload = std::move(payload), pts, count,
-                                                     format = m_format, rate = m_sampleRate] {
+                                                     payload = std::move(payload),
+                                                     time = stamp.time, kept, format = m_format,
+                                                     rate = m_sampleRate] {
             const std::array<std::span<const uint8_t>, 1> pieces {payload.span()};
             AudioSampleBuffer sample {
-                pieces, nanosecondTime(pts), MediaTime::make(count, rate), count, format, payload};
+                pieces, nanosecondTime(time), MediaTime::make(kept, rate), kept, format, payload};
             handler(sample);
         });
         (posted ? recording.packets : recording.dropped).fetch_add(1);

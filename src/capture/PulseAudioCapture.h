@@ -21,6 +21,12 @@ class SerialQueue;
 // clock with the time its first sample was heard or spoken, and handed to its handler on the
 // output's serial queue.
 //
+// Our own cue sounds play into the same default sink and so land in the system audio too.
+// PulseAudio cannot keep one stream out of a monitor: a record stream can follow a single sink
+// input (pa_stream_set_monitor_stream), so leaving ours out would take one recording per other
+// application, kept aligned and mixed here, and following them as they come and go. FIXME: that
+// mixer, or PipeWire links that skip our node, if the cue in later clips bothers users.
+//
 // Threads: the server's callbacks run on libpulse's mainloop thread, the handlers on their
 // queues. Add the outputs before start(). start() and stop() may be called from any other thread,
 // including a handler's queue (stop() then does not wait for the handler that called it).
@@ -33,9 +39,10 @@ public:
     struct Stats
     {
         int64_t packets = 0; // handed to the queue
-        int64_t dropped = 0; // not handed over: the queue had a second's worth waiting
+        int64_t dropped = 0; // not handed over: a second's worth was still waiting on the queue
         int64_t holes = 0; // gaps the server reported in the recording
         int64_t reanchors = 0; // times the pts timeline was moved to the measured capture time
+        int64_t cutSamples = 0; // cut because the timeline moved back over them (AudioClock)
     };
 
     explicit PulseAudioCapture(int sampleRate = 48000, int channels = 2);

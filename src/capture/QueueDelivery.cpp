@@ -2,9 +2,9 @@
 
 #include "core/SerialQueue.h"
 
-QueueDelivery::QueueDelivery(SerialQueue &queue, int maxWaiting)
+QueueDelivery::QueueDelivery(SerialQueue &queue, int maxInFlight)
     : m_queue(queue)
-    , m_maxWaiting(maxWaiting)
+    , m_maxInFlight(maxInFlight)
     , m_gate(std::make_shared<Gate>())
 {
 }
@@ -18,14 +18,14 @@ bool QueueDelivery::post(std::function<void()> call)
 {
     if (!m_gate->open.load())
         return false;
-    if (m_gate->waiting.fetch_add(1) >= m_maxWaiting) {
-        m_gate->waiting.fetch_sub(1);
+    if (m_gate->inFlight.fetch_add(1) >= m_maxInFlight) {
+        m_gate->inFlight.fetch_sub(1);
         return false;
     }
     m_queue.async([gate = m_gate, call = std::move(call)] {
         if (gate->open.load())
             call();
-        gate->waiting.fetch_sub(1);
+        gate->inFlight.fetch_sub(1);
     });
     return true;
 }

@@ -6,19 +6,19 @@
 
 class SerialQueue;
 
-// Hands one producer's samples to a consumer on a serial queue, with a bound on how many may wait
-// there (a stalled consumer makes the producer drop, not pile up), and a close() after which no
-// call runs. The queue must outlive the calls posted to it.
+// Hands one producer's samples to a consumer on a serial queue, with a bound on how many may be
+// there at once, queued or running (a stalled consumer makes the producer drop, not pile up), and
+// a close() after which no call runs. The queue must outlive the calls posted to it.
 class QueueDelivery
 {
 public:
-    QueueDelivery(SerialQueue &queue, int maxWaiting);
+    QueueDelivery(SerialQueue &queue, int maxInFlight);
     ~QueueDelivery(); // closes
     QueueDelivery(const QueueDelivery &) = delete;
     QueueDelivery &operator=(const QueueDelivery &) = delete;
 
-    // Queues `call`; false, and the call dropped, when closed or when `maxWaiting` calls wait.
-    // Safe from any thread.
+    // Queues `call`; false, and the call dropped, when closed or when `maxInFlight` calls are
+    // queued or running. Safe from any thread.
     bool post(std::function<void()> call);
 
     // After this returns no call starts. With `waitForRunning`, none is running either, unless
@@ -27,17 +27,17 @@ public:
     // itself be waiting for. Safe to call again (waiting then).
     void close(bool waitForRunning = true);
 
-    int waiting() const { return m_gate->waiting.load(); }
+    int inFlight() const { return m_gate->inFlight.load(); }
 
 private:
     struct Gate
     {
         std::atomic<bool> open {true};
-        std::atomic<int> waiting {0};
+        std::atomic<int> inFlight {0};
     };
 
     SerialQueue &m_queue;
-    const int m_maxWaiting;
+    const int m_maxInFlight;
     // Shared with the queued calls, which may run after this object is gone.
     std::shared_ptr<Gate> m_gate;
 };

@@ -109,12 +109,16 @@ void VideoEncoder::open(int64_t width, int64_t height)
     m_inputFormat = opened.inputFormat;
     const std::span<const uint8_t> extradata(m_context->extradata,
                                              size_t(std::max(0, m_context->extradata_size)));
-    if (H264Bitstream::isAnnexB(extradata))
+    // An avcC record as extradata means the packets are length-prefixed already; otherwise they
+    // are Annex B, and without usable extradata the SPS/PPS are taken from the first key frame
+    // that carries them. (Sniffing each packet instead would misread a length-prefixed unit of
+    // 256 to 511 bytes as a start code.)
+    m_annexB = extradata.empty() || extradata[0] != 1;
+    if (m_annexB)
         adoptFormat(H264Bitstream::annexBUnits(extradata));
-    else if (!extradata.empty() && extradata[0] == 1)
+    else
         m_format = std::make_shared<const VideoFormat>(
             VideoFormat {m_width, m_height, {extradata.begin(), extradata.end()}});
-    // Otherwise the SPS/PPS are taken from the first key frame that carries them.
 }
 
 void VideoEncoder::encode(const VideoFrame &frame, int64_t ordinal)
@@ -139,9 +143,10 @@ void VideoEncoder::encode(const VideoFrame &frame, int64_t ordinal)
     auto job = std::make_shared<Job>(Job {std::move(picture), frame.pts, duration, ordinal});
     ++m_waiting;
     m_queue->async([this, job] {
-        if (!m_stopping)
+        if (m_stopping)
+            release(std::move(job->picture));
+        else
             encodeOnQueue(*job);
-        --m_waiting;
     });
 }
 
@@ -170,11 +175,16 @@ VideoEncoder::FramePtr VideoEncoder::takePicture()
     return picture;
 }
 
-void VideoEncoder::returnPicture(FramePtr picture)
+void VideoEncoder::release(FramePtr picture)
 {
-    std::scoped_lock lock(m_poolLock);
-    if (m_pool.size() <= size_t(maxWaiting))
-        m_pool.push_back(std::move(picture));
+    {
+        std::scoped_lock lock(m_poolLock);
+        if (m_pool.size() <= size_t(maxWaiting))
+            m_pool.push_back(std::move(picture));
+    }
+    // The slot frees as soon as the encoder has taken the picture, before its packet is
+    // stored: storing (and what the buffer's callback does) is no reason to turn frames away.
+    --m_waiting;
 }
 
 bool VideoEncoder::convert(const VideoFrame &frame, AVFrame *picture) const
@@ -218,7 +228,7 @@ void VideoEncoder::encodeOnQueue(Job &job)
         if (status == 0)
             status = av_hwframe_transfer_data(uploaded.get(), job.picture.get(), 0);
         if (status < 0) {
-            returnPicture(std::move(job.picture));
+            release(std::move(job.picture));
             reportSubmission(status, job.ordinal);
             return;
         }
@@ -228,7 +238,7 @@ void VideoEncoder::encodeOnQueue(Job &job)
     toSend->pict_type = forceKey ? AV_PICTURE_TYPE_I : AV_PICTURE_TYPE_NONE;
     const int status = avcodec_send_frame(m_context.get(), toSend);
     uploaded.reset();
-    returnPicture(std::move(job.picture));
+    release(std::move(job.picture));
     if (status < 0) {
         reportSubmission(status, job.ordinal);
         return;

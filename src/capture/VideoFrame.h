@@ -6,7 +6,8 @@
 #include <memory>
 
 // One captured screen frame, as the screen stream delivers it: 32-bit BGRA pixels at the capture
-// size, stamped on the monotonic capture clock. `owner` keeps the pixels alive (a pooled buffer
+// size, stamped on the monotonic capture clock. Frames are opaque: the fourth byte is whatever the
+// X server leaves there (often 0), not an alpha to honour. `owner` keeps the pixels alive (a pooled buffer
 // returns to its pool when the last holder lets go), so a frame may travel across queues.
 struct VideoFrame
 {

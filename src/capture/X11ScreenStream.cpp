@@ -119,7 +119,7 @@ void X11ScreenStream::run(StartCompletion completion)
         grabber->attach(*pool);
         if (m_audio)
             m_audio->start();
-    } catch (const std::runtime_error &error) {
+    } catch (const std::exception &error) {
         if (m_audio)
             m_audio->stop();
         Log::system(QStringLiteral("x11 capture could not start: %1").arg(error.what()));
@@ -202,7 +202,7 @@ void X11ScreenStream::tick(X11FrameGrabber &grabber, PixelBufferPool &pool, int6
     // Without a free buffer, or with the consumer behind, the frame is skipped before the grab
     // costs anything; the damage stays pending, so the next tick grabs.
     std::shared_ptr<PixelBufferPool::Buffer> buffer = pool.acquire();
-    if (!buffer || m_screen->waiting() >= m_config.queueDepth) {
+    if (!buffer || m_screen->inFlight() >= m_config.queueDepth) {
         m_skipped.fetch_add(1);
         return;
     }

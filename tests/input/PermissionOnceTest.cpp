@@ -112,13 +112,4 @@ TEST_F(PermissionOnceTest, NothingGrantedPromptsEachOnceInOrderThenOnlyHelps)
     EXPECT_EQ(notices.size(), 4u);
 }
 
-TEST_F(PermissionOnceTest, OnlyTheMissingAccessIsPromptedAndItsTextNamesTheFallback)
-{
-    PermissionOnce::promptHotkeysIfNeeded();
-    ASSERT_EQ(notices.size(), 1u);
-    EXPECT_EQ(notices[0].kind, Kind::InputMonitoring);
-    EXPECT_TRUE(notices[0].text.contains(QLatin1String("works in X11 applications")));
-    EXPECT_FALSE(flag("promptedAccessibility"));
-}
-
 } // namespace

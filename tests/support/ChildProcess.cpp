@@ -3,6 +3,7 @@
 #include <fcntl.h>
 #include <poll.h>
 #include <signal.h>
+#include <sys/prctl.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -41,9 +42,15 @@ ChildProcess::ChildProcess(const std::vector<std::string> &argv, const Environme
     const int errFd = open(stderrPath.empty() ? "/dev/null" : stderrPath.c_str(),
                            O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
 
+    const pid_t parent = getpid();
     m_pid = fork();
     if (m_pid == 0) {
         setsid(); // its own process group: signals to the test's group do not reach it
+        // A test killed by its timeout runs no destructors: take the servers down with it rather
+        // than leave them running for ever. (The signal follows the thread that forked.)
+        prctl(PR_SET_PDEATHSIG, SIGKILL);
+        if (getppid() != parent)
+            _exit(127);
         dup2(pipeFds[1], 1);
         if (errFd >= 0)
             dup2(errFd, 2);

@@ -10,7 +10,8 @@
 
 // A program that a test or benchmark starts and owns: its standard output comes back through a
 // pipe, its standard error goes to a file (or nowhere), and the destructor ends it (SIGTERM, then
-// SIGKILL) and reaps it. Only this process's own children are ever signalled.
+// SIGKILL) and reaps it; should this process die first, the kernel kills the child. Only this
+// process's own children are ever signalled.
 class ChildProcess
 {
 public:

@@ -1,0 +1,163 @@
+#include "app/ClipLibrary.h"
+
+#include "app/AppModel.h"
+#include "input/ClipHotkey.h"
+
+#include <QClipboard>
+#include <QDBusConnection>
+#include <QDBusMessage>
+#include <QDesktopServices>
+#include <QDir>
+#include <QFile>
+#include <QFileInfo>
+#include <QGuiApplication>
+#include <QMimeData>
+
+#include <algorithm>
+
+namespace {
+
+QStringList comparisonKeys(const QList<ClipFile> &clips)
+{
+    QStringList keys;
+    keys.reserve(clips.size());
+    for (const ClipFile &clip : clips)
+        keys.append(clip.id.toLocalFile() + QLatin1Char('|') + clip.size);
+    return keys;
+}
+
+} // namespace
+
+ClipLibrary::ClipLibrary(AppModel &model, QString folder, QObject *parent)
+    : QObject(parent)
+    , m_model(model)
+    , m_folder(std::move(folder))
+{
+}
+
+ClipLibrary::~ClipLibrary()
+{
+    stopWatchingClips();
+}
+
+QList<ClipFile> ClipLibrary::listClips(const QString &folder)
+{
+    // QDir::Unsorted keeps the listing order, which decides between clips of the same date.
+    const QFileInfoList entries =
+        QDir(folder).entryInfoList(QDir::Files | QDir::NoDotAndDotDot, QDir::Unsorted);
+    QList<ClipFile> clips;
+    for (const QFileInfo &entry : entries) {
+        const QString name = entry.fileName();
+        if (name.startsWith(QLatin1Char('.')) || entry.suffix().toLower() != QLatin1String("mp4") ||
+            name.startsWith(QLatin1String("Session ")))
+            continue;
+        QFileInfo fresh(entry.filePath());
+        if (!fresh.exists() || fresh.size() <= 1000)
+            continue;
+        QDateTime date = fresh.lastModified();
+        if (!date.isValid())
+            date = QDateTime::currentDateTime();
+        clips.append(
+            {QUrl::fromLocalFile(fresh.filePath()), name, date, formatFileSize(fresh.size())});
+    }
+    std::stable_sort(clips.begin(), clips.end(),
+                     [](const ClipFile &a, const ClipFile &b) { return a.date > b.date; });
+    return clips;
+}
+
+void ClipLibrary::refreshClips(bool force)
+{
+    const QList<ClipFile> clips = listClips(m_folder);
+    if (!force && comparisonKeys(clips) == comparisonKeys(m_model.clips()))
+        return;
+    m_model.setClips(clips);
+}
+
+void ClipLibrary::startWatchingClips()
+{
+    stopWatchingClips();
+    m_folderWatch = new QFileSystemWatcher(this);
+    // A folder that cannot be watched leaves the poll alone to keep the list current.
+    m_folderWatch->addPath(m_folder);
+    connect(m_folderWatch, &QFileSystemWatcher::directoryChanged, this,
+            [this] { refreshClips(false); });
+    m_clipPoll = new QTimer(this);
+    m_clipPoll->setInterval(1000);
+    m_clipPoll->setTimerType(Qt::CoarseTimer);
+    connect(m_clipPoll, &QTimer::timeout, this, [this] { refreshClips(false); });
+    m_clipPoll->start();
+}
+
+void ClipLibrary::stopWatchingClips()
+{
+    delete m_clipPoll;
+    delete m_folderWatch;
+}
+
+bool ClipLibrary::fileIsGone(const QUrl &url)
+{
+    if (QFileInfo::exists(url.toLocalFile()))
+        return false;
+    m_model.setStatus(QStringLiteral("That clip file is gone."));
+    refreshClips(false);
+    return true;
+}
+
+void ClipLibrary::openClip(const QUrl &url)
+{
+    if (fileIsGone(url))
+        return;
+    if (QFileInfo(url.toLocalFile()).size() <= 1000) {
+        m_model.setStatus(QStringLiteral("That clip didn’t finish saving. Try %1 again.")
+                              .arg(ClipHotkey::displayName()));
+        return;
+    }
+    if (!QDesktopServices::openUrl(url)) {
+        revealFile(url.toLocalFile());
+        m_model.setStatus(QStringLiteral(
+            "Couldn’t open the clip in a player, so the file manager is showing the file."));
+    }
+}
+
+void ClipLibrary::copyClip(const QUrl &url)
+{
+    if (fileIsGone(url))
+        return;
+    auto *data = new QMimeData;
+    data->setUrls({url}); // text/uri-list, which file managers paste as the file
+    QGuiApplication::clipboard()->setMimeData(data);
+    m_model.setStatus(QStringLiteral("Copied %1.").arg(QFileInfo(url.toLocalFile()).fileName()));
+}
+
+void ClipLibrary::revealFolder()
+{
+    QDesktopServices::openUrl(QUrl::fromLocalFile(m_folder));
+}
+
+void ClipLibrary::revealFile(const QString &path)
+{
+    QDBusMessage call = QDBusMessage::createMethodCall(
+        QStringLiteral("org.freedesktop.FileManager1"),
+        QStringLiteral("/org/freedesktop/FileManager1"),
+        QStringLiteral("org.freedesktop.FileManager1"), QStringLiteral("ShowItems"));
+    call << QStringList {QUrl::fromLocalFile(path).toString()} << QString();
+    const QDBusMessage reply = QDBusConnection::sessionBus().call(call, QDBus::Block, 3000);
+    if (reply.type() != QDBusMessage::ReplyMessage)
+        QDesktopServices::openUrl(QUrl::fromLocalFile(QFileInfo(path).path()));
+}
+
+void ClipLibrary::deleteClip(const QUrl &url)
+{
+    if (fileIsGone(url))
+        return;
+    QFile file(url.toLocalFile());
+    const QString name = QFileInfo(file).fileName();
+    if (!file.moveToTrash()) {
+        m_model.setStatus(file.errorString().isEmpty()
+                              ? QStringLiteral("Couldn’t move %1 to the Trash.").arg(name)
+                              : file.errorString());
+        return;
+    }
+    m_model.setStatus(QStringLiteral("Deleted %1.").arg(name));
+    refreshClips(true);
+}

@@ -1,0 +1,440 @@
+#include "input/HotkeyManager.h"
+
+#include "core/Log.h"
+#include "input/ClipHotkey.h"
+#include "input/InputAccess.h"
+#include "input/PermissionNotifier.h"
+#include "input/PermissionOnce.h"
+#include "input/PermissionTexts.h"
+#include "input/ScreenAccess.h"
+#include "input/X11HotkeyGrab.h"
+#include "input/XInputKeyMonitor.h"
+
+#include <QStringList>
+#include <QTimer>
+
+#include <bit>
+#include <linux/input-event-codes.h>
+
+namespace {
+
+using namespace std::chrono_literals;
+
+// A held flag older than this is stale: some path saw the press but lost the release.
+constexpr auto kHeldTimeout = 3s;
+// Downs closer together than this are one physical press seen on several paths, whatever
+// minimum interval is set (a benchmark shortens that one).
+constexpr std::chrono::duration<double> kSamePressWindow = 0.2s;
+constexpr auto kPermissionPollInterval = 1500ms;
+
+unsigned volumeBit(uint32_t keyCode)
+{
+    switch (keyCode) {
+    case KEY_MUTE:
+        return 1;
+    case KEY_VOLUMEDOWN:
+        return 2;
+    case KEY_VOLUMEUP:
+        return 4;
+    default:
+        return 0;
+    }
+}
+
+// Keys that only change what other keys mean; on Linux they arrive as presses of their own,
+// and must not become the clip key on their own in capture mode.
+bool isModifierKey(uint32_t keyCode)
+{
+    switch (keyCode) {
+    case KEY_LEFTCTRL:
+    case KEY_RIGHTCTRL:
+    case KEY_LEFTSHIFT:
+    case KEY_RIGHTSHIFT:
+    case KEY_LEFTALT:
+    case KEY_RIGHTALT:
+    case KEY_LEFTMETA:
+    case KEY_RIGHTMETA:
+    case KEY_CAPSLOCK:
+    case KEY_NUMLOCK:
+        return true;
+    default:
+        return false;
+    }
+}
+
+size_t pathIndex(HotkeyManager::Path path)
+{
+    return size_t(std::countr_zero(unsigned(path)));
+}
+
+} // namespace
+
+HotkeyManager &HotkeyManager::shared()
+{
+    // Never destroyed: the keyboard reader may still be running while statics are torn down at
+    // exit. The application calls unregister() when it quits.
+    static HotkeyManager *manager = new HotkeyManager;
+    return *manager;
+}
+
+HotkeyManager::HotkeyManager()
+    : m_keyboardProbe(EvdevHotkeyTap::isKeyboardDevice)
+{
+    m_pollTimer = new QTimer(this);
+    m_pollTimer->setInterval(kPermissionPollInterval);
+    connect(m_pollTimer, &QTimer::timeout, this, [this] {
+        if (!isArmed()) {
+            stopPermissionPoll();
+            return;
+        }
+        installAll();
+        refreshGlobalState();
+    });
+    connect(
+        this, &HotkeyManager::pressAccepted, this,
+        [this] {
+            if (onPress)
+                onPress();
+        },
+        Qt::QueuedConnection);
+    connect(&ClipHotkey::notifier(), &ClipHotkeyNotifier::clipHotkeyChanged, this,
+            &HotkeyManager::bindingChanged);
+}
+
+HotkeyManager::~HotkeyManager()
+{
+    unregister();
+}
+
+void HotkeyManager::registerHotkey()
+{
+    installGrab();
+    if (isEnabled(Path::window)) {
+        if (!m_localMonitor)
+            m_localMonitor = std::make_unique<WindowKeyFilter>(
+                [this](const WindowKeyFilter::Key &key) { return handleWindowKey(key); },
+                [this](const WindowKeyFilter::Key &key) { return claimsShortcut(key); });
+        m_localMonitor->install();
+    }
+    installKeyboardReader();
+    installRawMonitor();
+    refreshGlobalState();
+}
+
+void HotkeyManager::unregister()
+{
+    m_isArmed = false;
+    stopPermissionPoll();
+    m_grab.reset();
+    m_globalMonitor.reset();
+    m_localMonitor.reset();
+    // Joins the reader thread: no key from it arrives after this.
+    m_tap.reset();
+    if (m_worksInOtherApps) {
+        m_worksInOtherApps = false;
+        emit worksInOtherAppsChanged(false);
+    }
+    refreshGlobalState();
+}
+
+void HotkeyManager::setArmed(bool armed)
+{
+    m_isArmed = armed;
+    if (!armed) {
+        stopPermissionPoll();
+        std::scoped_lock lock(stateLock);
+        clipKeyHeld = false;
+        return;
+    }
+    PermissionOnce::promptHotkeysIfNeeded();
+    installAll();
+    startPermissionPoll();
+    refreshGlobalState();
+}
+
+void HotkeyManager::installAll()
+{
+    installGrab();
+    installKeyboardReader();
+    installRawMonitor();
+}
+
+void HotkeyManager::logStatus(const char *what, int status, int *lastLogged)
+{
+    // Retries run every 1.5 s; the log gets each new outcome once, not every attempt.
+    if (status != *lastLogged && status != 0)
+        Log::system(QStringLiteral("%1 %2").arg(QLatin1String(what)).arg(status));
+    *lastLogged = status;
+}
+
+void HotkeyManager::installGrab()
+{
+    if (!isEnabled(Path::x11Grab))
+        return;
+    if (!m_grab)
+        m_grab = std::make_unique<X11HotkeyGrab>(
+            [this](const KeyInput &key) { handleKey(Path::x11Grab, key); },
+            [this] { pathLost(Path::x11Grab); });
+    if (!m_grab->isConnected()) {
+        const int status = m_grab->connect();
+        logStatus("hotkey handler", status, &m_loggedHandlerStatus);
+        if (status != 0)
+            return;
+    }
+    // While capturing, our window must see every key, the clip key included.
+    if (!m_grab->isGrabbed() && !isCapturing()) {
+        const int status = m_grab->grab(ClipHotkey::keyCode(), ClipHotkey::carbonModifiers());
+        logStatus("hotkey", status, &m_loggedGrabStatus);
+    }
+}
+
+void HotkeyManager::installKeyboardReader()
+{
+    if (!isEnabled(Path::keyboards) || (m_tap && m_tap->isRunning()))
+        return;
+    if (!InputAccess::keyboardsReadable())
+        return;
+    auto tap = std::make_unique<EvdevHotkeyTap>(
+        InputAccess::inputDirectory(),
+        [this](const KeyInput &key) { handleKey(Path::keyboards, key); }, m_keyboardProbe);
+    if (tap->start())
+        m_tap = std::move(tap);
+}
+
+void HotkeyManager::installRawMonitor()
+{
+    if (!isEnabled(Path::xinputRaw) || (m_globalMonitor && m_globalMonitor->isInstalled()))
+        return;
+    auto monitor = std::make_unique<XInputKeyMonitor>(
+        [this](const KeyInput &key) { handleKey(Path::xinputRaw, key); },
+        [this] { pathLost(Path::xinputRaw); });
+    if (monitor->install())
+        m_globalMonitor = std::move(monitor);
+}
+
+void HotkeyManager::pathLost(Path path)
+{
+    Log::system(QStringLiteral("hotkey lost the X server"));
+    // Called from inside the path's own event reader: drop it once that has returned. The
+    // permission poll installs it again when the server is back.
+    QMetaObject::invokeMethod(
+        this,
+        [this, path] {
+            if (path == Path::x11Grab)
+                m_grab.reset();
+            else
+                m_globalMonitor.reset();
+            m_volumeKeysDown[pathIndex(path)] = 0;
+            refreshGlobalState();
+        },
+        Qt::QueuedConnection);
+}
+
+bool HotkeyManager::isPathInstalled(Path path) const
+{
+    switch (path) {
+    case Path::keyboards:
+        return m_tap && m_tap->isRunning();
+    case Path::x11Grab:
+        // A grab let go for capture mode comes back when capture ends.
+        return m_grab && m_grab->isConnected() && (m_grab->isGrabbed() || isCapturing());
+    case Path::xinputRaw:
+        return m_globalMonitor && m_globalMonitor->isInstalled();
+    case Path::window:
+        return m_localMonitor && m_localMonitor->isInstalled();
+    }
+    return false;
+}
+
+QString HotkeyManager::installedPathsText() const
+{
+    QStringList names;
+    if (isPathInstalled(Path::keyboards))
+        names << QStringLiteral("keyboards");
+    if (isPathInstalled(Path::x11Grab))
+        names << QStringLiteral("x11 grab");
+    if (isPathInstalled(Path::xinputRaw))
+        names << QStringLiteral("xinput2 raw");
+    if (isPathInstalled(Path::window))
+        names << QStringLiteral("window");
+    return names.isEmpty() ? QStringLiteral("none") : names.join(QStringLiteral(", "));
+}
+
+void HotkeyManager::refreshGlobalState()
+{
+    const QString paths = installedPathsText();
+    if (paths != m_loggedPaths) {
+        Log::system(QStringLiteral("hotkey paths: %1").arg(paths));
+        m_loggedPaths = paths;
+    }
+    const bool global = isPathInstalled(Path::x11Grab) || isPathInstalled(Path::keyboards) ||
+        isPathInstalled(Path::xinputRaw);
+    if (global == m_worksInOtherApps)
+        return;
+    m_worksInOtherApps = global;
+    emit worksInOtherAppsChanged(global);
+    if (global)
+        QMetaObject::invokeMethod(
+            this,
+            [this] {
+                if (onBecameGlobal)
+                    onBecameGlobal();
+            },
+            Qt::QueuedConnection);
+}
+
+void HotkeyManager::startPermissionPoll()
+{
+    m_pollTimer->start();
+}
+
+void HotkeyManager::stopPermissionPoll()
+{
+    m_pollTimer->stop();
+}
+
+void HotkeyManager::openPermissionSettings()
+{
+    PermissionNotifier::instance().post(PermissionTexts::hotkeyHelp(
+        InputAccess::keyboardsReadable(),
+        isPathInstalled(Path::x11Grab) || isPathInstalled(Path::xinputRaw)));
+    if (!ScreenAccess::isGranted())
+        openScreenRecordingSettings();
+    installAll();
+    startPermissionPoll();
+    refreshGlobalState();
+}
+
+void HotkeyManager::openScreenRecordingSettings()
+{
+    PermissionNotifier::instance().post(PermissionTexts::screenRecording(false));
+}
+
+void HotkeyManager::bindingChanged()
+{
+    // A new binding from anywhere (capture mode, settings) is grabbed at once.
+    if (m_grab && m_grab->isGrabbed())
+        m_grab->ungrab();
+    installGrab();
+    refreshGlobalState();
+}
+
+void HotkeyManager::handleKey(Path path, const KeyInput &key)
+{
+    if (const unsigned bit = volumeBit(key.keyCode)) {
+        if (key.action == KeyInput::Action::release)
+            m_volumeKeysDown[pathIndex(path)] &= ~bit;
+        else
+            m_volumeKeysDown[pathIndex(path)] |= bit;
+        return;
+    }
+    if (key.keyCode != ClipHotkey::keyCode())
+        return;
+    if (key.action == KeyInput::Action::release) {
+        std::scoped_lock lock(stateLock);
+        clipKeyHeld = false;
+        return;
+    }
+    if (!isArmed() || isCapturing())
+        return;
+    if (key.carbonModifiers != ClipHotkey::carbonModifiers())
+        return;
+    noteClipKeyDown(key.action == KeyInput::Action::repeat);
+}
+
+bool HotkeyManager::anyVolumeKeyDown() const
+{
+    for (const auto &down : m_volumeKeysDown)
+        if (down.load())
+            return true;
+    return false;
+}
+
+void HotkeyManager::noteClipKeyDown(bool isRepeat)
+{
+    if (isRepeat || anyVolumeKeyDown())
+        return;
+    {
+        std::scoped_lock lock(stateLock);
+        const Clock::time_point now = m_now ? m_now() : Clock::now();
+        if (clipKeyHeld && lastFire && now - *lastFire < kHeldTimeout)
+            return;
+        clipKeyHeld = true;
+        const auto interval = std::max(m_minInterval, kSamePressWindow);
+        if (lastFire && now - *lastFire < interval)
+            return;
+        lastFire = now;
+    }
+    emit pressAccepted();
+}
+
+bool HotkeyManager::claimsShortcut(const WindowKeyFilter::Key &key) const
+{
+    const uint32_t code = key.input.keyCode;
+    return isCapturing() && code != 0 && !volumeBit(code) && !isModifierKey(code) &&
+        !(code == KEY_Q && (key.input.carbonModifiers & ClipHotkey::controlKey));
+}
+
+bool HotkeyManager::handleWindowKey(const WindowKeyFilter::Key &key)
+{
+    const uint32_t code = key.input.keyCode;
+    if (isCapturing() && key.input.action == KeyInput::Action::press) {
+        if (code == KEY_ESC) {
+            finishCapture(false);
+            return true;
+        }
+        // Volume keys, Ctrl+Q (quit keeps working) and modifiers pressed on the way to a
+        // combination pass through; capture goes on.
+        if (!claimsShortcut(key))
+            return false;
+        const uint32_t modifiers = key.input.carbonModifiers;
+        ClipHotkey::save(code, modifiers, ClipHotkey::displayName(code, modifiers, key.characters));
+        finishCapture(true);
+        return true;
+    }
+    handleKey(Path::window, key.input);
+    return false;
+}
+
+void HotkeyManager::beginCapture(std::function<void(bool saved)> handler)
+{
+    m_isCapturing = true;
+    m_captureHandler = std::move(handler);
+    if (m_grab)
+        m_grab->ungrab();
+}
+
+void HotkeyManager::cancelCapture()
+{
+    m_isCapturing = false;
+    m_captureHandler = nullptr;
+    installGrab();
+}
+
+void HotkeyManager::finishCapture(bool saved)
+{
+    m_isCapturing = false;
+    std::function<void(bool)> handler = std::exchange(m_captureHandler, nullptr);
+    installGrab();
+    refreshGlobalState();
+    if (handler)
+        QMetaObject::invokeMethod(
+            this, [handler, saved] { handler(saved); }, Qt::QueuedConnection);
+}
+
+void HotkeyManager::setClockForTesting(std::function<Clock::time_point()> now)
+{
+    std::scoped_lock lock(stateLock);
+    m_now = std::move(now);
+}
+
+void HotkeyManager::setMinIntervalForTesting(std::chrono::duration<double> interval)
+{
+    std::scoped_lock lock(stateLock);
+    m_minInterval = interval;
+}
+
+void HotkeyManager::setKeyboardProbeForTesting(EvdevHotkeyTap::KeyboardProbe probe)
+{
+    m_keyboardProbe = std::move(probe);
+}

@@ -1,0 +1,151 @@
+#pragma once
+
+#include "input/EvdevHotkeyTap.h"
+#include "input/KeyInput.h"
+#include "input/WindowKeyFilter.h"
+
+#include <QObject>
+#include <QString>
+
+#include <array>
+#include <atomic>
+#include <chrono>
+#include <functional>
+#include <memory>
+#include <mutex>
+#include <optional>
+
+class QTimer;
+class X11HotkeyGrab;
+class XInputKeyMonitor;
+
+// Turns a press of the clip key into exactly one call of `onPress`, from whatever application
+// the user is in, and binds a new clip key when the user presses one in our window.
+//
+// One press usually arrives on several paths at once, each a class of its own:
+//   - the X11 passive grab of the clip key (no permission needed; takes the key from other
+//     clients),
+//   - the keyboard reader on the thread "vt-hotkey-tap" (needs read access to /dev/input; works
+//     without any display server),
+//   - XInput2 raw key events (every X11 client),
+//   - the event filter on our own windows (also does capture mode).
+// A small debounce under `stateLock` collapses them into one fire.
+//
+// Threads: every public operation, `onPress`, `onBecameGlobal` and the capture handler run on
+// the main thread; the keyboard reader's thread only reads the binding, reads the atomics below
+// and takes `stateLock`.
+class HotkeyManager : public QObject
+{
+    Q_OBJECT
+    Q_PROPERTY(bool worksInOtherApps READ worksInOtherApps NOTIFY worksInOtherAppsChanged)
+
+public:
+    using Clock = std::chrono::steady_clock;
+    enum class Path : unsigned { keyboards = 1, x11Grab = 2, xinputRaw = 4, window = 8 };
+    static constexpr unsigned allPaths = 15;
+
+    // Created on first use, which must be on the main thread.
+    static HotkeyManager &shared();
+
+    // Called on the main thread once per accepted clip-key press.
+    std::function<void()> onPress;
+    // Called on the main thread when `worksInOtherApps` turns true.
+    std::function<void()> onBecameGlobal;
+
+    bool isArmed() const { return m_isArmed.load(); }
+    // At least one path that sees keys pressed in other applications is installed.
+    bool worksInOtherApps() const { return m_worksInOtherApps; }
+    bool isCapturing() const { return m_isCapturing.load(); }
+
+    // Installs every path that can be installed now; called once at launch. ("register" itself is
+    // a C++ keyword.)
+    void registerHotkey();
+    // Removes every path; called when the program quits.
+    void unregister();
+    // Presses count only while armed. Arming also shows the one-time access notices and retries
+    // the paths that are missing every 1.5 s while armed. Disarming keeps the paths installed.
+    void setArmed(bool armed);
+
+    // The next suitable key pressed in one of our windows becomes the clip key; `handler(saved)`
+    // is called once, true for a new binding, false when Esc cancelled. While capturing, the X
+    // grab is let go so that the current clip key, too, reaches our window.
+    void beginCapture(std::function<void(bool saved)> handler);
+    // Leaves capture mode without calling the handler.
+    void cancelCapture();
+
+    // Tells the user (through PermissionNotifier) how to give the clip key access to every
+    // application and what works without it, then retries the paths.
+    void openPermissionSettings();
+    void openScreenRecordingSettings();
+
+    bool isPathInstalled(Path path) const;
+    // "keyboards, x11 grab, xinput2 raw, window", or "none".
+    QString installedPathsText() const;
+
+    // For tests and benchmarks: the clock of the debounce, its minimum interval between fires,
+    // the paths that may be installed, and how keyboards are recognised.
+    void setClockForTesting(std::function<Clock::time_point()> now);
+    void setMinIntervalForTesting(std::chrono::duration<double> interval);
+    void setEnabledPathsForTesting(unsigned paths) { m_enabledPaths = paths; }
+    void setKeyboardProbeForTesting(EvdevHotkeyTap::KeyboardProbe probe);
+
+signals:
+    void worksInOtherAppsChanged(bool worksInOtherApps);
+    // Emitted on the thread that accepted a press (the keyboard reader's, or the main thread);
+    // `onPress` is called from its queued connection on the main thread. A queued signal, rather
+    // than a posted closure, keeps the hand-over inside Qt, where ThreadSanitizer does not look.
+    void pressAccepted();
+
+private:
+    HotkeyManager();
+    ~HotkeyManager() override;
+
+    bool isEnabled(Path path) const { return m_enabledPaths & unsigned(path); }
+    void installGrab();
+    void installKeyboardReader();
+    void installRawMonitor();
+    void installAll();
+    void refreshGlobalState();
+    void startPermissionPoll();
+    void stopPermissionPoll();
+    void pathLost(Path path);
+    void bindingChanged();
+
+    // Any thread: one key event from a path.
+    void handleKey(Path path, const KeyInput &key);
+    bool handleWindowKey(const WindowKeyFilter::Key &key);
+    bool claimsShortcut(const WindowKeyFilter::Key &key) const;
+    void noteClipKeyDown(bool isRepeat);
+    bool anyVolumeKeyDown() const;
+    void finishCapture(bool saved);
+    void logStatus(const char *what, int status, int *lastLogged);
+
+    std::atomic<bool> m_isArmed = false;
+    bool m_worksInOtherApps = false;
+    std::atomic<bool> m_isCapturing = false;
+
+    std::unique_ptr<X11HotkeyGrab> m_grab;
+    std::unique_ptr<WindowKeyFilter> m_localMonitor;
+    std::unique_ptr<XInputKeyMonitor> m_globalMonitor;
+    std::unique_ptr<EvdevHotkeyTap> m_tap;
+    QTimer *m_pollTimer = nullptr;
+
+    // stateLock guards clipKeyHeld, lastFire, m_now and m_minInterval.
+    std::mutex stateLock;
+    bool clipKeyHeld = false;
+    std::optional<Clock::time_point> lastFire; // none: the distant past
+    std::function<Clock::time_point()> m_now;
+    std::chrono::duration<double> m_minInterval {1.5};
+
+    std::function<void(bool)> m_captureHandler;
+
+    // Volume keys down, one bit per key, as each path last saw them (a path that missed a
+    // release cannot clear another's).
+    std::array<std::atomic<unsigned>, 4> m_volumeKeysDown {};
+
+    unsigned m_enabledPaths = allPaths;
+    EvdevHotkeyTap::KeyboardProbe m_keyboardProbe;
+    QString m_loggedPaths;
+    int m_loggedHandlerStatus = 0;
+    int m_loggedGrabStatus = 0;
+};

@@ -1,0 +1,165 @@
+#pragma once
+
+// What the capture tests keep of the frames and audio packets a stream delivers, and the small
+// measurements they make on them.
+
+#include "capture/ReplayBuffer.h"
+#include "capture/VideoFrame.h"
+
+#include <chrono>
+#include <condition_variable>
+#include <cstring>
+#include <functional>
+#include <memory>
+#include <mutex>
+#include <vector>
+
+namespace capture_test {
+
+struct FrameRecord
+{
+    int64_t pts = 0; // nanoseconds
+    VideoFrame::Status status = VideoFrame::Status::complete;
+    int width = 0;
+    int height = 0;
+    uint64_t hash = 0; // of a sample of the pixels; 0 for idle frames
+    bool hasPixels = false;
+    std::vector<uint8_t> pixels; // a tight BGRA copy, when the log keeps pixels
+};
+
+class FrameLog
+{
+public:
+    explicit FrameLog(bool keepPixels = false)
+        : m_keepPixels(keepPixels)
+    {
+    }
+
+    std::function<void(const VideoFrame &)> handler()
+    {
+        return [this](const VideoFrame &frame) { add(frame); };
+    }
+
+    void add(const VideoFrame &frame)
+    {
+        FrameRecord record {frame.pts.converted(1'000'000'000).value,
+                            frame.status,
+                            frame.width,
+                            frame.height,
+                            0,
+                            frame.pixels != nullptr,
+                            {}};
+        if (frame.status == VideoFrame::Status::complete && frame.pixels) {
+            // Every 13th pixel of every 7th row, all four bytes of each.
+            uint64_t hash = 1469598103934665603ull;
+            for (int y = 0; y < frame.height; y += 7)
+                for (int x = 0; x < frame.width; x += 13) {
+                    uint32_t pixel;
+                    std::memcpy(&pixel,
+                                frame.pixels + size_t(y) * size_t(frame.stride) + size_t(x) * 4, 4);
+                    hash = (hash ^ pixel) * 1099511628211ull;
+                }
+            record.hash = hash;
+            if (m_keepPixels) {
+                record.pixels.resize(size_t(frame.width) * size_t(frame.height) * 4);
+                for (int y = 0; y < frame.height; ++y)
+                    std::memcpy(record.pixels.data() + size_t(y) * size_t(frame.width) * 4,
+                                frame.pixels + size_t(y) * size_t(frame.stride),
+                                size_t(frame.width) * 4);
+            }
+        }
+        {
+            std::scoped_lock lock(m_lock);
+            m_frames.push_back(std::move(record));
+        }
+        m_changed.notify_all();
+    }
+
+    std::vector<FrameRecord> frames()
+    {
+        std::scoped_lock lock(m_lock);
+        return m_frames;
+    }
+
+    size_t count()
+    {
+        std::scoped_lock lock(m_lock);
+        return m_frames.size();
+    }
+
+    // Waits until `done` holds for the frames so far; false when the time ran out.
+    bool waitFor(const std::function<bool(const std::vector<FrameRecord> &)> &done,
+                 std::chrono::milliseconds timeout = std::chrono::seconds(10))
+    {
+        std::unique_lock lock(m_lock);
+        return m_changed.wait_for(lock, timeout, [&] { return done(m_frames); });
+    }
+
+    void clear()
+    {
+        std::scoped_lock lock(m_lock);
+        m_frames.clear();
+    }
+
+private:
+    const bool m_keepPixels;
+    std::mutex m_lock; // guards m_frames
+    std::condition_variable m_changed;
+    std::vector<FrameRecord> m_frames;
+};
+
+struct AudioRecord
+{
+    int64_t pts = 0; // nanoseconds
+    int64_t duration = 0;
+    int64_t frames = 0;
+    int channels = 0;
+    std::vector<float> samples; // interleaved
+};
+
+class AudioLog
+{
+public:
+    std::function<void(const AudioSampleBuffer &)> handler()
+    {
+        return [this](const AudioSampleBuffer &sample) {
+            AudioRecord record {sample.pts.converted(1'000'000'000).value,
+                                sample.duration.converted(1'000'000'000).value, sample.numSamples,
+                                sample.format ? sample.format->channels : 0,
+                                std::vector<float>(sample.owned.size() / sizeof(float))};
+            std::memcpy(record.samples.data(), sample.owned.data(), sample.owned.size());
+            {
+                std::scoped_lock lock(m_lock);
+                m_packets.push_back(std::move(record));
+            }
+            m_changed.notify_all();
+        };
+    }
+
+    // Waits until at least `count` packets came; false when the time ran out.
+    bool waitFor(size_t count, std::chrono::milliseconds timeout = std::chrono::seconds(10))
+    {
+        std::unique_lock lock(m_lock);
+        return m_changed.wait_for(lock, timeout, [&] { return m_packets.size() >= count; });
+    }
+
+    std::vector<AudioRecord> packets()
+    {
+        std::scoped_lock lock(m_lock);
+        return m_packets;
+    }
+
+private:
+    std::mutex m_lock; // guards m_packets
+    std::condition_variable m_changed;
+    std::vector<AudioRecord> m_packets;
+};
+
+// The frequency of the loudest stretch of the first channel: positive-going zero crossings per
+// second over the packets whose level stands clear of silence. 0 when nothing is audible.
+double toneFrequency(const std::vector<AudioRecord> &packets, int sampleRate = 48000);
+
+// The first channel's samples of all packets, in order.
+std::vector<float> firstChannel(const std::vector<AudioRecord> &packets);
+
+} // namespace capture_test
