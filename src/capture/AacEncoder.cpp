@@ -7,14 +7,6 @@
 
 namespace {
 
-// Capture clocks wobble by a few milliseconds; within this much, audio is laid end to end, which
-// keeps it free of clicks. Beyond it the time stamp wins. 20 ms late is below what viewers notice.
-constexpr int jitterAllowanceDivisor = 50; // sample rate / 50 = 20 ms
-
-// A time stamp that would open a longer gap than this is taken to be broken, not a pause in the
-// capture, and the audio is laid on after what came before.
-constexpr int64_t maxSilenceSeconds = 3600;
-
 [[noreturn]] void fault(const char *what, int code)
 {
     throw RecorderError::writerFailed(
@@ -85,6 +77,11 @@ AVRational AacEncoder::timeBase() const
     return m_codec->time_base;
 }
 
+int AacEncoder::frameSize() const
+{
+    return m_codec->frame_size;
+}
+
 int AacEncoder::sampleRate() const
 {
     return m_codec->sample_rate;
@@ -122,46 +119,20 @@ void AacEncoder::prepareConverter(const AudioFormat &format)
     m_converterFormat = format;
 }
 
-void AacEncoder::encode(const MediaSample &sample, MediaTime start,
-                        std::vector<FFmpeg::PacketPtr> &out)
+void AacEncoder::startAt(int64_t position)
 {
-    if (m_flushed || !accepts(sample))
+    if (m_end == 0 && m_fifoStart == 0)
+        m_fifoStart = m_end = position;
+}
+
+void AacEncoder::encode(const AudioRun &run, std::vector<FFmpeg::PacketPtr> &out)
+{
+    if (m_flushed || run.empty())
         return;
-    const AudioFormat &format = *sample.audioFormat;
-    prepareConverter(format);
-
-    const int inCount = int(sample.numSamples);
-    const uint8_t *inPlanes[8] = {};
-    const size_t planeBytes = size_t(inCount) * size_t(format.bytesPerSample());
-    const int planes = format.planar ? format.channels : 1;
-    for (int p = 0; p < planes; ++p)
-        inPlanes[p] = sample.data.data() + size_t(p) * planeBytes;
-
-    const int capacity = swr_get_out_samples(m_converter.get(), inCount);
-    if (capacity < 0)
-        fault("resampler", capacity);
-    uint8_t *outPlanes[8] = {};
-    for (size_t c = 0; c < m_converted.size(); ++c) {
-        if (m_converted[c].size() < size_t(capacity))
-            m_converted[c].resize(size_t(capacity));
-        outPlanes[c] = reinterpret_cast<uint8_t *>(m_converted[c].data());
-    }
-    const int produced = swr_convert(m_converter.get(), outPlanes, capacity, inPlanes, inCount);
-    if (produced < 0)
-        fault("resampler", produced);
-
-    // Where the time stamp says this audio belongs, against where the track has got to.
-    const int rate = m_codec->sample_rate;
-    const int64_t allowance = std::max(1, rate / jitterAllowanceDivisor);
-    const MediaTime placed = start.converted(rate);
-    const int64_t target = placed.isValid() ? placed.value : m_end;
-    int64_t skip = 0;
-    if (target > m_end + allowance && target - m_end <= maxSilenceSeconds * rate)
-        pushSilence(target - m_end, out);
-    else if (target < m_end - allowance)
-        skip = m_end - target;
-    if (skip < produced)
-        pushConverted(skip, produced - skip);
+    if (run.silence > 0)
+        pushSilence(run.silence, out);
+    if (run.count > 0 && accepts(run.sample))
+        pushConverted(run.sample, run.skip, run.count);
     encodeFrames(false, out);
 }
 
@@ -182,12 +153,38 @@ void AacEncoder::pushSilence(int64_t samples, std::vector<FFmpeg::PacketPtr> &ou
     }
 }
 
-void AacEncoder::pushConverted(int64_t skip, int64_t count)
+void AacEncoder::pushConverted(const MediaSample &sample, int64_t skip, int64_t count)
 {
-    void *planes[8];
+    const AudioFormat &format = *sample.audioFormat;
+    prepareConverter(format);
+
+    const int inCount = int(sample.numSamples);
+    const uint8_t *inPlanes[8] = {};
+    const size_t planeBytes = size_t(inCount) * size_t(format.bytesPerSample());
+    const int planes = format.planar ? format.channels : 1;
+    for (int p = 0; p < planes; ++p)
+        inPlanes[p] = sample.data.data() + size_t(p) * planeBytes;
+
+    const int capacity = swr_get_out_samples(m_converter.get(), inCount);
+    if (capacity < 0)
+        fault("resampler", capacity);
+    // The timeline decided how many samples this run holds; a resampler that returns a few
+    // fewer (its filter delay) is topped up with silence so that the two never drift apart.
+    const size_t needed = size_t(std::max<int64_t>(capacity, skip + count));
+    uint8_t *outPlanes[8] = {};
+    for (auto &plane : m_converted) {
+        plane.assign(needed, 0.0f);
+    }
     for (size_t c = 0; c < m_converted.size(); ++c)
-        planes[c] = m_converted[c].data() + skip;
-    if (av_audio_fifo_write(m_fifo.get(), planes, int(count)) < count)
+        outPlanes[c] = reinterpret_cast<uint8_t *>(m_converted[c].data());
+    const int produced = swr_convert(m_converter.get(), outPlanes, capacity, inPlanes, inCount);
+    if (produced < 0)
+        fault("resampler", produced);
+
+    void *planesOut[8];
+    for (size_t c = 0; c < m_converted.size(); ++c)
+        planesOut[c] = m_converted[c].data() + skip;
+    if (av_audio_fifo_write(m_fifo.get(), planesOut, int(count)) < count)
         throw std::bad_alloc();
     m_end += count;
 }

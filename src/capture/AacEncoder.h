@@ -1,5 +1,6 @@
 #pragma once
 
+#include "capture/AudioTimeline.h"
 #include "capture/FFmpegHandles.h"
 #include "capture/MediaSample.h"
 
@@ -7,10 +8,9 @@
 #include <vector>
 
 // PCM as captured in, AAC packets out: libswresample brings each packet to the encoder's planar
-// float layout and rate, and libavcodec's own "aac" encoder compresses it. Audio is placed by its
-// time stamps on a track timeline that starts at zero: a gap wider than the jitter allowance is
-// filled with silence and an overlap wider than it is trimmed, so the track stays in step with
-// the video even when capture drops or repeats a buffer. Single-threaded: one thread at a time.
+// float layout and rate, and libavcodec's own "aac" encoder compresses it. The encoder is fed
+// runs of an AudioTimeline, which has already decided where every sample goes; packet time
+// stamps count samples on that timeline. Single-threaded: one thread at a time.
 class AacEncoder
 {
 public:
@@ -32,14 +32,18 @@ public:
     // Packet time stamps count samples: 1 / sample rate.
     AVRational timeBase() const;
     int sampleRate() const;
+    int frameSize() const;
 
     // Whether `sample` holds audio this encoder can read: a known layout and bytes enough for its
     // sample count.
     static bool accepts(const MediaSample &sample);
 
-    // Encodes the audio of `sample` placed at `start` on the track's timeline, appending finished
-    // packets to `out`. Throws RecorderError when conversion or encoding fails.
-    void encode(const MediaSample &sample, MediaTime start, std::vector<FFmpeg::PacketPtr> &out);
+    // Where the first sample fed goes on the timeline (zero unless set before any run): an
+    // encoder that takes over a track part-way starts there.
+    void startAt(int64_t position);
+    // Encodes `run`, which must start where the previous one ended, appending finished packets to
+    // `out`. Throws RecorderError when conversion or encoding fails.
+    void encode(const AudioRun &run, std::vector<FFmpeg::PacketPtr> &out);
     // Encodes what is left and drains the encoder; nothing may be encoded afterwards.
     void flush(std::vector<FFmpeg::PacketPtr> &out);
 
@@ -47,7 +51,7 @@ private:
     explicit AacEncoder(FFmpeg::CodecContextPtr codec);
     void prepareConverter(const AudioFormat &format);
     void pushSilence(int64_t samples, std::vector<FFmpeg::PacketPtr> &out);
-    void pushConverted(int64_t skip, int64_t count);
+    void pushConverted(const MediaSample &sample, int64_t skip, int64_t count);
     void encodeFrames(bool final, std::vector<FFmpeg::PacketPtr> &out);
     void receivePackets(std::vector<FFmpeg::PacketPtr> &out);
 

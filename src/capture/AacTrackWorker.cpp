@@ -15,13 +15,12 @@ AacTrackWorker::~AacTrackWorker()
     m_cancelled = true;
 }
 
-void AacTrackWorker::submit(MediaSample sample, MediaTime start)
+void AacTrackWorker::submit(AudioRun audio)
 {
-    const int64_t samples = sample.numSamples;
+    const int64_t samples = audio.silence + audio.count;
     m_backlog += samples;
-    m_queue.async([this, sample = std::move(sample), start, samples] {
-        run([&](std::vector<FFmpeg::PacketPtr> &out) { m_encoder->encode(sample, start, out); },
-            false);
+    m_queue.async([this, audio = std::move(audio), samples] {
+        run([&](std::vector<FFmpeg::PacketPtr> &out) { m_encoder->encode(audio, out); }, false);
         m_backlog -= samples;
         if (m_onProgress && !m_cancelled)
             m_onProgress();
@@ -65,6 +64,8 @@ void AacTrackWorker::run(const std::function<void(std::vector<FFmpeg::PacketPtr>
     }
     if (isLast)
         m_output.finished = true;
+    if (m_output.finished)
+        m_drained = true;
 }
 
 AacTrackWorker::Output AacTrackWorker::take()

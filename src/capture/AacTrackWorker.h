@@ -31,12 +31,14 @@ public:
     AacTrackWorker(const AacTrackWorker &) = delete;
     AacTrackWorker &operator=(const AacTrackWorker &) = delete;
 
-    // Queues `sample` for encoding at `start` on the track's timeline.
-    void submit(MediaSample sample, MediaTime start);
+    // Queues `run` for encoding; runs follow each other on the timeline.
+    void submit(AudioRun run);
     // Queues the final drain; nothing may be submitted afterwards.
     void finish();
     // Samples submitted and not yet encoded.
     int64_t backlogSamples() const { return m_backlog.load(); }
+    // Whether the final drain has run (its packets may not have been taken yet).
+    bool isDrained() const { return m_drained.load(); }
     // Takes the packets finished so far.
     Output take();
 
@@ -48,6 +50,7 @@ private:
     const std::function<void()> m_onProgress;
     std::atomic<int64_t> m_backlog {0};
     std::atomic<bool> m_cancelled {false};
+    std::atomic<bool> m_drained {false};
 
     // m_lock guards the output below; never held while encoding or calling out.
     std::mutex m_lock;

@@ -5,6 +5,7 @@
 #include "capture/RecorderError.h"
 #include "core/Log.h"
 #include "core/SerialQueue.h"
+#include "input/ClipHotkey.h"
 
 #include <QDateTime>
 #include <QDir>
@@ -18,13 +19,6 @@ namespace {
 
 // Audio this far before the first frame still belongs to the clip (it is written at zero).
 constexpr MediaTime audioLeadLimit = MediaTime::make(-150, 600); // -0.25 s
-
-// The clip key's display text, named in "Still getting started…".
-// FIXME: read it from the clip hotkey binding once that lands; F12 is its default.
-QString clipKeyDisplayName()
-{
-    return QStringLiteral("F12");
-}
 
 QString newUuidText()
 {
@@ -97,7 +91,7 @@ QFuture<QString> exportClip(const ReplayBuffer::Snapshot &snapshot, Options opti
                     .arg(keys));
     if (frameCount == 0 || !snapshot.videoFormat)
         return failedFuture(QStringLiteral("Still getting started. Wait a second, then press %1.")
-                                .arg(clipKeyDisplayName()));
+                                .arg(ClipHotkey::displayName()));
 
     ClipExportJob::Plan plan;
     const MediaTime base = video[first].pts;

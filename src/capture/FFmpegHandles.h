@@ -23,6 +23,10 @@ struct PacketFree
 {
     void operator()(AVPacket *packet) const { av_packet_free(&packet); }
 };
+struct CodecParametersFree
+{
+    void operator()(AVCodecParameters *parameters) const { avcodec_parameters_free(&parameters); }
+};
 struct FrameFree
 {
     void operator()(AVFrame *frame) const { av_frame_free(&frame); }
@@ -42,6 +46,7 @@ struct FormatContextFree
 };
 
 using CodecContextPtr = std::unique_ptr<AVCodecContext, CodecContextFree>;
+using CodecParametersPtr = std::unique_ptr<AVCodecParameters, CodecParametersFree>;
 using PacketPtr = std::unique_ptr<AVPacket, PacketFree>;
 using FramePtr = std::unique_ptr<AVFrame, FrameFree>;
 using SwrPtr = std::unique_ptr<SwrContext, SwrFree>;

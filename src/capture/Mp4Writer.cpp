@@ -1,6 +1,6 @@
 #include "capture/Mp4Writer.h"
 
-#include "capture/AacTrackWorker.h"
+#include "capture/AudioTrackEncoder.h"
 #include "capture/FFmpegHandles.h"
 #include "capture/RecorderError.h"
 #include "core/SerialQueue.h"
@@ -10,6 +10,7 @@
 #include <atomic>
 #include <cstring>
 #include <limits>
+#include <mutex>
 #include <stdexcept>
 #include <vector>
 
@@ -18,11 +19,9 @@ namespace {
 // 90 kHz is the customary MP4 video clock: exact for 60, 50, 30 and 24 frames per second.
 constexpr AVRational videoClock {1, 90000};
 
-// How far a non-real-time video input may run ahead of the audio already encoded, and an audio
-// input ahead of its encoder. Enough to keep every thread busy, small enough that the muxer
-// interleaves finely and holds little.
+// How far a non-real-time video input may run ahead of the audio already encoded: enough to keep
+// every thread busy, small enough that the muxer interleaves finely and holds little.
 constexpr double maxVideoLeadSeconds = 1.0;
-constexpr int64_t maxAudioBacklogSeconds = 2;
 
 int64_t ticks(MediaTime time, AVRational base)
 {
@@ -33,6 +32,17 @@ int64_t ticks(MediaTime time, AVRational base)
 double seconds(int64_t value, AVRational base)
 {
     return double(value) * base.num / base.den;
+}
+
+// FFmpeg's informational lines (the AAC encoder's statistics at every close) would fill the
+// program's standard error, which is its system log; warnings and errors still come through.
+void quietLibraries()
+{
+    static std::once_flag once;
+    std::call_once(once, [] {
+        if (av_log_get_level() > AV_LOG_WARNING)
+            av_log_set_level(AV_LOG_WARNING);
+    });
 }
 
 struct BytesHolder
@@ -59,9 +69,8 @@ struct Mp4Writer::Core : std::enable_shared_from_this<Core>
         std::function<void()> pump;
         int64_t lastDts = std::numeric_limits<int64_t>::min(); // video, in the stream's clock
         double writtenEnd = 0; // seconds: end of what has reached the muxer
-        std::unique_ptr<AacTrackWorker> worker; // audio
+        std::unique_ptr<AudioTrackEncoder> audio;
         AVRational encoderClock {1, 48000}; // audio
-        int sampleRate = 48000; // audio
     };
 
     // Posts one service round to the queue however many workers report progress meanwhile. It
@@ -105,9 +114,9 @@ struct Mp4Writer::Core : std::enable_shared_from_this<Core>
 
     ~Core()
     {
-        // Workers first: they may still be encoding, and they post to the queue.
+        // Encoders first: they may still be working, and they post to the queue.
         for (Track &track : tracks)
-            track.worker.reset();
+            track.audio.reset();
         closeFile();
     }
 
@@ -165,7 +174,7 @@ struct Mp4Writer::Core : std::enable_shared_from_this<Core>
         if (track.realTime)
             return true;
         if (track.kind == MediaSample::Kind::audio)
-            return track.worker->backlogSamples() < maxAudioBacklogSeconds * track.sampleRate;
+            return track.audio->isReady();
         for (const Track &other : tracks) {
             if (other.kind == MediaSample::Kind::audio && !other.done &&
                 track.writtenEnd - other.writtenEnd >= maxVideoLeadSeconds)
@@ -219,7 +228,7 @@ struct Mp4Writer::Core : std::enable_shared_from_this<Core>
         for (Track &track : tracks) {
             if (track.kind != MediaSample::Kind::audio || track.done)
                 continue;
-            AacTrackWorker::Output output = track.worker->take();
+            AacTrackWorker::Output output = track.audio->take();
             for (FFmpeg::PacketPtr &packet : output.packets) {
                 av_packet_rescale_ts(packet.get(), track.encoderClock, track.stream->time_base);
                 packet->stream_index = track.stream->index;
@@ -282,7 +291,7 @@ struct Mp4Writer::Core : std::enable_shared_from_this<Core>
 };
 
 Mp4Writer::Mp4Writer(const QString &path, SerialQueue &queue)
-    : d(std::make_shared<Core>(path, queue))
+    : d((quietLibraries(), std::make_shared<Core>(path, queue)))
 {
     d->notifier = std::make_shared<Core::Notifier>(queue);
     d->notifier->core = d;
@@ -325,7 +334,10 @@ std::optional<Mp4Writer::Input> Mp4Writer::addAudioInput(const AudioSettings &se
 {
     if (d->status != Status::unknown)
         return std::nullopt;
-    auto encoder = AacEncoder::create({settings.sampleRate, settings.channels, settings.bitRate});
+    // Fed from memory, a track is cut into segments that encode on several cores at once.
+    auto encoder =
+        AudioTrackEncoder::create({settings.sampleRate, settings.channels, settings.bitRate},
+                                  !realTime, [notifier = d->notifier] { notifier->post(); });
     if (!encoder)
         return std::nullopt;
     AVStream *stream = avformat_new_stream(d->format.get(), nullptr);
@@ -339,9 +351,7 @@ std::optional<Mp4Writer::Input> Mp4Writer::addAudioInput(const AudioSettings &se
     track.stream = stream;
     track.realTime = realTime;
     track.encoderClock = encoder->timeBase();
-    track.sampleRate = encoder->sampleRate();
-    track.worker = std::make_unique<AacTrackWorker>(std::move(encoder),
-                                                    [notifier = d->notifier] { notifier->post(); });
+    track.audio = std::move(encoder);
     d->tracks.push_back(std::move(track));
     return Input {int(d->tracks.size()) - 1};
 }
@@ -401,7 +411,7 @@ bool Mp4Writer::append(Input input, const MediaSample &sample)
         return d->appendVideo(track, sample, relative);
     if (!AacEncoder::accepts(sample))
         return false;
-    track.worker->submit(sample, relative);
+    track.audio->submit(sample, relative);
     return true;
 }
 
@@ -420,7 +430,7 @@ void Mp4Writer::markAsFinished(Input input)
     if (track.kind == MediaSample::Kind::video)
         track.done = true;
     else
-        track.worker->finish();
+        track.audio->finish();
     d->notifier->post();
 }
 

@@ -100,6 +100,7 @@ void check(int result, const char *what)
 
 H264TestSource::H264TestSource(int width, int height, int64_t bitRate)
 {
+    av_log_set_level(AV_LOG_ERROR); // x264's statistics would drown the test's own output
     const AVCodec *codec = avcodec_find_encoder_by_name("libx264");
     if (!codec)
         throw std::runtime_error("H264TestSource: no libx264");
@@ -198,14 +199,20 @@ AudioFormatPtr PcmTestSource::format() const
     return shared;
 }
 
+float PcmTestSource::value(int64_t index) const
+{
+    const double t = double(index) / rate;
+    return float(amplitude * std::sin(2 * M_PI * frequency * t) +
+                 amplitude2 * std::sin(2 * M_PI * frequency2 * t));
+}
+
 ReplayBuffer::AudioPacket PcmTestSource::packet(int64_t index, MediaTime origin) const
 {
     std::vector<float> pcm(size_t(packetSamples) * 2);
     for (int i = 0; i < packetSamples; ++i) {
-        const double t = double(index * packetSamples + i) / rate;
-        const float value = amplitude * float(std::sin(2 * M_PI * frequency * t));
-        pcm[size_t(2 * i)] = value;
-        pcm[size_t(2 * i + 1)] = value;
+        const float sample = value(index * packetSamples + i);
+        pcm[size_t(2 * i)] = sample;
+        pcm[size_t(2 * i + 1)] = sample;
     }
     const auto *bytes = reinterpret_cast<const uint8_t *>(pcm.data());
     return {Bytes::copy({bytes, pcm.size() * sizeof(float)}),

@@ -33,7 +33,7 @@ private:
 };
 
 // Float interleaved stereo at 48 kHz in 10 ms packets, the way audio capture stores it: a tone of
-// `frequency` Hz at `amplitude`.
+// `frequency` Hz at `amplitude`, and a second one when `amplitude2` is set.
 struct PcmTestSource
 {
     static constexpr int rate = 48000;
@@ -41,6 +41,11 @@ struct PcmTestSource
 
     double frequency = 440;
     float amplitude = 0.3f;
+    double frequency2 = 0;
+    float amplitude2 = 0;
+
+    // Sample `index` of the stream (the same in both channels).
+    float value(int64_t index) const;
 
     AudioFormatPtr format() const;
     // Packet `index` of the stream, at `origin` + index * 10 ms.

@@ -60,12 +60,13 @@ QString decodeErrors(const QString &path)
 
 std::vector<float> decodeAudio(const QString &path, int index)
 {
-    const QByteArray raw = run(
-        QStringLiteral("ffmpeg"),
-        {QStringLiteral("-nostdin"), QStringLiteral("-v"), QStringLiteral("error"),
-         QStringLiteral("-i"), path, QStringLiteral("-map"), QStringLiteral("0:a:%1").arg(index),
-         QStringLiteral("-ac"), QStringLiteral("1"), QStringLiteral("-ar"), QStringLiteral("48000"),
-         QStringLiteral("-f"), QStringLiteral("f32le"), QStringLiteral("-")});
+    const QByteArray raw =
+        run(QStringLiteral("ffmpeg"),
+            {QStringLiteral("-nostdin"), QStringLiteral("-v"), QStringLiteral("error"),
+             QStringLiteral("-i"), path, QStringLiteral("-map"),
+             QStringLiteral("0:a:%1").arg(index), QStringLiteral("-af"),
+             QStringLiteral("pan=mono|c0=c0"), QStringLiteral("-ar"), QStringLiteral("48000"),
+             QStringLiteral("-f"), QStringLiteral("f32le"), QStringLiteral("-")});
     std::vector<float> samples(size_t(raw.size()) / sizeof(float));
     std::memcpy(samples.data(), raw.constData(), samples.size() * sizeof(float));
     return samples;

@@ -21,7 +21,7 @@ QJsonArray streams(const QJsonObject &info, const QString &type);
 // What `ffmpeg -v error -i path -f null -` prints: empty for a file that decodes end to end.
 QString decodeErrors(const QString &path);
 
-// The decoded audio of audio stream `index` as mono float samples at 48 kHz.
+// The decoded left channel of audio stream `index` as float samples at 48 kHz.
 std::vector<float> decodeAudio(const QString &path, int index);
 
 // A number held as text in ffprobe's JSON ("0.016667").
