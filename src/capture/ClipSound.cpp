@@ -11,7 +11,9 @@
 
 #include <algorithm>
 #include <cmath>
+#include <cstdint>
 #include <numbers>
+#include <vector>
 
 namespace ClipSound {
 
@@ -63,8 +65,6 @@ void play(QString (*url)(), QPointer<QSoundEffect> &slot)
     slot = player;
 }
 
-} // namespace
-
 std::vector<int16_t> clipSamples()
 {
     constexpr double pi = std::numbers::pi;
@@ -113,6 +113,8 @@ QString writeWAV(const std::vector<int16_t> &samples)
         file.write(wav);
     return path;
 }
+
+} // namespace
 
 QString clipURL()
 {
