@@ -82,27 +82,21 @@ ClipEngine::ClipEngine(ServiceFactory makeService)
 ClipEngine::~ClipEngine()
 {
     // Waits only: the outcomes (errors included) belong to whoever asked for them.
-    const auto settle = [](QFuture<void> task) {
-        try {
-            task.waitForFinished();
-        } catch (...) {
-        }
-    };
     std::vector<QFuture<void>> tasks;
     {
         std::scoped_lock lock(m_stateLock);
         tasks = m_tasks;
     }
-    for (auto &task : tasks)
-        settle(task);
-    settle(QFuture<void>(stop(false)));
+    for (const auto &task : tasks)
+        SharedPool::settle(task);
+    SharedPool::settle(stop(false));
     // A system stop may have begun meanwhile; its follow-up must not outlive the engine.
     {
         std::scoped_lock lock(m_stateLock);
         tasks = std::move(m_tasks);
     }
-    for (auto &task : tasks)
-        settle(task);
+    for (const auto &task : tasks)
+        SharedPool::settle(task);
 }
 
 void ClipEngine::log(const QString &message)

@@ -25,10 +25,15 @@ class SessionRecorder;
 // exports the buffer's last seconds; stopping tears the stream down and keeps or drops the
 // session file.
 //
-// The asynchronous operations run on the shared thread pool and answer through QFutures, so the
-// main thread can co_await them (QCoro) without blocking and tests can wait on them. A pool task
+// The asynchronous operations run on the shared thread pool and answer through QFutures: the
+// main thread co_awaits them (QCoro, <QCoroFuture>) and resumes on itself without blocking;
+// tests wait with waitForFinished() or result(), which rethrow the operation's error. A pool task
 // blocks only on the stream, the encoder, the recorder's and the export's queues and the start
 // timer, never on another pool task.
+//
+// The owner arms again only once a stop has answered (the encoder is prepared by a start and
+// released by a teardown, and the two must not overlap); a system stop answers through
+// onStopped after its teardown, so re-arming from there is safe.
 class ClipEngine
 {
 public:

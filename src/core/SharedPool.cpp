@@ -27,6 +27,11 @@ void runNext()
 
 } // namespace
 
+void handOver()
+{
+    std::scoped_lock guard(lock);
+}
+
 void run(std::function<void()> work)
 {
     {

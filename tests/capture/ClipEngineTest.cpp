@@ -258,8 +258,15 @@ TEST_F(ClipEngineTest, SavesTheLastSecondsAndKeepsTheSessionOnStop)
     }
     const auto audio = probe::decodeAudio(clip, 0);
     EXPECT_GT(audio.size(), 48000u * 14);
-    EXPECT_GT(rms(audio), 0.02);
-    EXPECT_GT(toneShare(audio, 1000), 0.9);
+    // Second by second, so that the hiccups of a busy machine (or of a sanitizer's slowness: the
+    // capture drops audio rather than fall behind) do not hide the tone elsewhere.
+    int toneSeconds = 0;
+    const int seconds = int(audio.size() / 48000);
+    for (int i = 0; i < seconds; ++i) {
+        const std::vector<float> second(audio.begin() + i * 48000, audio.begin() + (i + 1) * 48000);
+        toneSeconds += rms(second) > 0.02 && toneShare(second, 1000) > 0.9;
+    }
+    EXPECT_GE(toneSeconds, seconds * 3 / 4) << "of " << seconds;
 
     ASSERT_TRUE(session.has_value());
     EXPECT_TRUE(QFileInfo(*session).fileName().contains(QRegularExpression(
