@@ -1,0 +1,10 @@
+#include "capture/ClipFinish.h"
+
+namespace ClipFinish {
+
+QFuture<QString> publish(const QString &clip)
+{
+    return QtFuture::makeReadyFuture(clip);
+}
+
+} // namespace ClipFinish

@@ -1,0 +1,61 @@
+#pragma once
+
+#include <QException>
+#include <QFuture>
+#include <QPromise>
+
+#include <exception>
+#include <functional>
+#include <memory>
+#include <type_traits>
+
+// The process's shared task pool (Qt's global thread pool), for the asynchronous operations
+// that must not run on the main thread.
+//
+// Work is handed over through a queue of our own under a std::mutex, and answered through a
+// QPromise: ThreadSanitizer cannot see the thread pool's own locks (Qt is not built with it),
+// but it does see these, so the tests that run under it check our code rather than Qt's.
+//
+// A task may block on queues and threads of its own (a writer finishing, a stream stopping), but
+// must never wait for another pool task: with as few threads as cores, that could wait forever.
+namespace SharedPool {
+
+void run(std::function<void()> work);
+
+// A hand-over point through the pool's own mutex. A task passes it after its work and before its
+// answer; settle() passes it after the answer. Qt's wait on a future already orders the two, but
+// out of ThreadSanitizer's sight; this makes the order visible to it as well.
+void handOver();
+
+// Waits for `future` and drops its outcome, errors included (for owners going away).
+template<typename T> void settle(QFuture<T> future)
+{
+    try {
+        future.waitForFinished();
+    } catch (...) {
+    }
+    handOver();
+}
+
+// Runs `work` on the pool and answers with its result, or with what it threw.
+template<typename T, typename Work> QFuture<T> task(Work work)
+{
+    auto promise = std::make_shared<QPromise<T>>();
+    promise->start();
+    QFuture<T> future = promise->future();
+    run([promise, work = std::move(work)]() mutable {
+        try {
+            if constexpr (std::is_void_v<T>)
+                work();
+            else
+                promise->addResult(work());
+        } catch (...) {
+            promise->setException(std::current_exception());
+        }
+        handOver();
+        promise->finish();
+    });
+    return future;
+}
+
+} // namespace SharedPool
