@@ -1,5 +1,6 @@
 #include "app/SingleInstance.h"
 
+#include <QFileInfo>
 #include <QLocalServer>
 #include <QLocalSocket>
 
@@ -15,6 +16,11 @@ SingleInstance::~SingleInstance() = default;
 
 QString SingleInstance::defaultName()
 {
+    // The per-user runtime folder when there is one (a session of its own, as tests and
+    // containers have, then gets its own instance); the user id in /tmp otherwise.
+    const QString runtime = qEnvironmentVariable("XDG_RUNTIME_DIR");
+    if (!runtime.isEmpty() && QFileInfo(runtime).isDir())
+        return runtime + QStringLiteral("/vantrel.socket");
     return QStringLiteral("vantrel-%1").arg(getuid());
 }
 

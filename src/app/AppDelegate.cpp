@@ -1,0 +1,466 @@
+#include "app/AppDelegate.h"
+
+#include "app/LoginItem.h"
+#include "app/MainMenu.h"
+#include "app/SingleInstance.h"
+#include "app/StatusIcon.h"
+#include "app/WakeObserver.h"
+#include "capture/ClipSettings.h"
+#include "capture/ClipSound.h"
+#include "capture/Paths.h"
+#include "capture/RecorderError.h"
+#include "core/Log.h"
+#include "core/Preferences.h"
+#include "input/ClipHotkey.h"
+#include "input/HotkeyManager.h"
+#include "input/MicAccess.h"
+#include "input/PermissionOnce.h"
+#include "input/ScreenAccess.h"
+
+#include <QApplication>
+#include <QDir>
+#include <QFileInfo>
+#include <QMenu>
+#include <QMenuBar>
+#include <QMessageBox>
+#include <QProcess>
+#include <QSystemTrayIcon>
+#include <QThreadPool>
+#include <QTimer>
+
+#include <qcoro/qcorofuture.h>
+#include <qcoro/qcorotask.h>
+
+#include <cstdlib>
+#include <semaphore>
+
+using namespace std::chrono_literals;
+
+namespace {
+
+const QString autoStartKey = QStringLiteral("autoStartClipping");
+const QString didRelaunchKey = QStringLiteral("didRelaunchForScreen");
+
+bool storedBool(const QString &key)
+{
+    return Preferences::open()->value(key).toBool();
+}
+
+void storeBool(const QString &key, bool value)
+{
+    Preferences::open()->setValue(key, value);
+}
+
+// What the user reads for an error: a RecorderError's sentence, anything else's message.
+QString describe(const std::exception &error)
+{
+    if (auto *recorder = dynamic_cast<const RecorderError *>(&error))
+        return recorder->text();
+    return QString::fromUtf8(error.what());
+}
+
+} // namespace
+
+AppDelegate::AppDelegate(QObject *parent)
+    : QObject(parent)
+    , m_engine(std::make_unique<ClipEngine>())
+{
+    // Every status line also goes to the log, so a user without the window can follow along.
+    connect(&m_model, &AppModel::statusChanged, this,
+            [this] { ClipEngine::log(QStringLiteral("status: ") + m_model.status()); });
+}
+
+AppDelegate::~AppDelegate() = default;
+
+QString AppDelegate::armedStatus() const
+{
+    const QString key = ClipHotkey::displayName();
+    const int seconds = int(m_model.clipLength());
+    if (HotkeyManager::shared().worksInOtherApps())
+        return QStringLiteral("Recording. %1 saves the last %2 seconds from any app.")
+            .arg(key)
+            .arg(seconds);
+    return QStringLiteral(
+               "Recording, but %1 only works in this window. Allow Accessibility and Input "
+               "Monitoring.")
+        .arg(key);
+}
+
+QString AppDelegate::idleStatus() const
+{
+    return QStringLiteral("Arm recording, then press %1 to save the last %2 seconds.")
+        .arg(ClipHotkey::displayName())
+        .arg(int(m_model.clipLength()));
+}
+
+bool AppDelegate::applicationDidFinishLaunching(const QStringList &links)
+{
+    m_mainMenu = MainMenu::build(
+        {[this] { openWindow(); }, [this] { showAbout(); }, [] { QApplication::quit(); }});
+
+    m_singleInstance = new SingleInstance(SingleInstance::defaultName(), this);
+    if (m_singleInstance->handOffToRunningInstance(links))
+        return false;
+    connect(m_singleInstance, &SingleInstance::argumentsReceived, this,
+            [this](const QStringList &arguments) {
+                QList<QUrl> urls;
+                for (const QString &argument : arguments)
+                    urls.append(QUrl(argument));
+                // A plain second launch is the platform's "reopen": show the window.
+                if (urls.isEmpty())
+                    showDashboard();
+                openUrls(urls);
+            });
+
+    // Paths::recordings() creates the folder when it is missing.
+    m_library = std::make_unique<ClipLibrary>(m_model, Paths::recordings());
+    PermissionOnce::rememberExistingPrompts();
+    if (hooks.account)
+        hooks.account();
+    m_library->refreshClips(false);
+    m_library->startWatchingClips();
+
+    m_statusItem = new QSystemTrayIcon(this);
+    m_statusItem->setToolTip(QStringLiteral("Vantrel"));
+    connect(m_statusItem, &QSystemTrayIcon::activated, this,
+            [this](QSystemTrayIcon::ActivationReason reason) {
+                if (reason == QSystemTrayIcon::Trigger)
+                    openWindow();
+            });
+    refreshStatusItem();
+    m_statusItem->show();
+
+    showDashboard();
+    if (hooks.update)
+        hooks.update();
+
+    connect(&ClipHotkey::notifier(), &ClipHotkeyNotifier::clipHotkeyChanged, this, [this] {
+        m_model.setHotkeyName(ClipHotkey::displayName());
+        refreshStatusItem();
+        if (m_model.isClipping())
+            m_model.setStatus(armedStatus());
+    });
+
+    HotkeyManager &hotkeys = HotkeyManager::shared();
+    QPointer<AppDelegate> self(this);
+    hotkeys.onPress = [self] {
+        if (self)
+            self->saveClip();
+    };
+    hotkeys.onBecameGlobal = [self] {
+        QMetaObject::invokeMethod(
+            self,
+            [self] {
+                if (!self)
+                    return;
+                self->m_model.setHotkeyWorksEverywhere(HotkeyManager::shared().worksInOtherApps());
+                if (self->m_model.isClipping())
+                    self->m_model.setStatus(self->armedStatus());
+            },
+            Qt::QueuedConnection);
+    };
+    hotkeys.registerHotkey();
+    m_model.setHotkeyWorksEverywhere(hotkeys.worksInOtherApps());
+
+    if (const QString error = LoginItem::registerItem(QCoreApplication::applicationFilePath());
+        !error.isEmpty())
+        Log::system(QStringLiteral("login item %1").arg(error));
+
+    m_wake = new WakeObserver(this);
+    connect(m_wake, &WakeObserver::didWake, this, &AppDelegate::onWake);
+
+    m_engine->setOnStopped([self](const std::optional<QString> &error) {
+        QMetaObject::invokeMethod(
+            self,
+            [self, error] {
+                if (self)
+                    self->onCaptureStopped(error.value_or(QString()));
+            },
+            Qt::QueuedConnection);
+    });
+
+    armAtLaunchIfWanted();
+    openUrls([&] {
+        QList<QUrl> urls;
+        for (const QString &link : links)
+            urls.append(QUrl(link));
+        return urls;
+    }());
+    return true;
+}
+
+void AppDelegate::armAtLaunchIfWanted()
+{
+    bool arm = false;
+    if (storedBool(autoStartKey)) {
+        storeBool(autoStartKey, false);
+        arm = true;
+    } else {
+        arm = ClipSettings::armOnLaunch() || ClipSettings::keepRunning();
+    }
+    if (!arm)
+        return;
+    QTimer::singleShot(600ms, this, [this] {
+        if (!ScreenAccess::isGranted() && PermissionOnce::didPromptScreenRecording())
+            return;
+        startClipping();
+    });
+}
+
+void AppDelegate::onWake()
+{
+    if (ClipSettings::keepRunning() && !m_engine->isArmed()) {
+        m_model.setStatus(QStringLiteral("Computer woke up. Resuming recording…"));
+        startClipping();
+    }
+}
+
+void AppDelegate::startClipping()
+{
+    if (m_engine->isArmed() || m_startInProgress || m_userStopping)
+        return;
+    m_startInProgress = true;
+    m_model.setIsBusy(true);
+    m_model.setStatus(QStringLiteral("Arming recording…"));
+    runStart();
+}
+
+QCoro::Task<void> AppDelegate::runStart()
+{
+    QPointer<AppDelegate> self(this);
+    bool relaunch = false;
+    QString failure;
+    try {
+        if (m_model.captureMic())
+            MicAccess::requestIfNeeded();
+        co_await m_engine->start();
+    } catch (const RecorderError &error) {
+        if (error.kind() == RecorderError::Kind::needsRelaunch)
+            relaunch = true;
+        else
+            failure = error.text();
+    } catch (const std::exception &error) {
+        failure = describe(error);
+    }
+    if (!self)
+        co_return;
+    if (relaunch) {
+        relaunchOnceForScreen();
+    } else if (!failure.isEmpty()) {
+        m_model.setIsClipping(false);
+        m_model.setStatus(failure);
+        refreshStatusItem();
+    } else {
+        storeBool(didRelaunchKey, false);
+        ClipSettings::setKeepRunning(true);
+        m_model.setIsClipping(true);
+        HotkeyManager::shared().setArmed(true);
+        m_model.setHotkeyWorksEverywhere(HotkeyManager::shared().worksInOtherApps());
+        m_model.setStatus(armedStatus());
+        refreshStatusItem();
+    }
+    m_startInProgress = false;
+    m_model.setIsBusy(false);
+}
+
+void AppDelegate::relaunchOnceForScreen()
+{
+    if (!storedBool(didRelaunchKey)) {
+        storeBool(didRelaunchKey, true);
+        storeBool(autoStartKey, true);
+        QProcess::startDetached(QCoreApplication::applicationFilePath(), {});
+        QCoreApplication::quit();
+        return;
+    }
+    m_model.setIsClipping(false);
+    m_model.setStatus(QStringLiteral(
+        "Turn on Screen Recording for Vantrel in your desktop’s privacy settings, then Arm "
+        "again. You only have to allow it once."));
+    HotkeyManager::shared().openScreenRecordingSettings();
+    refreshStatusItem();
+}
+
+void AppDelegate::stopClipping()
+{
+    m_userStopping = true;
+    if (m_restartWork) {
+        m_restartWork->stop();
+        delete m_restartWork;
+    }
+    ClipSettings::setKeepRunning(false);
+    runStop();
+}
+
+QCoro::Task<void> AppDelegate::runStop()
+{
+    QPointer<AppDelegate> self(this);
+    HotkeyManager::shared().setArmed(false);
+    const std::optional<QString> kept = co_await m_engine->stop(true);
+    if (!self)
+        co_return;
+    m_model.setIsClipping(false);
+    m_userStopping = false;
+    if (kept) {
+        m_model.setStatus(QStringLiteral("Saved ") + QFileInfo(*kept).fileName());
+        m_library->refreshClips(false);
+    } else {
+        m_model.setStatus(idleStatus());
+    }
+    refreshStatusItem();
+}
+
+void AppDelegate::saveClip()
+{
+    if (!m_engine->isArmed() || m_saveInProgress)
+        return;
+    const auto now = std::chrono::steady_clock::now();
+    if (m_lastSaveAttempt.time_since_epoch().count() != 0 && now - m_lastSaveAttempt < 1500ms)
+        return;
+    m_lastSaveAttempt = now;
+    m_saveInProgress = true;
+    m_model.setIsSaving(true);
+    m_model.setStatus(QStringLiteral("Saving clip…"));
+    ClipSound::playClip();
+    runSave();
+}
+
+QCoro::Task<void> AppDelegate::runSave()
+{
+    QPointer<AppDelegate> self(this);
+    QString path;
+    QString failure;
+    try {
+        path = co_await m_engine->saveClip();
+    } catch (const std::exception &error) {
+        failure = describe(error);
+    }
+    if (!self)
+        co_return;
+    if (failure.isEmpty()) {
+        m_model.setStatus(QStringLiteral("Saved %1.").arg(QFileInfo(path).fileName()));
+        m_model.setTab(AppModel::Tab::library);
+        m_library->refreshClips(true);
+        if (hooks.share)
+            hooks.share(QUrl::fromLocalFile(path));
+    } else {
+        ClipSound::playError();
+        m_model.setStatus(failure);
+    }
+    m_saveInProgress = false;
+    m_model.setIsSaving(false);
+}
+
+void AppDelegate::onCaptureStopped(const QString &error)
+{
+    Q_UNUSED(error); // the engine has logged it
+    if (m_userStopping)
+        return;
+    const bool keepRunning = ClipSettings::keepRunning();
+    HotkeyManager::shared().setArmed(false);
+    m_model.setIsClipping(false);
+    if (!keepRunning) {
+        m_model.setStatus(idleStatus());
+        m_library->refreshClips(false);
+        refreshStatusItem();
+        return;
+    }
+    m_model.setStatus(QStringLiteral("Capture dropped. Restarting recording…"));
+    refreshStatusItem();
+    delete m_restartWork;
+    m_restartWork = new QTimer(this);
+    m_restartWork->setSingleShot(true);
+    connect(m_restartWork, &QTimer::timeout, this, [this] {
+        m_restartWork->deleteLater();
+        if (ClipSettings::keepRunning() && !m_userStopping && !m_engine->isArmed())
+            startClipping();
+    });
+    m_restartWork->start(1200ms);
+}
+
+void AppDelegate::refreshStatusItem()
+{
+    if (!m_statusItem)
+        return;
+    const bool armed = m_engine->isArmed();
+    m_statusItem->setIcon(StatusIcon::make(armed));
+    m_statusItem->setToolTip(QStringLiteral("Vantrel"));
+
+    auto *menu = new QMenu;
+    menu->addAction(QStringLiteral("Open Vantrel"), this, &AppDelegate::openWindow);
+    menu->addSeparator();
+    if (armed) {
+        menu->addAction(QStringLiteral("Save Clip  ") + ClipHotkey::displayName(), this,
+                        &AppDelegate::saveClip);
+        menu->addAction(QStringLiteral("Stop Recording"), this, &AppDelegate::stopClipping);
+    } else {
+        menu->addAction(QStringLiteral("Arm Recording"), this, &AppDelegate::startClipping);
+    }
+    menu->addSeparator();
+    menu->addAction(QStringLiteral("Open Recordings"), QKeySequence(QStringLiteral("Ctrl+O")), this,
+                    &AppDelegate::openRecordings);
+    menu->addSeparator();
+    menu->addAction(QStringLiteral("Quit Vantrel"), QKeySequence(QStringLiteral("Ctrl+Q")), qApp,
+                    &QCoreApplication::quit);
+    m_statusItem->setContextMenu(menu);
+    delete m_statusMenu;
+    m_statusMenu = menu;
+}
+
+void AppDelegate::openWindow()
+{
+    showDashboard();
+}
+
+void AppDelegate::showDashboard()
+{
+    if (hooks.dashboard)
+        hooks.dashboard();
+}
+
+void AppDelegate::openRecordings()
+{
+    if (m_library)
+        m_library->revealFolder();
+}
+
+void AppDelegate::showAbout()
+{
+    QMessageBox::about(nullptr, QStringLiteral("About Vantrel"),
+                       QStringLiteral("Vantrel %1\nInstant replay of the screen.")
+                           .arg(QCoreApplication::applicationVersion()));
+}
+
+void AppDelegate::openUrls(const QList<QUrl> &urls)
+{
+    for (const QUrl &url : urls) {
+        const QString host = url.host();
+        if (host == QLatin1String("start"))
+            startClipping();
+        else if (host == QLatin1String("stop"))
+            stopClipping();
+        else if (host == QLatin1String("clip"))
+            saveClip();
+        else if (host == QLatin1String("auth") && hooks.link)
+            hooks.link(url);
+    }
+}
+
+void AppDelegate::applicationWillTerminate()
+{
+    HotkeyManager::shared().unregister();
+    if (m_library)
+        m_library->stopWatchingClips();
+    // The stop runs on the pool; the main thread waits for it, but never past 8 s.
+    auto done = std::make_shared<std::binary_semaphore>(0);
+    ClipEngine *engine = m_engine.get();
+    QThreadPool::globalInstance()->start([engine, done] {
+        engine->stop(true).waitForFinished();
+        done->release();
+    });
+    if (done->try_acquire_for(8s))
+        return;
+    // The stop is stuck (a hung audio server, say). The process ends now rather than wait in the
+    // engine's destructor; the unfinished session file stays under its temporary name.
+    ClipEngine::log(QStringLiteral("quit before the session file was finished"));
+    std::_Exit(0);
+}

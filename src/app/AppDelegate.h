@@ -1,0 +1,95 @@
+#pragma once
+
+#include "app/AppModel.h"
+#include "app/ClipLibrary.h"
+#include "capture/ClipEngine.h"
+
+#include <QMenu>
+#include <QMenuBar>
+#include <QObject>
+#include <QPointer>
+#include <QSystemTrayIcon>
+#include <QTimer>
+#include <QUrl>
+
+#include <chrono>
+#include <functional>
+#include <memory>
+
+namespace QCoro {
+template<typename T> class Task;
+}
+class SingleInstance;
+class WakeObserver;
+
+// The spine of the program: owns the capture engine and the model, builds the menus and the
+// tray icon, wires the clip key to saving, arms and disarms, re-arms after a dropped capture or
+// a wake, answers the vantrel:// links and stops capture at quit. Every outcome lands in
+// `model.status` (and in the log). Main thread only.
+class AppDelegate : public QObject
+{
+    Q_OBJECT
+public:
+    explicit AppDelegate(QObject *parent = nullptr);
+    ~AppDelegate() override;
+
+    // The launch sequence. Returns false when another instance runs: it was handed `links`
+    // and this process should exit.
+    bool applicationDidFinishLaunching(const QStringList &links);
+    // Stops capture, keeping the session file if that takes at most 8 s.
+    void applicationWillTerminate();
+    void openUrls(const QList<QUrl> &urls);
+
+    void startClipping();
+    void stopClipping();
+    void saveClip();
+    void openWindow();
+    void openRecordings();
+    void showAbout();
+    void showDashboard();
+    void refreshStatusItem();
+
+    ClipEngine &engine() { return *m_engine; }
+    AppModel &model() { return m_model; }
+    // Made at launch, after the single-instance check.
+    ClipLibrary *library() { return m_library.get(); }
+    QMenuBar *mainMenu() const { return m_mainMenu; }
+    QMenu *statusMenu() const { return m_statusMenu; }
+    QSystemTrayIcon *statusItem() const { return m_statusItem; }
+
+    // Installed by the dashboard, account, sharing and update code; empty ones do nothing.
+    struct Hooks
+    {
+        std::function<void()> account;
+        std::function<void()> dashboard;
+        std::function<void()> update;
+        std::function<void(const QUrl &clip)> share;
+        std::function<void(const QUrl &link)> link;
+    };
+    Hooks hooks;
+
+private:
+    QCoro::Task<void> runStart();
+    QCoro::Task<void> runStop();
+    QCoro::Task<void> runSave();
+    void relaunchOnceForScreen();
+    void onCaptureStopped(const QString &error);
+    void onWake();
+    void armAtLaunchIfWanted();
+    QString armedStatus() const;
+    QString idleStatus() const;
+
+    std::unique_ptr<ClipEngine> m_engine;
+    AppModel m_model;
+    std::unique_ptr<ClipLibrary> m_library;
+    QPointer<QSystemTrayIcon> m_statusItem;
+    QPointer<QMenu> m_statusMenu;
+    QPointer<QMenuBar> m_mainMenu;
+    SingleInstance *m_singleInstance = nullptr;
+    WakeObserver *m_wake = nullptr;
+    bool m_saveInProgress = false;
+    std::chrono::steady_clock::time_point m_lastSaveAttempt {}; // the distant past
+    bool m_startInProgress = false;
+    QPointer<QTimer> m_restartWork;
+    bool m_userStopping = false;
+};

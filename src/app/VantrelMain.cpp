@@ -1,0 +1,145 @@
+// The program's entry point. Makes the application, hands it to one AppDelegate and runs the
+// event loop. A second launch passes its vantrel:// links to the first and exits.
+
+#include "app/AppDelegate.h"
+#include "capture/Paths.h"
+#include "core/Preferences.h"
+
+#include <QApplication>
+#include <QCoreApplication>
+#include <QSocketNotifier>
+#include <QTextStream>
+
+#include <csignal>
+#include <sys/socket.h>
+#include <unistd.h>
+
+extern "C" {
+#include <libavutil/log.h>
+}
+
+namespace {
+
+const char *const helpText = R"(Usage: vantrel [options] [vantrel://LINK ...]
+
+Keeps an instant replay of the screen in memory. The clip key (F12 unless you chose another)
+saves the last 15 to 120 seconds into ~/Videos/Vantrel as an MP4.
+
+Links (also from a terminal or a script; they reach the running Vantrel):
+  vantrel://start    arm recording
+  vantrel://stop     stop recording and keep the session file
+  vantrel://clip     save a clip now, as the clip key does
+  vantrel://auth?token=...   finish signing in (the browser opens this one)
+
+Options:
+  --help       show this text
+  --version    show the version
+  --paths      show where clips, settings and the log live, then exit
+
+Environment:
+  VANTREL_SCREEN_BACKEND=x11      choose the screen capture backend
+  VANTREL_ENCODER=libx264         force one H.264 encoder (h264_vaapi, h264_nvenc, h264_qsv, libx264)
+  VANTREL_SERVICE_URL=URL         use another web service
+  QT_QPA_PLATFORM=offscreen       run without windows or tray (capture still needs an X display)
+)";
+
+int signalPipe[2] = {-1, -1};
+
+void onTerminate(int)
+{
+    const char byte = 1;
+    [[maybe_unused]] ssize_t n = ::write(signalPipe[1], &byte, 1);
+}
+
+void printPaths(QTextStream &out)
+{
+    out << "recordings: " << Paths::recordings() << '\n'
+        << "settings:   " << Preferences::open()->fileName() << '\n'
+        << "log:        " << Paths::logFile() << '\n';
+}
+
+void nameTheApplication()
+{
+    QCoreApplication::setOrganizationName(QStringLiteral("quillfen"));
+    QCoreApplication::setApplicationName(QStringLiteral("Vantrel"));
+    QCoreApplication::setApplicationVersion(QStringLiteral(VANTREL_VERSION));
+}
+
+} // namespace
+
+namespace VantrelMain {
+
+int run(int argc, char *argv[])
+{
+    // The options are answered before any window-system connection, so they work over ssh and
+    // in scripts without a display.
+    QStringList links;
+    for (int i = 1; i < argc; ++i) {
+        const QString argument = QString::fromLocal8Bit(argv[i]);
+        QTextStream out(stdout);
+        if (argument == QLatin1String("--help") || argument == QLatin1String("-h")) {
+            out << helpText;
+            return 0;
+        }
+        if (argument == QLatin1String("--version")) {
+            out << "Vantrel " << VANTREL_VERSION << '\n';
+            return 0;
+        }
+        if (argument == QLatin1String("--paths")) {
+            QCoreApplication core(argc, argv);
+            nameTheApplication();
+            out << "Vantrel " << VANTREL_VERSION << '\n';
+            printPaths(out);
+            return 0;
+        }
+        if (!argument.startsWith(QLatin1String("vantrel:"))) {
+            QTextStream(stderr) << "vantrel: unknown argument " << argument << " (see --help)\n";
+            return 2;
+        }
+        links << argument;
+    }
+
+    // Without any display the program still runs: the tray and the window are skipped, the
+    // clip key works through the keyboards, and arming says why it cannot capture.
+    if (qEnvironmentVariableIsEmpty("DISPLAY") && qEnvironmentVariableIsEmpty("WAYLAND_DISPLAY") &&
+        qEnvironmentVariableIsEmpty("QT_QPA_PLATFORM"))
+        qputenv("QT_QPA_PLATFORM", "offscreen");
+
+    QApplication app(argc, argv);
+    nameTheApplication();
+    QApplication::setDesktopFileName(QStringLiteral("vantrel"));
+    // Closing the dashboard leaves Vantrel running in the tray.
+    QApplication::setQuitOnLastWindowClosed(false);
+    // FFmpeg's own chatter (encoder banners, muxer notes) would drown our log on the terminal.
+    av_log_set_level(AV_LOG_ERROR);
+    QTextStream out(stdout);
+
+    AppDelegate delegate;
+    if (!delegate.applicationDidFinishLaunching(links))
+        return 0; // the running instance took the links
+    out << "Vantrel " << VANTREL_VERSION << '\n';
+    printPaths(out);
+    out.flush();
+
+    // SIGTERM and SIGINT quit like the menu's Quit, so a session in progress is kept.
+    if (::socketpair(AF_UNIX, SOCK_STREAM, 0, signalPipe) == 0) {
+        auto *notifier = new QSocketNotifier(signalPipe[0], QSocketNotifier::Read, &app);
+        QObject::connect(notifier, &QSocketNotifier::activated, &app, [] {
+            char byte;
+            [[maybe_unused]] ssize_t n = ::read(signalPipe[0], &byte, 1);
+            QCoreApplication::quit();
+        });
+        std::signal(SIGTERM, onTerminate);
+        std::signal(SIGINT, onTerminate);
+    }
+    QObject::connect(&app, &QCoreApplication::aboutToQuit, &delegate,
+                     &AppDelegate::applicationWillTerminate);
+    return app.exec();
+}
+
+} // namespace VantrelMain
+
+int main(int argc, char *argv[])
+{
+    return VantrelMain::run(argc, argv);
+}

@@ -1,0 +1,170 @@
+// The delegate in this process, against the fixtures' X and audio servers: the status lines and
+// the tray menu through a whole arm, save and stop, the save guards, and a second launch
+// handing its link to the first.
+
+#include "app/AppDelegate.h"
+
+#include "support/TestEnvironment.h"
+
+#include <QAction>
+#include <QCoreApplication>
+#include <QDir>
+#include <QElapsedTimer>
+#include <QFile>
+#include <QFileInfo>
+
+#include <functional>
+
+namespace {
+
+bool waitUntil(const std::function<bool()> &done, int timeoutMs)
+{
+    QElapsedTimer timer;
+    timer.start();
+    while (!done()) {
+        if (timer.elapsed() > timeoutMs)
+            return false;
+        QCoreApplication::processEvents(QEventLoop::AllEvents, 20);
+    }
+    return true;
+}
+
+void pump(int ms)
+{
+    waitUntil([] { return false; }, ms);
+}
+
+QStringList menuTexts(const QMenu *menu)
+{
+    QStringList texts;
+    for (const QAction *action : menu->actions())
+        texts << (action->isSeparator() ? QStringLiteral("-") : action->text());
+    return texts;
+}
+
+class AppDelegateTest : public TempHomeTest
+{
+protected:
+    void SetUp() override
+    {
+        TempHomeTest::SetUp();
+        if (qEnvironmentVariableIsEmpty("DISPLAY"))
+            GTEST_SKIP() << "needs the xvfb fixture";
+        const QString runtime = home() + QStringLiteral("/.run");
+        QDir().mkpath(runtime);
+        QFile::setPermissions(
+            runtime, QFileDevice::ReadOwner | QFileDevice::WriteOwner | QFileDevice::ExeOwner);
+        qputenv("XDG_RUNTIME_DIR", runtime.toUtf8());
+        QDir().mkpath(configHome() + QStringLiteral("/quillfen"));
+        QFile conf(configHome() + QStringLiteral("/quillfen/Vantrel.conf"));
+        ASSERT_TRUE(conf.open(QIODevice::WriteOnly));
+        conf.write("[General]\nclipLengthSeconds=15\n");
+    }
+
+    // Every status line the delegate shows, in order.
+    void follow(AppDelegate &delegate)
+    {
+        QObject::connect(&delegate.model(), &AppModel::statusChanged, &delegate,
+                         [this, &delegate] { statuses << delegate.model().status(); });
+    }
+
+    QStringList statuses;
+};
+
+} // namespace
+
+TEST_F(AppDelegateTest, ArmsAtLaunchSavesWithGuardsAndStopsKeepingTheSession)
+{
+    AppDelegate delegate;
+    follow(delegate);
+    ASSERT_TRUE(delegate.applicationDidFinishLaunching({}));
+    ASSERT_NE(delegate.statusMenu(), nullptr);
+    EXPECT_EQ(menuTexts(delegate.statusMenu()),
+              QStringList({"Open Vantrel", "-", "Arm Recording", "-", "Open Recordings", "-",
+                           "Quit Vantrel"}));
+
+    // Not armed yet: a save does nothing at all.
+    delegate.saveClip();
+    EXPECT_TRUE(statuses.isEmpty());
+
+    ASSERT_TRUE(waitUntil([&] { return delegate.model().isClipping(); }, 20000))
+        << statuses.join(QLatin1Char('|')).toStdString();
+    const QString armed = QStringLiteral("Recording. F12 saves the last 15 seconds from any app.");
+    const QString armedLocal = QStringLiteral(
+        "Recording, but F12 only works in this window. Allow Accessibility and Input Monitoring.");
+    ASSERT_EQ(statuses.size(), 2);
+    EXPECT_EQ(statuses[0], QStringLiteral("Arming recording…"));
+    EXPECT_TRUE(statuses[1] == armed || statuses[1] == armedLocal) << statuses[1].toStdString();
+    EXPECT_FALSE(delegate.model().isBusy());
+    EXPECT_EQ(menuTexts(delegate.statusMenu()),
+              QStringList({"Open Vantrel", "-", "Save Clip  F12", "Stop Recording", "-",
+                           "Open Recordings", "-", "Quit Vantrel"}));
+
+    // A second arming while armed changes nothing.
+    delegate.startClipping();
+    EXPECT_EQ(statuses.size(), 2);
+
+    pump(3000);
+    statuses.clear();
+    delegate.saveClip();
+    delegate.saveClip(); // while the first runs: ignored
+    ASSERT_TRUE(waitUntil([&] { return !delegate.model().isSaving(); }, 20000));
+    ASSERT_EQ(statuses.size(), 2) << statuses.join(QLatin1Char('|')).toStdString();
+    EXPECT_EQ(statuses[0], QStringLiteral("Saving clip…"));
+    ASSERT_TRUE(statuses[1].startsWith(QStringLiteral("Saved Clip "))) << statuses[1].toStdString();
+    EXPECT_TRUE(statuses[1].endsWith(QStringLiteral(".mp4.")));
+    EXPECT_EQ(delegate.model().tab(), AppModel::Tab::library);
+    const QString clipName = statuses[1].mid(6).chopped(1);
+    ASSERT_FALSE(delegate.model().clips().isEmpty());
+    EXPECT_EQ(delegate.model().clips().first().name, clipName);
+    EXPECT_TRUE(QFileInfo::exists(home() + QStringLiteral("/Videos/Vantrel/") + clipName));
+
+    // Within 1.5 s of the last accepted press: ignored, even though that save has finished.
+    delegate.saveClip();
+    EXPECT_EQ(statuses.size(), 2);
+
+    delegate.stopClipping();
+    delegate.startClipping(); // while the stop runs: ignored
+    ASSERT_TRUE(waitUntil([&] { return !delegate.model().isClipping(); }, 15000));
+    ASSERT_TRUE(waitUntil(
+        [&] { return statuses.last().startsWith(QStringLiteral("Saved Session ")); }, 5000))
+        << statuses.join(QLatin1Char('|')).toStdString();
+    EXPECT_FALSE(statuses.last().endsWith(QLatin1Char('.')));
+    EXPECT_TRUE(
+        QFileInfo::exists(home() + QStringLiteral("/Videos/Vantrel/") + statuses.last().mid(6)));
+    pump(500);
+    EXPECT_FALSE(delegate.engine().isArmed());
+    EXPECT_EQ(menuTexts(delegate.statusMenu())[2], QStringLiteral("Arm Recording"));
+    delegate.applicationWillTerminate();
+}
+
+TEST_F(AppDelegateTest, ASecondLaunchHandsItsLinksToTheFirstAndBuildsNothing)
+{
+    QFile conf(configHome() + QStringLiteral("/quillfen/Vantrel.conf"));
+    ASSERT_TRUE(conf.open(QIODevice::WriteOnly));
+    conf.write("[General]\nclipLengthSeconds=15\narmOnLaunch=false\n");
+    conf.close();
+
+    AppDelegate first;
+    follow(first);
+    ASSERT_TRUE(first.applicationDidFinishLaunching({}));
+    pump(1000);
+    EXPECT_FALSE(first.model().isClipping()); // neither the settings nor the intent say arm
+    EXPECT_TRUE(statuses.isEmpty());
+
+    bool handedOff = false;
+    {
+        AppDelegate second;
+        // The hand-off waits for the first to read the link, so the first must keep running.
+        QMetaObject::invokeMethod(
+            &second,
+            [&] { handedOff = !second.applicationDidFinishLaunching({"vantrel://start"}); },
+            Qt::QueuedConnection);
+        ASSERT_TRUE(waitUntil([&] { return handedOff; }, 5000));
+        EXPECT_EQ(second.statusItem(), nullptr);
+        EXPECT_EQ(second.library(), nullptr);
+    }
+    ASSERT_TRUE(waitUntil([&] { return first.model().isClipping(); }, 20000))
+        << statuses.join(QLatin1Char('|')).toStdString();
+    first.applicationWillTerminate();
+}
