@@ -1,0 +1,99 @@
+#!/usr/bin/env bash
+# save_latency: with Vantrel armed on a private X server (moving picture, tone), the time from
+# the clip-key press to the final file in the recordings folder, for 15, 30, 60 and 120 s clips,
+# 5 saves each, against ffmpeg doing the same job on the same data side by side (the clip's
+# video stream copied and its audio, as raw PCM, encoded to AAC). Frames lost by the capture
+# are counted from gaps in every saved clip.
+set -euo pipefail
+cd "$(dirname "$0")/.."
+bin=$PWD/build/bin
+. scripts/lib/headless.sh
+
+runs=${SAVE_LATENCY_RUNS:-5}
+headless_start "$bin"
+export HOME="$headless_dir/home" XDG_CONFIG_HOME="$headless_dir/home/.config"
+export XDG_STATE_HOME="$headless_dir/home/.local/state" XDG_DATA_HOME="$headless_dir/home/.local/share"
+conf="$XDG_CONFIG_HOME/quillfen/Vantrel.conf"
+mkdir -p "$(dirname "$conf")"
+printf '[General]\nclipLengthSeconds=120\n' >"$conf"
+headless_vantrel "$bin"
+headless_wait_armed 20
+echo "save_latency: armed; filling a 120 s replay..."
+sleep 124
+
+# A sleep without a fork, so the wait loop stays cheap.
+exec {tick}<> <(:)
+nap() { read -r -t "$1" -u "$tick" || true; }
+
+now() { date +%s.%N; }
+median() { sort -g | awk '{ v[NR] = $1 } END { if (NR % 2) print v[(NR + 1) / 2]; else print (v[NR / 2] + v[NR / 2 + 1]) / 2 }'; }
+
+# Frames missing inside a clip: every gap of more than 1.5 frame times between video packets.
+lost_frames() {
+  ffprobe -v error -select_streams v:0 -show_entries packet=pts_time -of csv=p=0 "$1" |
+    sort -g | awk 'NR > 1 { gap = $1 - prev; if (gap > 1.5 / 60) lost += int(gap * 60 + 0.5) - 1 } { prev = $1 } END { print lost + 0 }'
+}
+
+peer_seconds() {
+  local clip=$1 work="$headless_dir/peer"
+  mkdir -p "$work"
+  ffmpeg -v error -y -i "$clip" -map 0:v:0 -c copy "$work/video.mp4"
+  ffmpeg -v error -y -i "$clip" -map 0:a:0 -f f32le -ac 2 -ar 48000 "$work/audio.raw"
+  local start end
+  start=$(now)
+  ffmpeg -v error -y -i "$work/video.mp4" -f f32le -ar 48000 -ac 2 -i "$work/audio.raw" \
+    -map 0:v -map 1:a -c:v copy -c:a aac -b:a 192k "$work/out.mp4"
+  end=$(now)
+  echo "$end - $start" | bc -l
+}
+
+pass=1
+total_lost=0
+summary=""
+for length in 120 60 30 15; do
+  printf '[General]\nclipLengthSeconds=%s\n' "$length" >"$conf"
+  sleep 1 # the next append trims to the new length
+  ours=() theirs=()
+  for run in $(seq "$runs"); do
+    shopt -s nullglob
+    before=("$vantrel_recordings"/Clip*.mp4)
+    start=$(now)
+    xdotool key F12
+    clip=""
+    for _ in $(seq 6000); do
+      after=("$vantrel_recordings"/Clip*.mp4)
+      if [ ${#after[@]} -gt ${#before[@]} ]; then
+        for f in "${after[@]}"; do
+          [[ " ${before[*]} " == *" $f "* ]] || clip=$f
+        done
+        break
+      fi
+      nap 0.002
+    done
+    end=$(now)
+    [ -n "$clip" ] || { echo "save_latency: no clip for a $length s save"; vantrel_log_since | tail -5; exit 1; }
+    ours+=("$(echo "$end - $start" | bc -l)")
+    theirs+=("$(peer_seconds "$clip")")
+    lost=$(lost_frames "$clip")
+    total_lost=$((total_lost + lost))
+    duration=$(ffprobe -v error -show_entries format=duration -of csv=p=0 "$clip")
+    printf '  %3s s clip (%.1f s long): vantrel %.3f s, ffmpeg %.3f s, frames lost %s\n' \
+      "$length" "$duration" "${ours[-1]}" "${theirs[-1]}" "$lost"
+    sleep 1.7
+  done
+  m_ours=$(printf '%s\n' "${ours[@]}" | median)
+  m_theirs=$(printf '%s\n' "${theirs[@]}" | median)
+  ratio=$(echo "$m_ours / $m_theirs" | bc -l)
+  printf '%3s s clips: vantrel median %.0f ms, ffmpeg median %.0f ms, ratio %.2f\n' \
+    "$length" "$(echo "$m_ours * 1000" | bc -l)" "$(echo "$m_theirs * 1000" | bc -l)" "$ratio"
+  [ "$(echo "$ratio <= 1.0" | bc -l)" -eq 1 ] || pass=0
+  if [ "$length" = 30 ]; then
+    ms30=$(printf '%.0f' "$(echo "$m_ours * 1000" | bc -l)")
+    [ "$ms30" -le 700 ] || pass=0
+  fi
+  summary+="${length}s ratio $(printf '%.2f' "$ratio"), "
+done
+[ "$total_lost" -eq 0 ] || pass=0
+verdict=FAIL; [ $pass -eq 1 ] && verdict=PASS
+echo "save_latency: 30 s clip in ${ms30} ms, ${summary}frames lost ${total_lost} (target 30 s clip <= 700 ms, ratio <= 1.0, no frame lost) $verdict"
+[ $pass -eq 1 ]
