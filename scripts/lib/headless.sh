@@ -6,8 +6,9 @@ headless_pids=()
 headless_dir=""
 
 headless_stop() {
-  local pid
-  for pid in "${headless_pids[@]}"; do kill "$pid" 2>/dev/null || true; done
+  local i
+  # Newest first, so nothing outlives the servers it talks to.
+  for ((i = ${#headless_pids[@]} - 1; i >= 0; i--)); do kill "${headless_pids[i]}" 2>/dev/null || true; done
   wait 2>/dev/null || true
   [ -n "$headless_dir" ] && rm -rf "$headless_dir"
 }
@@ -17,6 +18,10 @@ headless_start() {
   local bin=$1 display=90
   headless_dir=$(mktemp -d /tmp/vantrel-headless-XXXXXX)
   trap headless_stop EXIT
+  if [ -z "${XDG_RUNTIME_DIR:-}" ]; then
+    export XDG_RUNTIME_DIR="$headless_dir/run"
+    mkdir -m 700 "$XDG_RUNTIME_DIR"
+  fi
   while [ -e "/tmp/.X11-unix/X$display" ] || [ -e "/tmp/.X$display-lock" ]; do display=$((display + 1)); done
   export DISPLAY=:$display
   Xvfb "$DISPLAY" -screen 0 1920x1080x24 -nolisten tcp -noreset >"$headless_dir/xvfb.log" 2>&1 &
@@ -36,7 +41,7 @@ headless_start() {
   "$bin/vantrel_motion" >/dev/null 2>&1 &
   headless_pids+=($!)
   ffmpeg -v error -f lavfi -i "sine=f=440:r=48000:d=30" -ac 2 "$headless_dir/tone.wav"
-  (while true; do paplay "$headless_dir/tone.wav" || exit 0; done) &
+  (while true; do paplay "$headless_dir/tone.wav" 2>/dev/null || exit 0; done) &
   headless_pids+=($!)
 }
 
