@@ -11,6 +11,7 @@
 #include "capture/RecorderError.h"
 #include "core/Log.h"
 #include "core/Preferences.h"
+#include "core/SharedPool.h"
 #include "input/ClipHotkey.h"
 #include "input/HotkeyManager.h"
 #include "input/MicAccess.h"
@@ -25,7 +26,6 @@
 #include <QMessageBox>
 #include <QProcess>
 #include <QSystemTrayIcon>
-#include <QThreadPool>
 #include <QTimer>
 
 #include <qcoro/qcorofuture.h>
@@ -453,7 +453,7 @@ void AppDelegate::applicationWillTerminate()
     // The stop runs on the pool; the main thread waits for it, but never past 8 s.
     auto done = std::make_shared<std::binary_semaphore>(0);
     ClipEngine *engine = m_engine.get();
-    QThreadPool::globalInstance()->start([engine, done] {
+    SharedPool::run([engine, done] {
         engine->stop(true).waitForFinished();
         done->release();
     });

@@ -9,7 +9,7 @@ namespace X11Displays {
 Connection connect(const char *displayName)
 {
     int screenNumber = 0;
-    XcbConnection connection(xcb_connect(displayName, &screenNumber));
+    Xcb::Connection connection(Xcb::open(displayName, &screenNumber));
     const char *shownName = displayName ? displayName : std::getenv("DISPLAY");
     const std::string name = shownName ? shownName : "";
     if (!connection || xcb_connection_has_error(connection.get())) {
@@ -34,10 +34,10 @@ std::vector<CaptureDisplay> monitors(xcb_connection_t *connection, xcb_screen_t 
 
     // get_monitors is RandR 1.5; an older server answers with an error, and the whole screen is
     // the one display then.
-    XcbReply<xcb_randr_query_version_reply_t> version(xcb_randr_query_version_reply(
+    Xcb::Reply<xcb_randr_query_version_reply_t> version(xcb_randr_query_version_reply(
         connection, xcb_randr_query_version(connection, 1, 5), nullptr));
     if (version && (version->major_version > 1 || version->minor_version >= 5)) {
-        XcbReply<xcb_randr_get_monitors_reply_t> reply(xcb_randr_get_monitors_reply(
+        Xcb::Reply<xcb_randr_get_monitors_reply_t> reply(xcb_randr_get_monitors_reply(
             connection, xcb_randr_get_monitors(connection, screen->root, 1), nullptr));
         if (reply) {
             auto it = xcb_randr_get_monitors_monitors_iterator(reply.get());
@@ -57,7 +57,7 @@ std::vector<CaptureDisplay> monitors(xcb_connection_t *connection, xcb_screen_t 
 
 std::optional<std::pair<int, int>> pointer(xcb_connection_t *connection, xcb_screen_t *screen)
 {
-    XcbReply<xcb_query_pointer_reply_t> reply(
+    Xcb::Reply<xcb_query_pointer_reply_t> reply(
         xcb_query_pointer_reply(connection, xcb_query_pointer(connection, screen->root), nullptr));
     // same_screen is false when the pointer is on another X screen of this display: its
     // coordinates then mean nothing here.

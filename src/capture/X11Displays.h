@@ -1,7 +1,7 @@
 #pragma once
 
 #include "capture/ScreenStream.h"
-#include "capture/XcbHandles.h"
+#include "input/XcbHandles.h"
 
 #include <optional>
 #include <string>
@@ -14,7 +14,7 @@ namespace X11Displays {
 
 struct Connection
 {
-    XcbConnection connection;
+    Xcb::Connection connection;
     xcb_screen_t *screen = nullptr; // owned by the connection's setup data
 };
 

@@ -20,7 +20,7 @@ constexpr int assumedCursorSize = 64;
 
 void throwIfFailed(xcb_connection_t *connection, xcb_void_cookie_t cookie, const char *what)
 {
-    XcbError error(xcb_request_check(connection, cookie));
+    Xcb::Error error(xcb_request_check(connection, cookie));
     if (error)
         throw std::runtime_error(std::string(what) + ": " + X11Displays::describe(*error) + ".");
 }
@@ -51,7 +51,7 @@ X11FrameGrabber::X11FrameGrabber(const std::string &displayName, const CaptureDi
                                  ") cannot be captured; 24-bit colour is needed.");
 
     const xcb_query_extension_reply_t *shm = xcb_get_extension_data(c, &xcb_shm_id);
-    XcbReply<xcb_shm_query_version_reply_t> shmVersion(
+    Xcb::Reply<xcb_shm_query_version_reply_t> shmVersion(
         shm && shm->present ? xcb_shm_query_version_reply(c, xcb_shm_query_version(c), nullptr)
                             : nullptr);
     if (!shmVersion || (shmVersion->major_version == 1 && shmVersion->minor_version < 2))
@@ -67,7 +67,7 @@ X11FrameGrabber::X11FrameGrabber(const std::string &displayName, const CaptureDi
     // XFixes is needed by Damage (for the region it clears) and for the cursor image.
     const xcb_query_extension_reply_t *xfixes = xcb_get_extension_data(c, &xcb_xfixes_id);
     if (xfixes && xfixes->present) {
-        XcbReply<xcb_xfixes_query_version_reply_t> version(
+        Xcb::Reply<xcb_xfixes_query_version_reply_t> version(
             xcb_xfixes_query_version_reply(c, xcb_xfixes_query_version(c, 4, 0), nullptr));
         m_hasXfixes = version && version->major_version >= 2;
         m_xfixesEventBase = xfixes->first_event;
@@ -78,7 +78,7 @@ X11FrameGrabber::X11FrameGrabber(const std::string &displayName, const CaptureDi
 
     const xcb_query_extension_reply_t *damage = xcb_get_extension_data(c, &xcb_damage_id);
     if (m_hasXfixes && damage && damage->present) {
-        XcbReply<xcb_damage_query_version_reply_t> version(
+        Xcb::Reply<xcb_damage_query_version_reply_t> version(
             xcb_damage_query_version_reply(c, xcb_damage_query_version(c, 1, 1), nullptr));
         if (version) {
             m_damageEventBase = damage->first_event;
@@ -131,7 +131,7 @@ void X11FrameGrabber::attach(const PixelBufferPool &pool)
 std::optional<std::string> X11FrameGrabber::poll()
 {
     xcb_connection_t *c = m_x.connection.get();
-    while (XcbEvent event {xcb_poll_for_event(c)})
+    while (Xcb::Event event {xcb_poll_for_event(c)})
         readEvent(*event);
     if (xcb_connection_has_error(c))
         return "The connection to the X server was lost.";
@@ -237,13 +237,13 @@ bool X11FrameGrabber::grab(const PixelBufferPool::Buffer &out)
     if (m_damage)
         xcb_damage_subtract(c, m_damage, XCB_NONE, XCB_NONE);
     xcb_generic_error_t *rawError = nullptr;
-    XcbReply<xcb_shm_get_image_reply_t> image(xcb_shm_get_image_reply(
+    Xcb::Reply<xcb_shm_get_image_reply_t> image(xcb_shm_get_image_reply(
         c,
         xcb_shm_get_image(c, m_x.screen->root, int16_t(m_display.x), int16_t(m_display.y),
                           uint16_t(m_display.width), uint16_t(m_display.height), ~0u,
                           XCB_IMAGE_FORMAT_Z_PIXMAP, segment, 0),
         &rawError));
-    XcbError error(rawError);
+    Xcb::Error error(rawError);
     if (!image) {
         if (error) {
             Log::system(QString::fromStdString("x11 capture: grab failed: " +
@@ -270,7 +270,7 @@ void X11FrameGrabber::drawCursor(const PixelBufferPool::Buffer &target)
 {
     xcb_connection_t *c = m_x.connection.get();
     if (m_cursorShapeChanged || !m_cursor) {
-        XcbReply<xcb_xfixes_get_cursor_image_reply_t> reply(
+        Xcb::Reply<xcb_xfixes_get_cursor_image_reply_t> reply(
             xcb_xfixes_get_cursor_image_reply(c, xcb_xfixes_get_cursor_image(c), nullptr));
         if (reply) {
             m_cursor = std::move(reply);

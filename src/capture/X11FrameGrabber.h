@@ -74,5 +74,5 @@ private:
     bool m_cursorShapeChanged = true;
     std::optional<std::pair<int, int>> m_pointer; // root coordinates, as of the last poll
     std::optional<std::pair<int, int>> m_pointerAtGrab;
-    XcbReply<xcb_xfixes_get_cursor_image_reply_t> m_cursor;
+    Xcb::Reply<xcb_xfixes_get_cursor_image_reply_t> m_cursor;
 };

@@ -24,6 +24,11 @@ struct Disconnect
 };
 using Connection = std::unique_ptr<xcb_connection_t, Disconnect>;
 
+// xcb_connect, one at a time in this process: libXau finds the authority file through a static
+// buffer, so two threads connecting at once (the capture and the key paths do) can read a
+// half-written file name.
+xcb_connection_t *open(const char *display, int *screenNumber);
+
 // Connects to $DISPLAY. Null when there is no display or the connection failed; `screen` gets the
 // default screen's root data when the connection succeeded.
 inline Connection connect(xcb_screen_t **screen = nullptr)
@@ -32,7 +37,7 @@ inline Connection connect(xcb_screen_t **screen = nullptr)
     if (!display || !*display)
         return nullptr;
     int screenNumber = 0;
-    Connection connection(xcb_connect(display, &screenNumber));
+    Connection connection(open(display, &screenNumber));
     if (xcb_connection_has_error(connection.get()))
         return nullptr;
     xcb_screen_iterator_t it = xcb_setup_roots_iterator(xcb_get_setup(connection.get()));
