@@ -4,8 +4,14 @@
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
+#include <fstream>
+#include <iterator>
+#include <sstream>
 #include <string>
 #include <vector>
+
+#include <sys/types.h>
+#include <unistd.h>
 
 // Small helpers shared by the benchmark drivers: medians, timing, and the closing verdict line
 // that scripts/bench reads.
@@ -23,6 +29,22 @@ inline double median(std::vector<double> values)
 inline double secondsSince(std::chrono::steady_clock::time_point start)
 {
     return std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+}
+
+// utime + stime of a process (0: this one), in seconds.
+inline double cpuSeconds(pid_t pid)
+{
+    std::ifstream file("/proc/" + (pid ? std::to_string(pid) : std::string("self")) + "/stat");
+    std::string text((std::istreambuf_iterator<char>(file)), std::istreambuf_iterator<char>());
+    // The command name may hold blanks; the fields after it are blank-separated.
+    std::istringstream fields(text.substr(text.rfind(')') + 2));
+    std::string field;
+    double ticks = 0;
+    for (int i = 3; i <= 15 && fields >> field; ++i) {
+        if (i >= 14)
+            ticks += std::stod(field);
+    }
+    return ticks / double(sysconf(_SC_CLK_TCK));
 }
 
 // Points HOME and the XDG folders at a fresh temporary folder, so a benchmark never reads or

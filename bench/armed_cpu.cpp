@@ -34,21 +34,6 @@
 
 namespace {
 
-double cpuSeconds()
-{
-    std::ifstream file("/proc/self/stat");
-    const std::string text((std::istreambuf_iterator<char>(file)),
-                           std::istreambuf_iterator<char>());
-    std::istringstream fields(text.substr(text.rfind(')') + 2));
-    std::string field;
-    double ticks = 0;
-    for (int i = 3; i <= 15 && fields >> field; ++i) {
-        if (i >= 14)
-            ticks += std::stod(field);
-    }
-    return ticks / double(sysconf(_SC_CLK_TCK));
-}
-
 double residentMegabytes()
 {
     std::ifstream file("/proc/self/status");
@@ -137,7 +122,7 @@ int main(int argc, char **argv)
     }
     sleepSeconds(settle);
 
-    const double cpu0 = cpuSeconds();
+    const double cpu0 = bench::cpuSeconds(0);
     const int64_t delivered0 = engine.framesDelivered();
     const int64_t encoded0 = engine.buffer().framesIn.load();
     const auto t0 = std::chrono::steady_clock::now();
@@ -170,7 +155,7 @@ int main(int argc, char **argv)
     }
 
     const double elapsed = bench::secondsSince(t0);
-    const double cpu = (cpuSeconds() - cpu0) / elapsed * 100;
+    const double cpu = (bench::cpuSeconds(0) - cpu0) / elapsed * 100;
     const double fps = double(engine.framesDelivered() - delivered0) / elapsed;
     const double encoded = double(engine.buffer().framesIn.load() - encoded0) / elapsed;
     std::printf("cpu=%.2f fps=%.2f encoded=%.2f rss_mb=%.1f payload_mb=%.1f buffered_s=%.1f%s\n",

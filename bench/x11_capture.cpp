@@ -25,22 +25,6 @@ namespace {
 constexpr double measureSeconds = 4;
 constexpr int rounds = 3;
 
-// utime + stime of a process, in seconds.
-double cpuSeconds(pid_t pid)
-{
-    std::ifstream file("/proc/" + (pid ? std::to_string(pid) : std::string("self")) + "/stat");
-    std::string text((std::istreambuf_iterator<char>(file)), std::istreambuf_iterator<char>());
-    // The command name may hold blanks; the fields after it are blank-separated.
-    std::istringstream fields(text.substr(text.rfind(')') + 2));
-    std::string field;
-    double ticks = 0;
-    for (int i = 3; i <= 15 && fields >> field; ++i) {
-        if (i >= 14)
-            ticks += std::stod(field);
-    }
-    return ticks / double(sysconf(_SC_CLK_TCK));
-}
-
 struct Sample
 {
     double ours = 0; // percent of one core
@@ -78,14 +62,15 @@ Sample measure(ScreenCaptureService &service, const CaptureDisplay &display, int
         started.store(!error);
     });
     std::this_thread::sleep_for(std::chrono::milliseconds(800)); // settle
-    const double ours0 = cpuSeconds(0), server0 = cpuSeconds(serverPid);
+    const double ours0 = bench::cpuSeconds(0), server0 = bench::cpuSeconds(serverPid);
     const int64_t frames0 = frames.load(), complete0 = complete.load();
     const auto t0 = std::chrono::steady_clock::now();
     std::this_thread::sleep_for(std::chrono::duration<double>(measureSeconds));
     const double elapsed = bench::secondsSince(t0);
-    Sample sample {
-        (cpuSeconds(0) - ours0) / elapsed * 100, (cpuSeconds(serverPid) - server0) / elapsed * 100,
-        double(frames.load() - frames0) / elapsed, double(complete.load() - complete0) / elapsed};
+    Sample sample {(bench::cpuSeconds(0) - ours0) / elapsed * 100,
+                   (bench::cpuSeconds(serverPid) - server0) / elapsed * 100,
+                   double(frames.load() - frames0) / elapsed,
+                   double(complete.load() - complete0) / elapsed};
     stream->stopCapture();
     return sample;
 }

@@ -134,10 +134,6 @@ protected:
     void SetUp() override
     {
         TempHomeTest::SetUp();
-        ASSERT_TRUE(m_temp.isValid());
-        // The session recorder's and the export's temporary files land here, where the test
-        // can see whether any was left behind.
-        setenv("TMPDIR", QFile::encodeName(m_temp.path()).constData(), 1);
         unsetenv("WAYLAND_DISPLAY");
         unsetenv("XDG_SESSION_TYPE");
     }
@@ -148,21 +144,19 @@ protected:
     }
     QStringList leftovers() const
     {
-        return QDir(m_temp.path()).entryList({QStringLiteral("vantrel-*.mp4")}, QDir::Files);
+        return QDir(tempFolder()).entryList({QStringLiteral("vantrel-*.mp4")}, QDir::Files);
     }
     QString logText() const { return readTextFile(Paths::logFile()); }
 
     // A 1 kHz tone played into the default sink, whose monitor is the system audio.
     std::unique_ptr<ChildProcess> playTone()
     {
-        const std::string wav = m_temp.filePath(QStringLiteral("tone.wav")).toStdString();
+        const std::string wav = (tempFolder() + QStringLiteral("/tone.wav")).toStdString();
         if (ChildProcess::run({"ffmpeg", "-v", "error", "-f", "lavfi", "-i",
                                "sine=f=1000:r=48000:d=90", "-ac", "2", "-y", wav}) != 0)
             return nullptr;
         return std::make_unique<ChildProcess>(std::vector<std::string> {"paplay", wav});
     }
-
-    QTemporaryDir m_temp;
 };
 
 RecorderError::Kind failureKind(QFuture<void> future)
@@ -282,7 +276,7 @@ TEST_F(ClipEngineTest, SavesTheLastSecondsAndKeepsTheSessionOnStop)
 // session file and tells its owner why.
 TEST_F(ClipEngineTest, LosingTheDisplayServerStopsAndDropsTheSession)
 {
-    PrivateServer x = startXvfb(m_temp.path().toStdString(), "1280x720");
+    PrivateServer x = startXvfb(tempFolder().toStdString(), "1280x720");
     ASSERT_TRUE(x.server) << x.error;
     setenv("DISPLAY", x.address.c_str(), 1);
     auto motion = startMotion(x.address);
@@ -327,7 +321,7 @@ TEST_F(ClipEngineTest, StillScreenEncodesOnlyTheFirstFrame)
 // With two monitors the one under the pointer is captured, each at its own size.
 TEST_F(ClipEngineTest, CapturesTheMonitorUnderThePointer)
 {
-    PrivateServer x = startXorgDummy(m_temp.path().toStdString());
+    PrivateServer x = startXorgDummy(tempFolder().toStdString());
     ASSERT_TRUE(x.server) << x.error;
     const ChildProcess::Environment env {{"DISPLAY", x.address}};
     // A second monitor of another size (a mode the dummy driver knows), to the right.

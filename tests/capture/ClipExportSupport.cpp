@@ -8,13 +8,6 @@
 #include <cmath>
 #include <cstdlib>
 
-void ClipExportTest::SetUp()
-{
-    TempHomeTest::SetUp();
-    ASSERT_TRUE(QDir().mkpath(tempFolder()));
-    setenv("TMPDIR", QFile::encodeName(tempFolder()).constData(), 1);
-}
-
 void ClipExportTest::storeFrames(ReplayBuffer &buffer, int64_t first, int64_t end)
 {
     for (int64_t i = first; i < end; ++i) {

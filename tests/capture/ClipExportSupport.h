@@ -9,13 +9,11 @@
 #include <QString>
 #include <QStringList>
 
-// A private home and temporary folder per test, a replay buffer filled with real H.264 and PCM
+// A replay buffer filled with real H.264 and PCM
 // the way capture fills it, and ways to wait for an export's answer.
 class ClipExportTest : public TempHomeTest
 {
 protected:
-    void SetUp() override;
-
     // The capture clock starts well away from zero, as a real one does.
     static MediaTime origin() { return MediaTime::make(50, 1); }
 
@@ -25,7 +23,6 @@ protected:
     void storeAudio(ReplayBuffer &buffer, const PcmTestSource &source, double from, double to,
                     bool mic = false);
 
-    QString tempFolder() const { return QDir(home()).filePath(QStringLiteral("tmp")); }
     QStringList recordingsFiles() const; // everything in the recordings folder, hidden or not
     QStringList tempFiles() const;
 

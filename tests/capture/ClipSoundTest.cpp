@@ -27,19 +27,12 @@ QByteArray readAll(const QString &path)
 class ClipSoundTest : public TempHomeTest
 {
 protected:
-    void SetUp() override
-    {
-        TempHomeTest::SetUp();
-        ASSERT_TRUE(m_temp.isValid());
-        setenv("TMPDIR", QFile::encodeName(m_temp.path()).constData(), 1);
-    }
+    void SetUp() override { TempHomeTest::SetUp(); }
 
     QStringList cueFiles() const
     {
-        return QDir(m_temp.path()).entryList({QStringLiteral("vantrel-*.wav")}, QDir::Files);
+        return QDir(tempFolder()).entryList({QStringLiteral("vantrel-*.wav")}, QDir::Files);
     }
-
-    QTemporaryDir m_temp;
 };
 
 } // namespace

@@ -19,17 +19,12 @@ namespace {
 class SessionRecorderTest : public TempHomeTest
 {
 protected:
-    void SetUp() override
-    {
-        TempHomeTest::SetUp();
-        ASSERT_TRUE(m_temp.isValid());
-        setenv("TMPDIR", QFile::encodeName(m_temp.path()).constData(), 1);
-    }
+    void SetUp() override { TempHomeTest::SetUp(); }
 
     QStringList recordings() const { return QDir(Paths::recordings()).entryList(QDir::Files); }
     QStringList leftovers() const
     {
-        return QDir(m_temp.path()).entryList({QStringLiteral("vantrel-*")}, QDir::Files);
+        return QDir(tempFolder()).entryList({QStringLiteral("vantrel-*")}, QDir::Files);
     }
 
     // Capture as it arrives: video frames [first, end) and the audio of the same span, with the
@@ -46,7 +41,6 @@ protected:
         }
     }
 
-    QTemporaryDir m_temp;
     H264TestSource video {320, 240, 500'000};
     PcmTestSource tone {1000, 0.3f};
     const MediaTime origin = MediaTime::make(100, 1);

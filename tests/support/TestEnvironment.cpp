@@ -17,6 +17,10 @@ void TempHomeTest::SetUp()
     // A real home has these; the trash, for one, is only made inside an existing data folder.
     QDir().mkpath(m_home.filePath(QStringLiteral(".local/share")));
     QDir().mkpath(m_home.filePath(QStringLiteral(".config")));
+    // Temporary files (the export's, the session's, the cues') land where the test can see
+    // whether any was left behind.
+    QDir().mkpath(tempFolder());
+    setenv("TMPDIR", QFile::encodeName(tempFolder()).constData(), 1);
 }
 
 QString readTextFile(const QString &path)

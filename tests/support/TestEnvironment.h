@@ -5,9 +5,9 @@
 
 #include <gtest/gtest.h>
 
-// Gives the test a home of its own: HOME, XDG_CONFIG_HOME, XDG_STATE_HOME and the videos folder
-// all point into a fresh temporary folder that is removed afterwards. Every test case runs in a
-// process of its own (ctest), so the program's once-per-process paths see this home.
+// Gives the test a home of its own: HOME, XDG_CONFIG_HOME, XDG_STATE_HOME, TMPDIR and the videos
+// folder all point into a fresh temporary folder that is removed afterwards. Every test case runs
+// in a process of its own (ctest), so the program's once-per-process paths see this home.
 class TempHomeTest : public ::testing::Test
 {
 protected:
@@ -16,6 +16,8 @@ protected:
     QString home() const { return m_home.path(); }
     QString configHome() const { return m_home.filePath(QStringLiteral(".config")); }
     QString stateHome() const { return m_home.filePath(QStringLiteral(".local/state")); }
+    // TMPDIR of the test.
+    QString tempFolder() const { return m_home.filePath(QStringLiteral("tmp")); }
 
 private:
     QTemporaryDir m_home;
