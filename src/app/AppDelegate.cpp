@@ -112,6 +112,8 @@ bool AppDelegate::applicationDidFinishLaunching(const QStringList &links)
                 openUrls(urls);
             });
 
+    // Marks where this run begins in the log.
+    ClipEngine::log(QStringLiteral("launched version %1").arg(QStringLiteral(VANTREL_VERSION)));
     // Paths::recordings() creates the folder when it is missing.
     m_library = std::make_unique<ClipLibrary>(m_model, Paths::recordings());
     PermissionOnce::rememberExistingPrompts();

@@ -183,6 +183,9 @@ void ClipEngine::arm()
             throw std::runtime_error("no screen capture service");
         content = capture->service->shareableContent();
         pointer = capture->service->pointerLocation();
+    } catch (const NoDisplayServer &e) {
+        log(QStringLiteral("shareable failed: %1").arg(QString::fromUtf8(e.what())));
+        throw RecorderError::noDisplay();
     } catch (const std::exception &e) {
         log(QStringLiteral("shareable failed: %1").arg(QString::fromUtf8(e.what())));
         if (ScreenAccess::isGranted())

@@ -7,6 +7,7 @@
 #include <functional>
 #include <memory>
 #include <optional>
+#include <stdexcept>
 #include <string>
 #include <vector>
 
@@ -96,4 +97,12 @@ public:
     // an X display is there and the session is not Wayland's. Throws std::runtime_error with a
     // sentence for the user when there is none (unknown backend, no display, a Wayland session).
     static std::unique_ptr<ScreenCaptureService> create();
+};
+
+// Thrown by the backends when there is no display server to capture from (none reachable, or
+// none of a kind they can capture). Unlike a permission that is not yet in force, starting again
+// does not help; the engine says so rather than restart the program.
+struct NoDisplayServer : std::runtime_error
+{
+    using std::runtime_error::runtime_error;
 };

@@ -14,8 +14,8 @@ Connection connect(const char *displayName)
     const std::string name = shownName ? shownName : "";
     if (!connection || xcb_connection_has_error(connection.get())) {
         if (name.empty())
-            throw std::runtime_error("No X display to capture: DISPLAY is not set.");
-        throw std::runtime_error("Could not connect to the X display \"" + name + "\".");
+            throw NoDisplayServer("No X display to capture: DISPLAY is not set.");
+        throw NoDisplayServer("Could not connect to the X display \"" + name + "\".");
     }
     xcb_screen_iterator_t screens = xcb_setup_roots_iterator(xcb_get_setup(connection.get()));
     for (int i = 0; i < screenNumber && screens.rem; ++i)
