@@ -187,6 +187,12 @@ void X11ScreenStream::tick(X11FrameGrabber &grabber, PixelBufferPool &pool, int6
 
     const MediaTime duration = MediaTime::make(1, m_config.fps);
     if (!grabber.hasChanges()) {
+        // A still screen is told once when it goes still and then once a second: handing the
+        // consumer an empty frame every tick would wake its thread 60 times a second for
+        // nothing.
+        if (m_lastIdlePost >= 0 && now - m_lastIdlePost < 1'000'000'000)
+            return;
+        m_lastIdlePost = now;
         const VideoFrame frame {nullptr,
                                 nullptr,
                                 0,
@@ -217,6 +223,7 @@ void X11ScreenStream::tick(X11FrameGrabber &grabber, PixelBufferPool &pool, int6
                             duration,         VideoFrame::Status::complete};
     const bool posted = m_screen->post([handler = m_frameHandler, frame] { handler(frame); });
     (posted ? m_complete : m_skipped).fetch_add(1);
+    m_lastIdlePost = -1;
 }
 
 void X11ScreenStream::end(const std::string &why)

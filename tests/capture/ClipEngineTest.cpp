@@ -306,15 +306,16 @@ TEST_F(ClipEngineTest, LosingTheDisplayServerStopsAndDropsTheSession)
     EXPECT_FALSE(engine.isArmed());
 }
 
-// A still screen is delivered as idle frames, and only the first frame reaches the encoder.
+// A still screen is delivered as a few idle frames, and only the first frame reaches the encoder.
 TEST_F(ClipEngineTest, StillScreenEncodesOnlyTheFirstFrame)
 {
     ClipEngine engine;
     engine.start().waitForFinished();
-    ASSERT_TRUE(waitUntil([&] { return engine.framesIdle() >= 90; }, 20000))
+    ASSERT_TRUE(waitUntil([&] { return engine.framesIdle() >= 3; }, 20000))
         << engine.framesDelivered() << " delivered, " << engine.framesIdle() << " idle";
     EXPECT_EQ(engine.buffer().framesIn.load(), 1);
     EXPECT_EQ(engine.framesDelivered() - engine.framesIdle(), 1);
+    EXPECT_LE(engine.framesIdle(), 5); // about one a second, not one a tick
     engine.stop(false).waitForFinished();
 }
 
