@@ -3,7 +3,7 @@
 # the clip-key press to the final file in the recordings folder, for 15, 30, 60 and 120 s clips,
 # 5 saves each, against ffmpeg doing the same job on the same data side by side (the clip's
 # video stream copied and its audio, as raw PCM, encoded to AAC). Frames lost by the capture
-# are counted from gaps in every saved clip.
+# while a save runs are counted from the gaps in the next clip.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 bin=$PWD/build/bin
@@ -15,7 +15,7 @@ export HOME="$headless_dir/home" XDG_CONFIG_HOME="$headless_dir/home/.config"
 export XDG_STATE_HOME="$headless_dir/home/.local/state" XDG_DATA_HOME="$headless_dir/home/.local/share"
 conf="$XDG_CONFIG_HOME/quillfen/Vantrel.conf"
 mkdir -p "$(dirname "$conf")"
-printf '[General]\nclipLengthSeconds=120\n' >"$conf"
+printf '[General]\nclipLengthSeconds=120\n' >"$conf" # before launch: no reader yet
 headless_vantrel "$bin"
 headless_wait_armed 20
 echo "save_latency: armed; filling a 120 s replay..."
@@ -28,10 +28,19 @@ nap() { read -r -t "$1" -u "$tick" || true; }
 now() { date +%s.%N; }
 median() { sort -g | awk '{ v[NR] = $1 } END { if (NR % 2) print v[(NR + 1) / 2]; else print (v[NR / 2] + v[NR / 2 + 1]) / 2 }'; }
 
-# Frames missing inside a clip: every gap of more than 1.5 frame times between video packets.
+# Frames the capture lost while the previous save ran: gaps of more than 1.5 frame times between
+# video packets inside that save's span, found in this clip (which ends about when this press
+# came). LOST_FRAMES CLIP SECONDS_BACK_FROM SECONDS_BACK_TO
 lost_frames() {
-  ffprobe -v error -select_streams v:0 -show_entries packet=pts_time -of csv=p=0 "$1" |
-    sort -g | awk 'NR > 1 { gap = $1 - prev; if (gap > 1.5 / 60) lost += int(gap * 60 + 0.5) - 1 } { prev = $1 } END { print lost + 0 }'
+  ffprobe -v error -select_streams v:0 -show_entries packet=pts_time -of csv=p=0 "$1" | sort -g |
+    awk -v from="$2" -v to="$3" '{ t[NR] = $1 } END {
+      last = t[NR]; lost = 0
+      for (i = 2; i <= NR; i++) {
+        if (t[i] < last - from || t[i - 1] > last - to) continue
+        gap = t[i] - t[i - 1]
+        if (gap > 1.5 / 60) lost += int(gap * 60 + 0.5) - 1
+      }
+      print lost + 0 }'
 }
 
 peer_seconds() {
@@ -49,9 +58,13 @@ peer_seconds() {
 
 pass=1
 total_lost=0
+prev_start="" prev_end=""
 summary=""
 for length in 120 60 30 15; do
-  printf '[General]\nclipLengthSeconds=%s\n' "$length" >"$conf"
+  # Replaced in one step, as the program writes it: a reader must never see the file half
+  # written (an empty file reads as the default clip length).
+  printf '[General]\nclipLengthSeconds=%s\n' "$length" >"$conf.new"
+  mv "$conf.new" "$conf"
   sleep 1 # the next append trims to the new length
   ours=() theirs=()
   for run in $(seq "$runs"); do
@@ -73,8 +86,14 @@ for length in 120 60 30 15; do
     end=$(now)
     [ -n "$clip" ] || { echo "save_latency: no clip for a $length s save"; vantrel_log_since | tail -5; exit 1; }
     ours+=("$(echo "$end - $start" | bc -l)")
+    # The peer runs now, between our saves, on the same busy machine; the frames it costs the
+    # capture fall outside the save spans that are counted.
     theirs+=("$(peer_seconds "$clip")")
-    lost=$(lost_frames "$clip")
+    lost=0
+    if [ -n "$prev_start" ]; then
+      lost=$(lost_frames "$clip" "$(echo "$start - $prev_start" | bc -l)" "$(echo "$start - $prev_end" | bc -l)")
+    fi
+    prev_start=$start prev_end=$end
     total_lost=$((total_lost + lost))
     duration=$(ffprobe -v error -show_entries format=duration -of csv=p=0 "$clip")
     printf '  %3s s clip (%.1f s long): vantrel %.3f s, ffmpeg %.3f s, frames lost %s\n' \
