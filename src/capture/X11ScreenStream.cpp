@@ -162,7 +162,7 @@ void X11ScreenStream::captureLoop(X11FrameGrabber &grabber, PixelBufferPool &poo
             if (m_stopRequested)
                 return;
         }
-        tick(grabber, pool, monotonicNanoseconds());
+        tick(grabber, pool, due(index), monotonicNanoseconds());
         if (m_ended.load())
             return;
         // Ticks whose whole slot has passed are skipped; the one whose slot we are in runs now.
@@ -174,7 +174,8 @@ void X11ScreenStream::captureLoop(X11FrameGrabber &grabber, PixelBufferPool &poo
     }
 }
 
-void X11ScreenStream::tick(X11FrameGrabber &grabber, PixelBufferPool &pool, int64_t now)
+void X11ScreenStream::tick(X11FrameGrabber &grabber, PixelBufferPool &pool, int64_t slot,
+                           int64_t now)
 {
     if (std::optional<std::string> why = grabber.poll())
         return end(*why);
@@ -198,7 +199,7 @@ void X11ScreenStream::tick(X11FrameGrabber &grabber, PixelBufferPool &pool, int6
                                 0,
                                 m_config.width,
                                 m_config.height,
-                                nanosecondTime(now),
+                                nanosecondTime(slot),
                                 duration,
                                 VideoFrame::Status::idle};
         const bool posted = m_screen->post([handler = m_frameHandler, frame] { handler(frame); });
@@ -212,15 +213,16 @@ void X11ScreenStream::tick(X11FrameGrabber &grabber, PixelBufferPool &pool, int6
         m_skipped.fetch_add(1);
         return;
     }
-    const int64_t grabbedAt = monotonicNanoseconds();
+    // Stamped with its slot rather than the moment of the grab: a late tick and the one after it
+    // then stay a whole frame apart, as players and muxers expect of a 60 fps stream, and the
+    // picture is off by less than one frame.
     if (!grabber.grab(*buffer)) {
         m_skipped.fetch_add(1);
         return;
     }
-    const VideoFrame frame {buffer,           buffer->data(),
-                            buffer->stride(), buffer->width(),
-                            buffer->height(), nanosecondTime(grabbedAt),
-                            duration,         VideoFrame::Status::complete};
+    const VideoFrame frame {
+        buffer,           buffer->data(),       buffer->stride(), buffer->width(),
+        buffer->height(), nanosecondTime(slot), duration,         VideoFrame::Status::complete};
     const bool posted = m_screen->post([handler = m_frameHandler, frame] { handler(frame); });
     (posted ? m_complete : m_skipped).fetch_add(1);
     m_lastIdlePost = -1;

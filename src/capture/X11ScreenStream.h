@@ -51,7 +51,8 @@ public:
 private:
     void run(StartCompletion completion);
     void captureLoop(X11FrameGrabber &grabber, PixelBufferPool &pool);
-    void tick(X11FrameGrabber &grabber, PixelBufferPool &pool, int64_t now);
+    // `slot` is the tick's place on the frame grid, which stamps its frame; `now` is when it ran.
+    void tick(X11FrameGrabber &grabber, PixelBufferPool &pool, int64_t slot, int64_t now);
     void end(const std::string &why);
 
     const CaptureDisplay m_display;

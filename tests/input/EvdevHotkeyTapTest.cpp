@@ -6,9 +6,13 @@
 #include <QTemporaryDir>
 
 #include <gtest/gtest.h>
+#include <libevdev/libevdev-uinput.h>
+#include <libevdev/libevdev.h>
 
+#include <cerrno>
 #include <chrono>
 #include <condition_variable>
+#include <cstring>
 #include <fcntl.h>
 #include <mutex>
 #include <sys/stat.h>
@@ -167,3 +171,74 @@ TEST(EvdevHotkeyTap, ReadsEveryKeyboardAndFollowsThemInAndOut)
 }
 
 } // namespace
+
+namespace {
+
+// A keyboard made through the kernel's uinput, which the tap must find among the real devices.
+class VirtualKeyboard
+{
+public:
+    VirtualKeyboard()
+    {
+        libevdev *device = libevdev_new();
+        libevdev_set_name(device, "Vantrel test keyboard");
+        libevdev_enable_event_type(device, EV_KEY);
+        for (unsigned code : {KEY_A, KEY_F12, KEY_LEFTCTRL, KEY_ESC, KEY_ENTER, KEY_SPACE})
+            libevdev_enable_event_code(device, EV_KEY, code, nullptr);
+        m_error =
+            libevdev_uinput_create_from_device(device, LIBEVDEV_UINPUT_OPEN_MANAGED, &m_input);
+        libevdev_free(device);
+    }
+    ~VirtualKeyboard()
+    {
+        if (m_input)
+            libevdev_uinput_destroy(m_input);
+    }
+    bool isValid() const { return m_error == 0 && m_input; }
+    void tap(unsigned code)
+    {
+        for (int value : {1, 0}) {
+            libevdev_uinput_write_event(m_input, EV_KEY, code, value);
+            libevdev_uinput_write_event(m_input, EV_SYN, SYN_REPORT, 0);
+        }
+    }
+
+private:
+    libevdev_uinput *m_input = nullptr;
+    int m_error = -1;
+};
+
+} // namespace
+
+// The real kernel path: keyboards made through uinput, one present at the start and one plugged in
+// while the tap runs. Needs /dev/uinput (root, the uinput module), as CI machines have.
+TEST(EvdevHotkeyTap, ReadsRealKeyboardsIncludingOnePluggedInLater)
+{
+    const int probe = ::open("/dev/uinput", O_WRONLY | O_CLOEXEC);
+    if (probe < 0)
+        GTEST_SKIP() << "/dev/uinput cannot be opened here (" << std::strerror(errno)
+                     << "); the FIFO tests above cover the reader without the kernel";
+    ::close(probe);
+
+    VirtualKeyboard first;
+    ASSERT_TRUE(first.isValid());
+    std::this_thread::sleep_for(300ms); // udev makes the event node
+    KeyLog log;
+    EvdevHotkeyTap tap(QStringLiteral("/dev/input"), log.sink());
+    ASSERT_TRUE(tap.start());
+    first.tap(KEY_F12);
+    std::vector<KeyInput> keys = log.waitFor(2);
+    ASSERT_GE(keys.size(), 2u);
+    EXPECT_EQ(keys[0].keyCode, uint32_t(KEY_F12));
+    EXPECT_EQ(keys[0].action, Action::press);
+    EXPECT_EQ(keys[1].action, Action::release);
+
+    VirtualKeyboard second;
+    ASSERT_TRUE(second.isValid());
+    std::this_thread::sleep_for(500ms);
+    second.tap(KEY_A);
+    keys = log.waitFor(4);
+    ASSERT_GE(keys.size(), 4u);
+    EXPECT_EQ(keys[2].keyCode, uint32_t(KEY_A));
+    tap.stop();
+}
