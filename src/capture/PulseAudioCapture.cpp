@@ -160,16 +160,17 @@ void PulseAudioCapture::startLocked()
         pa_threaded_mainloop_wait(m_loop.get());
     }
 
-    const pa_sample_spec spec {PA_SAMPLE_FLOAT32LE, uint32_t(m_sampleRate), uint8_t(m_channels)};
+    const pa_sample_spec sampleFormat {PA_SAMPLE_FLOAT32LE, uint32_t(m_sampleRate),
+                                       uint8_t(m_channels)};
     pa_channel_map map;
-    pa_channel_map_init_auto(&map, spec.channels, PA_CHANNEL_MAP_DEFAULT);
+    pa_channel_map_init_auto(&map, sampleFormat.channels, PA_CHANNEL_MAP_DEFAULT);
     // fragsize asks the server to hand over about 10 ms at a time; the rest is left to it.
     pa_buffer_attr attributes;
     attributes.maxlength = uint32_t(-1);
     attributes.tlength = uint32_t(-1);
     attributes.prebuf = uint32_t(-1);
     attributes.minreq = uint32_t(-1);
-    attributes.fragsize = uint32_t(pa_usec_to_bytes(packetNanoseconds / 1000, &spec));
+    attributes.fragsize = uint32_t(pa_usec_to_bytes(packetNanoseconds / 1000, &sampleFormat));
     const auto flags = pa_stream_flags_t(PA_STREAM_ADJUST_LATENCY | PA_STREAM_AUTO_TIMING_UPDATE |
                                          PA_STREAM_INTERPOLATE_TIMING);
 
@@ -178,7 +179,7 @@ void PulseAudioCapture::startLocked()
         Proplist properties(pa_proplist_new());
         pa_proplist_sets(properties.get(), PA_PROP_MEDIA_ROLE, "production");
         recording->stream.reset(pa_stream_new_with_proplist(
-            context, system ? "Vantrel system audio" : "Vantrel microphone", &spec, &map,
+            context, system ? "Vantrel system audio" : "Vantrel microphone", &sampleFormat, &map,
             properties.get()));
         if (!recording->stream)
             throw std::runtime_error("Could not create an audio recording: " +
@@ -305,7 +306,7 @@ void PulseAudioCapture::onRead(pa_stream *, size_t, void *recording)
 void PulseAudioCapture::read(Recording &recording)
 {
     pa_stream *stream = recording.stream.get();
-    const pa_sample_spec *spec = pa_stream_get_sample_spec(stream);
+    const pa_sample_spec *sampleFormat = pa_stream_get_sample_spec(stream);
     while (pa_stream_readable_size(stream) > 0) {
         const void *data = nullptr;
         size_t bytes = 0;
@@ -331,7 +332,7 @@ void PulseAudioCapture::read(Recording &recording)
         // half a second at times; the readable size is exact and local.
         const int64_t now = monotonicNanoseconds();
         int64_t delayMicroseconds =
-            int64_t(pa_bytes_to_usec(pa_stream_readable_size(stream), spec));
+            int64_t(pa_bytes_to_usec(pa_stream_readable_size(stream), sampleFormat));
         if (const pa_timing_info *timing = pa_stream_get_timing_info(stream))
             delayMicroseconds += int64_t(timing->source_usec) + int64_t(timing->transport_usec) -
                 int64_t(timing->sink_usec);

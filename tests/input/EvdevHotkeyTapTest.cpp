@@ -2,6 +2,7 @@
 #include "input/ClipHotkey.h"
 
 #include "input/EvdevRecords.h"
+#include "input/HotkeyTestSupport.h"
 
 #include <QTemporaryDir>
 
@@ -23,13 +24,6 @@ namespace {
 
 using namespace std::chrono_literals;
 using Action = KeyInput::Action;
-
-// FIFOs stand in for event devices; the probe takes them (and nothing else) for keyboards.
-bool isFifo(int fd)
-{
-    struct stat info;
-    return fstat(fd, &info) == 0 && S_ISFIFO(info.st_mode);
-}
 
 class KeyLog
 {

@@ -173,21 +173,11 @@ TEST_F(WindowDebounceTest, CaptureBindsTheNextKeyAndLetsQuitVolumeAndModifiersTh
 }
 
 // FIFOs standing in for keyboards; no display at all.
-bool isFifo(int fd)
-{
-    struct stat info;
-    return fstat(fd, &info) == 0 && S_ISFIFO(info.st_mode);
-}
 
 TEST_F(HotkeyManagerTest, WithoutADisplayTheKeyboardsCarryTheClipKey)
 {
     qputenv("DISPLAY", "");
-    const QString input = home() + QStringLiteral("/input");
-    ASSERT_TRUE(QDir().mkpath(input));
-    qputenv("VANTREL_INPUT_DIR", QFile::encodeName(input));
-    const QByteArray device = QFile::encodeName(input + QStringLiteral("/event0"));
-    ASSERT_EQ(mkfifo(device.constData(), 0600), 0);
-    manager().setKeyboardProbeForTesting(isFifo);
+    const QByteArray device = useFifoKeyboard();
 
     bool becameGlobal = false;
     manager().onBecameGlobal = [&] { becameGlobal = true; };

@@ -23,12 +23,6 @@ void xdotool(const QStringList &arguments)
         << arguments.join(' ').toStdString();
 }
 
-bool isFifo(int fd)
-{
-    struct stat info;
-    return fstat(fd, &info) == 0 && S_ISFIFO(info.st_mode);
-}
-
 // Every path at once: the X grab and raw events on the private Xvfb, a FIFO for a keyboard
 // under /dev/input, and our own window. A "physical" press is an evdev record and an XTest key
 // sent together, as a real keyboard reaches both the kernel device and the X server.
@@ -39,12 +33,7 @@ protected:
     {
         HotkeyManagerTest::SetUp();
         signal(SIGPIPE, SIG_IGN);
-        const QString input = home() + QStringLiteral("/input");
-        ASSERT_TRUE(QDir().mkpath(input));
-        qputenv("VANTREL_INPUT_DIR", QFile::encodeName(input));
-        const QByteArray device = QFile::encodeName(input + QStringLiteral("/event0"));
-        ASSERT_EQ(mkfifo(device.constData(), 0600), 0);
-        manager().setKeyboardProbeForTesting(isFifo);
+        const QByteArray device = useFifoKeyboard();
         manager().registerHotkey();
         manager().setArmed(true);
         ASSERT_EQ(manager().installedPathsText(),

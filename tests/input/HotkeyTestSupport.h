@@ -4,13 +4,23 @@
 #include "support/TestEnvironment.h"
 
 #include <QCoreApplication>
+#include <QDir>
 #include <QElapsedTimer>
+#include <QFile>
 #include <QKeyEvent>
 #include <QWindow>
 
 #include <chrono>
 #include <functional>
 #include <mutex>
+#include <sys/stat.h>
+
+// FIFOs stand in for event devices; this probe takes them (and nothing else) for keyboards.
+inline bool isFifo(int fd)
+{
+    struct stat info;
+    return fstat(fd, &info) == 0 && S_ISFIFO(info.st_mode);
+}
 
 // Runs the main thread's event loop until `done` holds or the time is up.
 inline bool spinUntil(const std::function<bool()> &done, int timeoutMs = 3000)
@@ -95,6 +105,17 @@ protected:
     void TearDown() override { manager().unregister(); }
 
     static HotkeyManager &manager() { return HotkeyManager::shared(); }
+    // Points the manager's keyboard folder at one FIFO "keyboard" in the test's home; its path.
+    QByteArray useFifoKeyboard()
+    {
+        const QString input = home() + QStringLiteral("/input");
+        EXPECT_TRUE(QDir().mkpath(input));
+        qputenv("VANTREL_INPUT_DIR", QFile::encodeName(input));
+        const QByteArray device = QFile::encodeName(input + QStringLiteral("/event0"));
+        EXPECT_EQ(mkfifo(device.constData(), 0600), 0);
+        manager().setKeyboardProbeForTesting(isFifo);
+        return device;
+    }
     // The count after the queued fires of the moment have run.
     int settledFires(int ms = 50)
     {
