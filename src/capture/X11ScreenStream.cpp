@@ -188,9 +188,9 @@ void X11ScreenStream::tick(X11FrameGrabber &grabber, PixelBufferPool &pool, int6
 
     const MediaTime duration = MediaTime::make(1, m_config.fps);
     if (!grabber.hasChanges()) {
-        // A still screen is told once when it goes still and then once a second: handing the
-        // consumer an empty frame every tick would wake its thread 60 times a second for
-        // nothing.
+        // A still screen is told once it has been still for a second, and then once a second:
+        // handing the consumer an empty frame every tick (or at every missed draw of a
+        // stuttering program) would wake its thread for nothing.
         if (m_lastIdlePost >= 0 && now - m_lastIdlePost < 1'000'000'000)
             return;
         m_lastIdlePost = now;
@@ -225,7 +225,7 @@ void X11ScreenStream::tick(X11FrameGrabber &grabber, PixelBufferPool &pool, int6
         buffer->height(), nanosecondTime(slot), duration,         VideoFrame::Status::complete};
     const bool posted = m_screen->post([handler = m_frameHandler, frame] { handler(frame); });
     (posted ? m_complete : m_skipped).fetch_add(1);
-    m_lastIdlePost = -1;
+    m_lastIdlePost = now;
 }
 
 void X11ScreenStream::end(const std::string &why)

@@ -76,5 +76,5 @@ private:
     std::atomic<int64_t> m_idle {0};
     std::atomic<int64_t> m_skipped {0};
     std::atomic<int64_t> m_late {0};
-    int64_t m_lastIdlePost = -1; // capture thread only; -1 while the screen is changing
+    int64_t m_lastIdlePost = -1; // capture thread only: the last frame handed on, or -1
 };
