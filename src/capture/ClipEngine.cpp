@@ -1,5 +1,6 @@
 #include "capture/ClipEngine.h"
 
+#include "capture/ClipExport.h"
 #include "capture/ClipFinish.h"
 #include "capture/ClipSettings.h"
 #include "capture/Paths.h"
@@ -217,10 +218,14 @@ void ClipEngine::arm()
     config.channelCount = 2;
     config.captureMicrophone = mic;
 
-    auto recorder = std::make_shared<SessionRecorder>(mic);
+    auto audioHistory = std::make_shared<EncodedAudioHistory>();
+    auto micHistory = mic ? std::make_shared<EncodedAudioHistory>() : nullptr;
+    auto recorder = std::make_shared<SessionRecorder>(mic, audioHistory, micHistory);
     {
         std::scoped_lock lock(m_stateLock);
         m_sessionRecorder = recorder;
+        m_audioHistory = audioHistory;
+        m_micHistory = micHistory;
     }
     m_buffer.setOnVideoFrame(
         [recorder](const ReplayBuffer::EncodedFrame &frame, const VideoFormatPtr &format) {
@@ -405,8 +410,11 @@ std::optional<QString> ClipEngine::performStop(bool saveSession)
         // The recorder's queue answers; the stream keeps delivering meanwhile, and drops.
         session = recorder->finish(saveSession).result();
         std::scoped_lock lock(m_stateLock);
-        if (m_sessionRecorder == recorder)
+        if (m_sessionRecorder == recorder) {
             m_sessionRecorder.reset();
+            m_audioHistory.reset();
+            m_micHistory.reset();
+        }
     }
     clearBufferCallbacks();
     std::shared_ptr<Capture> capture;
@@ -447,8 +455,14 @@ QFuture<QString> ClipEngine::saveClip()
         log(QString::asprintf("saveClip buffer=%.1fs videos=%d audio=%d",
                               m_buffer.bufferedDuration(), m_buffer.videoCount(),
                               m_buffer.audioCount()));
+        ClipExport::Options options;
+        {
+            std::scoped_lock lock(m_stateLock);
+            options.audioHistory = m_audioHistory;
+            options.micHistory = m_micHistory;
+        }
         // Both answer from their own queues, not from the pool.
-        const QString clip = m_buffer.exportClip().result();
+        const QString clip = ClipExport::exportClip(m_buffer.snapshot(), options).result();
         return ClipFinish::publish(clip).result();
     });
 }

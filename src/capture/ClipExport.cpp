@@ -46,6 +46,18 @@ std::vector<ReplayBuffer::AudioPacket> shiftedAudio(const List &packets, MediaTi
     return shifted;
 }
 
+// Where the last packet of `packets` ends; invalid when there is none.
+template<typename List> MediaTime endOf(const List &packets)
+{
+    MediaTime end = MediaTime::invalid();
+    for (const ReplayBuffer::AudioPacket &packet : packets) {
+        const MediaTime packetEnd = packet.pts + packet.duration;
+        if (!end.isValid() || end < packetEnd)
+            end = packetEnd;
+    }
+    return end;
+}
+
 QFuture<QString> failedFuture(const QString &message)
 {
     QPromise<QString> promise;
@@ -106,6 +118,9 @@ QFuture<QString> exportClip(const ReplayBuffer::Snapshot &snapshot, Options opti
     plan.audioFormat = snapshot.audioFormat;
     plan.mic = shiftedAudio(snapshot.mic, base);
     plan.micFormat = snapshot.micFormat;
+    plan.sourceBase = base;
+    plan.audioHistory = {std::move(options.audioHistory), endOf(snapshot.audio)};
+    plan.micHistory = {std::move(options.micHistory), endOf(snapshot.mic)};
     plan.finalPath = newClipURL();
     plan.tempPath = newTemporaryURL();
     plan.timeLimit = options.timeLimit;

@@ -1,5 +1,6 @@
 #pragma once
 
+#include "capture/EncodedAudioHistory.h"
 #include "capture/ReplayBuffer.h"
 
 #include <QFuture>
@@ -12,7 +13,8 @@ class SerialQueue;
 
 // Saving a clip: the snapshot of the replay buffer, started at its first key frame and moved to
 // time zero, written into a temporary MP4 on the process-wide export queue (video passed through,
-// audio encoded to AAC) and moved into the recordings folder once complete.
+// audio encoded to AAC, or taken from the session file's AAC when that covers the clip) and moved
+// into the recordings folder once complete.
 namespace ClipExport {
 
 struct Options
@@ -22,6 +24,10 @@ struct Options
     // Runs on the export queue when the export's last callback is over (its writer finished or
     // was given up), after the answer. For callers that must know nothing is left running.
     std::function<void()> onWriterDone;
+    // The AAC already made of the system audio and the microphone while armed. A track whose
+    // history covers the clip is copied from it rather than encoded again.
+    std::shared_ptr<const EncodedAudioHistory> audioHistory;
+    std::shared_ptr<const EncodedAudioHistory> micHistory;
 };
 
 // Exports `snapshot`; see ReplayBuffer::exportClip. The future completes exactly once, with the

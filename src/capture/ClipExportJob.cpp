@@ -9,6 +9,10 @@
 
 namespace {
 
+// How long a save may wait for the session file's encoder to reach the end of the clip's audio:
+// it runs live, a frame or two behind the capture. Past this the clip encodes its own audio.
+constexpr std::chrono::milliseconds reuseWait {300};
+
 Mp4Writer::AudioSettings aacInput(const AudioFormatPtr &format)
 {
     Mp4Writer::AudioSettings settings;
@@ -74,18 +78,10 @@ void ClipExportJob::writeMP4()
     m_video.bridge = {m_writer.get(), *video};
     m_video.added = true;
     // An audio track that cannot be added is left out of the clip.
-    if (!m_plan.audio.empty() && m_plan.audioFormat) {
-        if (const auto input = m_writer->addAudioInput(aacInput(m_plan.audioFormat), false)) {
-            m_audio.bridge = {m_writer.get(), *input};
-            m_audio.added = true;
-        }
-    }
-    if (!m_plan.mic.empty() && m_plan.micFormat) {
-        if (const auto input = m_writer->addAudioInput(aacInput(m_plan.micFormat), false)) {
-            m_mic.bridge = {m_writer.get(), *input};
-            m_mic.added = true;
-        }
-    }
+    if (!m_plan.audio.empty() && m_plan.audioFormat)
+        addAudio(m_audio, m_plan.audioHistory, m_plan.audioFormat, "audio");
+    if (!m_plan.mic.empty() && m_plan.micFormat)
+        addAudio(m_mic, m_plan.micHistory, m_plan.micFormat, "mic");
 
     if (!m_writer->startWriting()) {
         const QString error = m_writer->error();
@@ -110,18 +106,66 @@ void ClipExportJob::writeMP4()
         m_writer->requestMediaDataWhenReady(m_mic.bridge.input, [this] { pump(Track::mic); });
 }
 
+void ClipExportJob::addAudio(Feed &feed, const Plan::Reuse &reuse, const AudioFormatPtr &format,
+                             const char *name)
+{
+    if (reuse.history) {
+        std::optional<EncodedAudioHistory::Clip> clip =
+            reuse.history->clip(m_plan.sourceBase, reuse.end, reuseWait);
+        if (clip) {
+            if (const auto input = m_writer->addEncodedAudioInput(*clip->parameters)) {
+                feed.bridge = {m_writer.get(), *input};
+                feed.added = true;
+                feed.reused = true;
+                feed.encoded = std::move(clip->packets);
+                Log::system(QStringLiteral("export %1: %2 AAC packets taken from the session")
+                                .arg(QLatin1String(name))
+                                .arg(feed.encoded.size()));
+                return;
+            }
+        }
+        Log::system(QStringLiteral("export %1: encoding it, the armed AAC does not cover the clip")
+                        .arg(QLatin1String(name)));
+    }
+    if (const auto input = m_writer->addAudioInput(aacInput(format), false)) {
+        feed.bridge = {m_writer.get(), *input};
+        feed.added = true;
+    }
+}
+
+size_t ClipExportJob::feedSize(Track track) const
+{
+    switch (track) {
+    case Track::video:
+        return m_plan.frames.size();
+    case Track::audio:
+        return m_audio.reused ? m_audio.encoded.size() : m_plan.audio.size();
+    case Track::mic:
+        return m_mic.reused ? m_mic.encoded.size() : m_plan.mic.size();
+    }
+    return 0;
+}
+
 void ClipExportJob::pump(Track track)
 {
     Feed &feed = track == Track::video ? m_video : (track == Track::audio ? m_audio : m_mic);
-    const size_t count = track == Track::video
-        ? m_plan.frames.size()
-        : (track == Track::audio ? m_plan.audio.size() : m_plan.mic.size());
+    const size_t count = feedSize(track);
     while (m_writer->isReadyForMoreMediaData(feed.bridge.input)) {
         if (feed.next >= count) {
             finishInput(feed);
             return;
         }
         const size_t index = feed.next++;
+        if (feed.reused) {
+            bool written = false;
+            try {
+                written = m_writer->appendEncoded(feed.bridge.input, *feed.encoded[index]);
+            } catch (const std::exception &) {
+            }
+            if (!written && track == Track::audio)
+                m_failedAudio.increment();
+            continue;
+        }
         VTLError error {};
         switch (track) {
         case Track::video: {
@@ -172,7 +216,7 @@ void ClipExportJob::finishIfNeeded()
                     .arg(failedVideo)
                     .arg(m_plan.frames.size())
                     .arg(m_failedAudio.count())
-                    .arg(m_plan.audio.size()));
+                    .arg(feedSize(Track::audio)));
     if (failedVideo == int64_t(m_plan.frames.size())) {
         fail(QStringLiteral("Could not write video into the clip."));
         release();

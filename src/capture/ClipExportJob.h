@@ -1,6 +1,7 @@
 #pragma once
 
 #include "capture/Counter.h"
+#include "capture/EncodedAudioHistory.h"
 #include "capture/Mp4Writer.h"
 #include "capture/Remaining.h"
 #include "capture/ReplayBuffer.h"
@@ -34,6 +35,17 @@ public:
         AudioFormatPtr audioFormat;
         std::vector<ReplayBuffer::AudioPacket> mic;
         AudioFormatPtr micFormat;
+        // Audio already encoded while armed, and the source time each track of the snapshot
+        // ends at: what the history must cover, from `sourceBase` (the first frame's capture
+        // time), for the track to be copied from it.
+        struct Reuse
+        {
+            std::shared_ptr<const EncodedAudioHistory> history;
+            MediaTime end;
+        };
+        MediaTime sourceBase;
+        Reuse audioHistory;
+        Reuse micHistory;
         std::chrono::milliseconds timeLimit {60'000};
         std::function<void()> onWriterDone;
     };
@@ -53,10 +65,15 @@ private:
         bool added = false;
         size_t next = 0;
         ResumeBox finished;
+        std::vector<FFmpeg::PacketPtr> encoded; // the packets it copies, for a reused track
+        bool reused = false;
     };
     enum class Track { video, audio, mic };
 
     void writeMP4();
+    void addAudio(Feed &feed, const Plan::Reuse &reuse, const AudioFormatPtr &format,
+                  const char *name);
+    size_t feedSize(Track track) const;
     void pump(Track track);
     void finishInput(Feed &feed);
     void finishIfNeeded();

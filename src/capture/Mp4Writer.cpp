@@ -1,6 +1,7 @@
 #include "capture/Mp4Writer.h"
 
 #include "capture/AudioTrackEncoder.h"
+#include "capture/EncodedAudioHistory.h"
 #include "capture/FFmpegHandles.h"
 #include "capture/RecorderError.h"
 #include "core/SerialQueue.h"
@@ -64,12 +65,14 @@ struct Mp4Writer::Core : std::enable_shared_from_this<Core>
         MediaSample::Kind kind = MediaSample::Kind::video;
         AVStream *stream = nullptr;
         bool realTime = false;
+        bool encoded = false; // audio that arrives as packets, written as it comes
         bool markedFinished = false;
         bool done = false; // all it will ever write has reached the muxer
         std::function<void()> pump;
         int64_t lastDts = std::numeric_limits<int64_t>::min(); // video, in the stream's clock
         double writtenEnd = 0; // seconds: end of what has reached the muxer
-        std::unique_ptr<AudioTrackEncoder> audio;
+        std::unique_ptr<AudioTrackEncoder> audio; // none for an encoded track
+        std::shared_ptr<EncodedAudioHistory> history; // gets a copy of every packet encoded
         AVRational encoderClock {1, 48000}; // audio
     };
 
@@ -117,7 +120,16 @@ struct Mp4Writer::Core : std::enable_shared_from_this<Core>
         // Encoders first: they may still be working, and they post to the queue.
         for (Track &track : tracks)
             track.audio.reset();
+        closeHistories();
         closeFile();
+    }
+
+    void closeHistories()
+    {
+        for (Track &track : tracks) {
+            if (track.history)
+                track.history->close();
+        }
     }
 
     Track &track(Input input)
@@ -132,6 +144,7 @@ struct Mp4Writer::Core : std::enable_shared_from_this<Core>
         if (status == Status::unknown || status == Status::writing) {
             status = Status::failed;
             error = message;
+            closeHistories();
             // Feeders waiting for room must now run through and see their samples refused.
             if (notifier)
                 notifier->post();
@@ -173,10 +186,11 @@ struct Mp4Writer::Core : std::enable_shared_from_this<Core>
             return false;
         if (track.realTime)
             return true;
-        if (track.kind == MediaSample::Kind::audio)
+        if (track.audio)
             return track.audio->isReady();
+        // Video and encoded audio are written as they come, so each waits for the others.
         for (const Track &other : tracks) {
-            if (other.kind == MediaSample::Kind::audio && !other.done &&
+            if (&other != &track && !other.done &&
                 track.writtenEnd - other.writtenEnd >= maxVideoLeadSeconds)
                 return false;
         }
@@ -217,6 +231,27 @@ struct Mp4Writer::Core : std::enable_shared_from_this<Core>
             return false;
         track.lastDts = dts;
         track.writtenEnd = seconds(dts + duration, clock);
+        ++directWrites;
+        return true;
+    }
+
+    bool appendEncoded(Track &track, const AVPacket &source)
+    {
+        if (source.size < 1 || !source.data || source.pts == AV_NOPTS_VALUE ||
+            source.duration < 1 || source.pts <= track.lastDts)
+            return false;
+        FFmpeg::PacketPtr packet(av_packet_clone(&source));
+        if (!packet)
+            throw std::bad_alloc();
+        packet->dts = packet->pts;
+        packet->stream_index = track.stream->index;
+        av_packet_rescale_ts(packet.get(), track.encoderClock, track.stream->time_base);
+        const int64_t end = packet->pts + packet->duration;
+        if (!writePacket(packet.get()))
+            return false;
+        track.lastDts = source.pts;
+        track.writtenEnd = seconds(end, track.stream->time_base);
+        ++directWrites;
         return true;
     }
 
@@ -226,10 +261,12 @@ struct Mp4Writer::Core : std::enable_shared_from_this<Core>
     {
         auto keepAlive = shared_from_this();
         for (Track &track : tracks) {
-            if (track.kind != MediaSample::Kind::audio || track.done)
+            if (!track.audio || track.done)
                 continue;
             AacTrackWorker::Output output = track.audio->take();
             for (FFmpeg::PacketPtr &packet : output.packets) {
+                if (track.history)
+                    track.history->append(*packet);
                 av_packet_rescale_ts(packet.get(), track.encoderClock, track.stream->time_base);
                 packet->stream_index = track.stream->index;
                 const int64_t end = packet->pts + packet->duration;
@@ -251,12 +288,18 @@ struct Mp4Writer::Core : std::enable_shared_from_this<Core>
             return;
         }
 
-        for (Track &track : tracks) {
-            if (track.pump && isReady(track)) {
-                const auto pump = track.pump; // the pump may finish its own input
-                pump();
+        // Tracks written as they come wait for each other, so one round of pumps may leave the
+        // next one ready with nothing else to wake it: go round until nobody writes.
+        uint64_t writes;
+        do {
+            writes = directWrites;
+            for (Track &track : tracks) {
+                if (track.pump && isReady(track)) {
+                    const auto pump = track.pump; // the pump may finish its own input
+                    pump();
+                }
             }
-        }
+        } while (writes != directWrites && !finishing);
     }
 
     void finalize()
@@ -271,6 +314,7 @@ struct Mp4Writer::Core : std::enable_shared_from_this<Core>
                          .arg(FFmpeg::errorText(result)));
         }
         closeFile();
+        closeHistories();
         if (status == Status::writing)
             status = Status::completed;
         if (completion)
@@ -286,6 +330,7 @@ struct Mp4Writer::Core : std::enable_shared_from_this<Core>
     MediaTime sessionStart;
     bool finishing = false;
     bool completed = false;
+    uint64_t directWrites = 0; // packets written by appendVideo and appendEncoded
     std::function<void()> completion;
     std::shared_ptr<Notifier> notifier;
 };
@@ -356,6 +401,35 @@ std::optional<Mp4Writer::Input> Mp4Writer::addAudioInput(const AudioSettings &se
     return Input {int(d->tracks.size()) - 1};
 }
 
+std::optional<Mp4Writer::Input> Mp4Writer::addEncodedAudioInput(const AVCodecParameters &parameters)
+{
+    if (d->status != Status::unknown || parameters.codec_type != AVMEDIA_TYPE_AUDIO ||
+        parameters.sample_rate < 1)
+        return std::nullopt;
+    AVStream *stream = avformat_new_stream(d->format.get(), nullptr);
+    if (!stream)
+        return std::nullopt;
+    if (avcodec_parameters_copy(stream->codecpar, &parameters) < 0)
+        throw std::bad_alloc();
+    stream->time_base = {1, parameters.sample_rate};
+
+    Core::Track track;
+    track.kind = MediaSample::Kind::audio;
+    track.stream = stream;
+    track.encoded = true;
+    track.encoderClock = stream->time_base;
+    d->tracks.push_back(std::move(track));
+    return Input {int(d->tracks.size()) - 1};
+}
+
+void Mp4Writer::keepEncodedAudio(Input input, std::shared_ptr<EncodedAudioHistory> history)
+{
+    Core::Track &track = d->track(input);
+    if (!track.audio)
+        throw std::invalid_argument("Mp4Writer: only an encoding audio input has packets to keep");
+    track.history = std::move(history);
+}
+
 bool Mp4Writer::startWriting()
 {
     if (d->status != Status::unknown)
@@ -386,6 +460,10 @@ void Mp4Writer::startSession(MediaTime sourceTime)
     if (d->status != Status::writing || !sourceTime.isValid())
         throw std::logic_error("Mp4Writer: startSession needs a writing writer and a valid time");
     d->sessionStart = sourceTime;
+    for (const Core::Track &track : d->tracks) {
+        if (track.history)
+            track.history->begin(*track.stream->codecpar, sourceTime);
+    }
 }
 
 bool Mp4Writer::isReadyForMoreMediaData(Input input) const
@@ -409,10 +487,22 @@ bool Mp4Writer::append(Input input, const MediaSample &sample)
         return false;
     if (track.kind == MediaSample::Kind::video)
         return d->appendVideo(track, sample, relative);
+    if (track.encoded)
+        throw std::invalid_argument("Mp4Writer: PCM for an input that takes encoded audio");
     if (!AacEncoder::accepts(sample))
         return false;
     track.audio->submit(sample, relative);
     return true;
+}
+
+bool Mp4Writer::appendEncoded(Input input, const AVPacket &packet)
+{
+    Core::Track &track = d->track(input);
+    if (!track.encoded)
+        throw std::invalid_argument("Mp4Writer: an encoded packet for an input that encodes");
+    if (d->status != Status::writing || track.markedFinished || d->finishing)
+        return false;
+    return d->appendEncoded(track, packet);
 }
 
 void Mp4Writer::requestMediaDataWhenReady(Input input, std::function<void()> pump)
@@ -427,10 +517,10 @@ void Mp4Writer::markAsFinished(Input input)
     if (track.markedFinished)
         return;
     track.markedFinished = true;
-    if (track.kind == MediaSample::Kind::video)
-        track.done = true;
-    else
+    if (track.audio)
         track.audio->finish();
+    else
+        track.done = true;
     d->notifier->post();
 }
 

@@ -6,17 +6,24 @@
 
 #include <QString>
 
+extern "C" {
+struct AVCodecParameters;
+struct AVPacket;
+}
+
 #include <functional>
 #include <memory>
 #include <optional>
 
+class EncodedAudioHistory;
 class SerialQueue;
 
 // Writes one MP4 file with libavformat's mp4 muxer: H.264 video passed through as it comes (the
 // avcC becomes the sample description) and audio tracks encoded to AAC from PCM as it is
-// appended. Modelled on a platform asset writer, for two users: the clip export, which feeds a
-// finished snapshot as fast as the writer takes it, and the session recorder, which appends as
-// capture goes for as long as it runs and finishes at the end.
+// appended, or taken as AAC packets that were encoded before. Modelled on a platform asset writer,
+// for two users: the clip export, which feeds a finished snapshot as fast as the writer takes it,
+// and the session recorder, which appends as capture goes for as long as it runs and finishes at
+// the end.
 //
 // Threads. Every call must be made on `queue`, the writer's one execution context; the writer
 // posts its own callbacks (readiness pumps, the finish completion) to the same queue. Each audio
@@ -68,6 +75,12 @@ public:
     // already writing).
     std::optional<Input> addVideoInput(const VideoFormatPtr &sourceFormat, bool realTime);
     std::optional<Input> addAudioInput(const AudioSettings &settings, bool realTime);
+    // An audio track whose packets arrive already encoded (with these stream parameters) and are
+    // written as they are. Not real-time: it keeps within a second of the video, both ways.
+    std::optional<Input> addEncodedAudioInput(const AVCodecParameters &parameters);
+    // Every packet the encoder of audio input `input` makes is also handed to `history`, which
+    // begins at startSession and is closed when the writer finishes or fails.
+    void keepEncodedAudio(Input input, std::shared_ptr<EncodedAudioHistory> history);
 
     // Creates the file and writes the header. False with status failed and error() set when the
     // file cannot be created or the muxer refuses the inputs.
@@ -80,6 +93,10 @@ public:
     // Video goes into the muxer at once (the payload is shared, not copied); audio goes to its
     // track's encoder. False when refused, see above.
     bool append(Input input, const MediaSample &sample);
+    // One packet for an input made by addEncodedAudioInput, stamped in its sample rate from the
+    // session's start; times before zero are decoder pre-roll, which players skip. False when
+    // refused (not writing, finished, empty, a time that does not move forward).
+    bool appendEncoded(Input input, const AVPacket &packet);
     // Calls `pump` on the queue whenever `input` is ready for more data, until the input is
     // finished. The pump appends while isReadyForMoreMediaData and returns when it is not.
     void requestMediaDataWhenReady(Input input, std::function<void()> pump);

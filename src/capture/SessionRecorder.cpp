@@ -21,8 +21,11 @@ template<typename T> void pushBounded(std::deque<T> &list, T item, bool bounded,
 
 } // namespace
 
-SessionRecorder::SessionRecorder(bool includeMic)
+SessionRecorder::SessionRecorder(bool includeMic, std::shared_ptr<EncodedAudioHistory> audioHistory,
+                                 std::shared_ptr<EncodedAudioHistory> micHistory)
     : m_includeMic(includeMic)
+    , m_audioHistory(std::move(audioHistory))
+    , m_micHistory(std::move(micHistory))
     , m_queue("com.quillfen.vantrel.session", "vt-session")
 {
 }
@@ -146,6 +149,10 @@ void SessionRecorder::startWriter(const VideoFormatPtr &format, MediaTime at)
     const std::optional<Mp4Writer::Input> audio = writer->addAudioInput(aacInput(), true);
     const std::optional<Mp4Writer::Input> mic =
         m_includeMic ? writer->addAudioInput(aacInput(), true) : std::nullopt;
+    if (audio && m_audioHistory)
+        writer->keepEncodedAudio(*audio, m_audioHistory);
+    if (mic && m_micHistory)
+        writer->keepEncodedAudio(*mic, m_micHistory);
     if (!writer->startWriting()) {
         writer.reset();
         QFile::remove(url);

@@ -1,5 +1,6 @@
 #pragma once
 
+#include "capture/EncodedAudioHistory.h"
 #include "capture/MediaFormat.h"
 #include "capture/MediaTime.h"
 #include "capture/Mp4Writer.h"
@@ -28,7 +29,11 @@
 class SessionRecorder
 {
 public:
-    explicit SessionRecorder(bool includeMic);
+    // The histories, when given, receive the AAC of the system audio and the microphone as the
+    // file gets it, for clips to reuse.
+    explicit SessionRecorder(bool includeMic,
+                             std::shared_ptr<EncodedAudioHistory> audioHistory = {},
+                             std::shared_ptr<EncodedAudioHistory> micHistory = {});
     // Abandons a recording that was never finished, removing its temporary file.
     ~SessionRecorder();
     SessionRecorder(const SessionRecorder &) = delete;
@@ -62,6 +67,8 @@ private:
                        std::optional<Mp4Writer::Input> input);
 
     const bool m_includeMic;
+    const std::shared_ptr<EncodedAudioHistory> m_audioHistory;
+    const std::shared_ptr<EncodedAudioHistory> m_micHistory;
 
     // Everything below is touched on m_queue only.
     std::unique_ptr<Mp4Writer> m_writer;

@@ -1,6 +1,8 @@
 #include "ClipExportSupport.h"
 
+#include "capture/ClipExport.h"
 #include "capture/Paths.h"
+#include "capture/SessionRecorder.h"
 #include "support/MediaProbe.h"
 
 #include <QFileInfo>
@@ -21,6 +23,14 @@ float peak(const std::vector<float> &samples, double from, double to)
     for (size_t i = size_t(from * 48000); i < end; ++i)
         result = std::max(result, std::fabs(samples[i]));
     return result;
+}
+
+// When the first sample above `level` plays, in seconds; -1 when none does.
+double firstAbove(const std::vector<float> &samples, float level)
+{
+    const auto loud = std::find_if(samples.begin(), samples.end(),
+                                   [&](float sample) { return std::fabs(sample) > level; });
+    return loud == samples.end() ? -1.0 : double(loud - samples.begin()) / 48000;
 }
 
 // A full save: one second of frames before the first key frame, ten seconds after it, system
@@ -136,3 +146,70 @@ TEST_F(ClipExportTest, TwoSavesAtOnceMakeTwoClips)
 }
 
 } // namespace
+
+// While armed, a clip copies the session file's AAC instead of encoding the same audio again:
+// its audio packets are the session's own bytes, it starts with the packet the decoder warms up
+// on, and it plays in step with the video exactly as a clip encoded from the PCM does. A history
+// that does not cover the clip (here one never begun) leaves the clip to encode its audio.
+TEST_F(ClipExportTest, CopiesTheSessionsAudioInStepWithTheVideo)
+{
+    const PcmTestSource quiet {1000, 0.3f}, loud {1000, 0.8f};
+    auto history = std::make_shared<EncodedAudioHistory>();
+    ReplayBuffer buffer;
+    std::optional<QString> session;
+    {
+        // The session starts at frame 0; the buffer holds frames from 1 s and audio from 1.5 s,
+        // so the clip starts at the key frame at 2 s, and the audio gets loud at 5 s.
+        SessionRecorder recorder(false, history);
+        for (int64_t i = 0; i < 720; ++i) {
+            const ReplayBuffer::EncodedFrame frame = video.frame(i, origin());
+            recorder.appendVideo(frame, video.format());
+            if (i >= 60)
+                buffer.storeEncodedFrame(ReplayBuffer::EncodedFrame(frame),
+                                         frame.isKey ? video.format() : nullptr);
+        }
+        for (int64_t p = 0; p < 1200; ++p) {
+            const PcmTestSource &source = p < 500 ? quiet : loud;
+            recorder.appendAudio(source.packet(p, origin()));
+            if (p >= 150)
+                buffer.appendAudio(source.sampleBuffer(p, origin()));
+        }
+        session = recorder.finish(true).result();
+    }
+    ASSERT_TRUE(session);
+
+    ClipExport::Options options;
+    options.audioHistory = history;
+    const Outcome copied = wait(ClipExport::exportClip(buffer.snapshot(), options));
+    options.audioHistory = std::make_shared<EncodedAudioHistory>();
+    const Outcome encoded = wait(ClipExport::exportClip(buffer.snapshot(), options));
+    ASSERT_EQ(copied.error, QString());
+    ASSERT_EQ(encoded.error, QString());
+    EXPECT_EQ(probe::decodeErrors(copied.path), QString());
+
+    // A steady tone makes packets that repeat, so every place is tried, not only the first.
+    const QStringList ours = probe::audioPacketHashes(copied.path, 0);
+    const QStringList sessions = probe::audioPacketHashes(*session, 0);
+    ASSERT_GT(ours.size(), 400);
+    bool found = false;
+    for (qsizetype at = 0; at + ours.size() <= sessions.size() && !found; ++at)
+        found = sessions.mid(at, ours.size()) == ours;
+    EXPECT_TRUE(found) << "the clip's audio packets are not a run of the session's";
+
+    // The clip starts 96000 samples into the session: 768 into a packet, after a warm-up one.
+    const QJsonArray packets =
+        probe::ffprobe(copied.path, {"-select_streams", "a:0", "-show_packets"})["packets"]
+            .toArray();
+    EXPECT_EQ(packets[0].toObject()["pts"].toInt(), -1792);
+    const QJsonObject info = probe::ffprobe(copied.path);
+    EXPECT_NEAR(probe::number(probe::streams(info, "audio")[0].toObject()["duration"]),
+                probe::number(probe::streams(info, "video")[0].toObject()["duration"]), 0.05);
+
+    const std::vector<float> ourAudio = probe::decodeAudio(copied.path, 0);
+    const std::vector<float> theirAudio = probe::decodeAudio(encoded.path, 0);
+    EXPECT_NEAR(peak(ourAudio, 0, 0.02), 0.3f, 0.05f); // warmed up: no fade-in at the start
+    EXPECT_NEAR(peak(ourAudio, 0.02, 2.9), 0.3f, 0.05f);
+    EXPECT_NEAR(firstAbove(ourAudio, 0.55f), 3.0, 0.003);
+    EXPECT_NEAR(firstAbove(theirAudio, 0.55f), 3.0, 0.03); // within the timeline's allowance
+    EXPECT_NEAR(peak(ourAudio, 3.1, 9.9), 0.8f, 0.05f);
+}

@@ -72,6 +72,19 @@ std::vector<float> decodeAudio(const QString &path, int index)
     return samples;
 }
 
+QStringList audioPacketHashes(const QString &path, int index)
+{
+    const QJsonObject info =
+        ffprobe(path,
+                {QStringLiteral("-select_streams"), QStringLiteral("a:%1").arg(index),
+                 QStringLiteral("-show_packets"), QStringLiteral("-show_data_hash"),
+                 QStringLiteral("MD5")});
+    QStringList hashes;
+    for (const QJsonValue &packet : info.value(QStringLiteral("packets")).toArray())
+        hashes << packet.toObject().value(QStringLiteral("data_hash")).toString();
+    return hashes;
+}
+
 double number(const QJsonValue &value)
 {
     return value.isDouble() ? value.toDouble() : value.toString().toDouble();

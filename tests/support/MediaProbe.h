@@ -24,6 +24,9 @@ QString decodeErrors(const QString &path);
 // The decoded left channel of audio stream `index` as float samples at 48 kHz.
 std::vector<float> decodeAudio(const QString &path, int index);
 
+// A hash of each packet of audio stream `index`, in file order: equal hashes, equal bytes.
+QStringList audioPacketHashes(const QString &path, int index);
+
 // A number held as text in ffprobe's JSON ("0.016667").
 double number(const QJsonValue &value);
 
