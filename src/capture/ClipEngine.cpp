@@ -447,6 +447,25 @@ void ClipEngine::streamDidStop(const std::string &error)
     });
 }
 
+void ClipEngine::logCaptureCounts(const QString &when) const
+{
+    std::shared_ptr<Capture> capture;
+    {
+        std::scoped_lock lock(m_stateLock);
+        capture = m_capture;
+    }
+    if (!capture || !capture->stream)
+        return;
+    const ScreenStream::Stats counts = capture->stream->stats();
+    log(QStringLiteral("%1: capture frames=%2 idle=%3 skipped=%4 late=%5 unchanged=%6")
+            .arg(when)
+            .arg(counts.complete)
+            .arg(counts.idle)
+            .arg(counts.skipped)
+            .arg(counts.late)
+            .arg(counts.unchanged));
+}
+
 QFuture<QString> ClipEngine::saveClip()
 {
     return SharedPool::task<QString>([this] {
@@ -455,6 +474,9 @@ QFuture<QString> ClipEngine::saveClip()
         log(QString::asprintf("saveClip buffer=%.1fs videos=%d audio=%d",
                               m_buffer.bufferedDuration(), m_buffer.videoCount(),
                               m_buffer.audioCount()));
+        // Frames the capture loses while a save runs show as the difference between these two
+        // lines: a save must never cost the recording a frame.
+        logCaptureCounts(QStringLiteral("save started"));
         ClipExport::Options options;
         {
             std::scoped_lock lock(m_stateLock);
@@ -462,7 +484,10 @@ QFuture<QString> ClipEngine::saveClip()
             options.micHistory = m_micHistory;
         }
         // Both answer from their own queues, not from the pool.
-        const QString clip = ClipExport::exportClip(m_buffer.snapshot(), options).result();
+        QFuture<QString> exported = ClipExport::exportClip(m_buffer.snapshot(), options);
+        exported.waitForFinished(); // the result, or the error, is taken below
+        logCaptureCounts(QStringLiteral("save written"));
+        const QString clip = exported.result();
         return ClipFinish::publish(clip).result();
     });
 }

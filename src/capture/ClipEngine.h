@@ -120,6 +120,7 @@ private:
     void streamDidStop(const std::string &error);
     void clearBufferCallbacks();
     void track(QFuture<void> task);
+    void logCaptureCounts(const QString &when) const;
 
     ServiceFactory m_makeService;
     ReplayBuffer m_buffer; // kept across armings

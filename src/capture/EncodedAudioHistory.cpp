@@ -106,11 +106,3 @@ EncodedAudioHistory::clip(MediaTime from, MediaTime to, std::chrono::millisecond
         clip.packets.push_back(restamped(*entry->packet, first));
     return clip;
 }
-
-MediaTime EncodedAudioHistory::end() const
-{
-    std::scoped_lock lock(m_lock);
-    if (m_entries.empty() || m_rate < 1)
-        return MediaTime::invalid();
-    return m_zero + MediaTime::make(m_entries.back().end, m_rate);
-}

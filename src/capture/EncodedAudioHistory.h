@@ -49,9 +49,6 @@ public:
     // that fell behind or stopped): the caller then encodes the audio itself.
     std::optional<Clip> clip(MediaTime from, MediaTime to, std::chrono::milliseconds wait) const;
 
-    // Where the packets appended so far end, in source time; invalid before the first one.
-    MediaTime end() const;
-
 private:
     struct Entry
     {

@@ -64,6 +64,16 @@ public:
     // Called once, on any thread: no value on success, else why the start failed.
     using StartCompletion = std::function<void(std::optional<std::string> error)>;
 
+    // What the stream has done since it started.
+    struct Stats
+    {
+        int64_t complete = 0; // grabbed and delivered
+        int64_t idle = 0; // nothing changed: delivered without pixels
+        int64_t skipped = 0; // no free buffer, or the consumer had queueDepth frames waiting
+        int64_t late = 0; // ticks missed because a tick overran its slot
+        int64_t unchanged = 0; // ticks that found the screen as it was: nothing to grab
+    };
+
     virtual ~ScreenStream() = default;
 
     // Add outputs before starting. Throw std::runtime_error when the output cannot be added. The
@@ -77,6 +87,8 @@ public:
     // Stops delivering and releases the display and the audio server; returns once no handler
     // will be called any more. Safe to call twice, and after the stream stopped on its own.
     virtual void stopCapture() = 0;
+    // Zeros from a stream that does not count.
+    virtual Stats stats() const { return {}; }
 };
 
 // The platform's capture service: lists the displays and makes streams. The backend is chosen

@@ -27,14 +27,6 @@ class X11FrameGrabber;
 class X11ScreenStream final : public ScreenStream
 {
 public:
-    struct Stats
-    {
-        int64_t complete = 0; // grabbed and delivered
-        int64_t idle = 0; // nothing changed: delivered without pixels
-        int64_t skipped = 0; // no free buffer, or the consumer had queueDepth frames waiting
-        int64_t late = 0; // ticks missed because a tick overran its slot
-    };
-
     // A config without a size captures at the display's own size. `displayName` empty: DISPLAY.
     X11ScreenStream(const CaptureDisplay &display, const StreamConfiguration &config,
                     std::string displayName = {});
@@ -46,7 +38,7 @@ public:
     void startCapture(StartCompletion completion) override;
     void stopCapture() override;
 
-    Stats stats() const;
+    Stats stats() const override;
 
 private:
     void run(StartCompletion completion);
@@ -76,5 +68,6 @@ private:
     std::atomic<int64_t> m_idle {0};
     std::atomic<int64_t> m_skipped {0};
     std::atomic<int64_t> m_late {0};
+    std::atomic<int64_t> m_unchanged {0};
     int64_t m_lastIdlePost = -1; // capture thread only: the last frame handed on, or -1
 };
