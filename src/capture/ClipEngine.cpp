@@ -13,6 +13,8 @@
 #include "input/ClipHotkey.h"
 #include "input/ScreenAccess.h"
 
+#include <QScopeGuard>
+
 #include <chrono>
 #include <cmath>
 #include <future>
@@ -484,10 +486,12 @@ QFuture<QString> ClipEngine::saveClip()
             options.micHistory = m_micHistory;
         }
         // Both answer from their own queues, not from the pool.
-        QFuture<QString> exported = ClipExport::exportClip(m_buffer.snapshot(), options);
-        exported.waitForFinished(); // the result, or the error, is taken below
-        logCaptureCounts(QStringLiteral("save written"));
-        const QString clip = exported.result();
+        QString clip;
+        {
+            const auto written =
+                qScopeGuard([this] { logCaptureCounts(QStringLiteral("save written")); });
+            clip = ClipExport::exportClip(m_buffer.snapshot(), options).result();
+        }
         return ClipFinish::publish(clip).result();
     });
 }
