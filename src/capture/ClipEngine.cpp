@@ -220,14 +220,10 @@ void ClipEngine::arm()
     config.channelCount = 2;
     config.captureMicrophone = mic;
 
-    auto audioHistory = std::make_shared<EncodedAudioHistory>();
-    auto micHistory = mic ? std::make_shared<EncodedAudioHistory>() : nullptr;
-    auto recorder = std::make_shared<SessionRecorder>(mic, audioHistory, micHistory);
+    auto recorder = std::make_shared<SessionRecorder>(mic);
     {
         std::scoped_lock lock(m_stateLock);
         m_sessionRecorder = recorder;
-        m_audioHistory = audioHistory;
-        m_micHistory = micHistory;
     }
     m_buffer.setOnVideoFrame(
         [recorder](const ReplayBuffer::EncodedFrame &frame, const VideoFormatPtr &format) {
@@ -412,11 +408,8 @@ std::optional<QString> ClipEngine::performStop(bool saveSession)
         // The recorder's queue answers; the stream keeps delivering meanwhile, and drops.
         session = recorder->finish(saveSession).result();
         std::scoped_lock lock(m_stateLock);
-        if (m_sessionRecorder == recorder) {
+        if (m_sessionRecorder == recorder)
             m_sessionRecorder.reset();
-            m_audioHistory.reset();
-            m_micHistory.reset();
-        }
     }
     clearBufferCallbacks();
     std::shared_ptr<Capture> capture;
@@ -479,11 +472,14 @@ QFuture<QString> ClipEngine::saveClip()
         // Frames the capture loses while a save runs show as the difference between these two
         // lines: a save must never cost the recording a frame.
         logCaptureCounts(QStringLiteral("save started"));
+        // The session file's AAC of this arming, which the clip copies instead of encoding again.
         ClipExport::Options options;
         {
             std::scoped_lock lock(m_stateLock);
-            options.audioHistory = m_audioHistory;
-            options.micHistory = m_micHistory;
+            if (m_sessionRecorder) {
+                options.audioHistory = m_sessionRecorder->audioHistory();
+                options.micHistory = m_sessionRecorder->micHistory();
+            }
         }
         // Both answer from their own queues, not from the pool.
         QString clip;

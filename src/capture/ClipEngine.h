@@ -16,7 +16,6 @@
 #include <optional>
 #include <vector>
 
-class EncodedAudioHistory;
 class SerialQueue;
 class SessionRecorder;
 
@@ -141,9 +140,6 @@ private:
     mutable std::mutex m_stateLock;
     std::shared_ptr<Capture> m_capture;
     std::shared_ptr<SessionRecorder> m_sessionRecorder;
-    // The session file's AAC of this arming, which saves copy instead of encoding again.
-    std::shared_ptr<const EncodedAudioHistory> m_audioHistory;
-    std::shared_ptr<const EncodedAudioHistory> m_micHistory;
     StoppedCallback m_onStopped;
     std::vector<QFuture<void>> m_tasks; // starts and stops still running
 };

@@ -46,16 +46,10 @@ std::vector<ReplayBuffer::AudioPacket> shiftedAudio(const List &packets, MediaTi
     return shifted;
 }
 
-// Where the last packet of `packets` ends; invalid when there is none.
+// Where the last packet of `packets` (kept in arrival order) ends; invalid when there is none.
 template<typename List> MediaTime endOf(const List &packets)
 {
-    MediaTime end = MediaTime::invalid();
-    for (const ReplayBuffer::AudioPacket &packet : packets) {
-        const MediaTime packetEnd = packet.pts + packet.duration;
-        if (!end.isValid() || end < packetEnd)
-            end = packetEnd;
-    }
-    return end;
+    return packets.empty() ? MediaTime::invalid() : packets.back().pts + packets.back().duration;
 }
 
 QFuture<QString> failedFuture(const QString &message)

@@ -1,6 +1,5 @@
 #pragma once
 
-#include "capture/EncodedAudioHistory.h"
 #include "capture/ReplayBuffer.h"
 
 #include <QFuture>
@@ -9,6 +8,7 @@
 #include <chrono>
 #include <functional>
 
+class EncodedAudioHistory;
 class SerialQueue;
 
 // Saving a clip: the snapshot of the replay buffer, started at its first key frame and moved to

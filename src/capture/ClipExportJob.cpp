@@ -112,17 +112,15 @@ void ClipExportJob::addAudio(Feed &feed, const Plan::Reuse &reuse, const AudioFo
     if (reuse.history) {
         std::optional<EncodedAudioHistory::Clip> clip =
             reuse.history->clip(m_plan.sourceBase, reuse.end, reuseWait);
-        if (clip) {
-            if (const auto input = m_writer->addEncodedAudioInput(*clip->parameters)) {
-                feed.bridge = {m_writer.get(), *input};
-                feed.added = true;
-                feed.reused = true;
-                feed.encoded = std::move(clip->packets);
-                Log::system(QStringLiteral("export %1: %2 AAC packets taken from the session")
-                                .arg(QLatin1String(name))
-                                .arg(feed.encoded.size()));
-                return;
-            }
+        const auto input = clip ? m_writer->addEncodedAudioInput(*clip->parameters) : std::nullopt;
+        if (input) {
+            feed.bridge = {m_writer.get(), *input};
+            feed.added = true;
+            feed.encoded = std::move(clip->packets);
+            Log::system(QStringLiteral("export %1: %2 AAC packets taken from the session")
+                            .arg(QLatin1String(name))
+                            .arg(feed.encoded.size()));
+            return;
         }
         Log::system(QStringLiteral("export %1: encoding it, the armed AAC does not cover the clip")
                         .arg(QLatin1String(name)));
@@ -139,9 +137,9 @@ size_t ClipExportJob::feedSize(Track track) const
     case Track::video:
         return m_plan.frames.size();
     case Track::audio:
-        return m_audio.reused ? m_audio.encoded.size() : m_plan.audio.size();
+        return m_audio.reused() ? m_audio.encoded.size() : m_plan.audio.size();
     case Track::mic:
-        return m_mic.reused ? m_mic.encoded.size() : m_plan.mic.size();
+        return m_mic.reused() ? m_mic.encoded.size() : m_plan.mic.size();
     }
     return 0;
 }
@@ -156,7 +154,7 @@ void ClipExportJob::pump(Track track)
             return;
         }
         const size_t index = feed.next++;
-        if (feed.reused) {
+        if (feed.reused()) {
             bool written = false;
             try {
                 written = m_writer->appendEncoded(feed.bridge.input, *feed.encoded[index]);

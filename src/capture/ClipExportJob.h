@@ -66,7 +66,8 @@ private:
         size_t next = 0;
         ResumeBox finished;
         std::vector<FFmpeg::PacketPtr> encoded; // the packets it copies, for a reused track
-        bool reused = false;
+
+        bool reused() const { return !encoded.empty(); }
     };
     enum class Track { video, audio, mic };
 

@@ -90,15 +90,12 @@ EncodedAudioHistory::clip(MediaTime from, MediaTime to, std::chrono::millisecond
         return std::nullopt;
 
     // The packet that plays `first`, and the one before it, which the decoder needs to play it
-    // right. Only the track's very first packet has nothing before it, and needs nothing.
+    // right (at the track's start, the priming packet). Without it the history was trimmed.
     auto playing = std::partition_point(m_entries.begin(), m_entries.end(),
                                         [&](const Entry &entry) { return entry.end <= first; });
-    if (playing == m_entries.end() || playing->packet->pts > first)
+    if (playing == m_entries.end() || playing->packet->pts > first || playing == m_entries.begin())
         return std::nullopt;
-    if (playing != m_entries.begin())
-        --playing;
-    else if (playing->packet->pts >= 0)
-        return std::nullopt;
+    --playing;
 
     Clip clip;
     clip.parameters = copyOf(*m_parameters);

@@ -65,7 +65,6 @@ struct Mp4Writer::Core : std::enable_shared_from_this<Core>
         MediaSample::Kind kind = MediaSample::Kind::video;
         AVStream *stream = nullptr;
         bool realTime = false;
-        bool encoded = false; // audio that arrives as packets, written as it comes
         bool markedFinished = false;
         bool done = false; // all it will ever write has reached the muxer
         std::function<void()> pump;
@@ -74,6 +73,9 @@ struct Mp4Writer::Core : std::enable_shared_from_this<Core>
         std::unique_ptr<AudioTrackEncoder> audio; // none for an encoded track
         std::shared_ptr<EncodedAudioHistory> history; // gets a copy of every packet encoded
         AVRational encoderClock {1, 48000}; // audio
+
+        // Audio that arrives as packets, written as it comes.
+        bool isEncoded() const { return kind == MediaSample::Kind::audio && !audio; }
     };
 
     // Posts one service round to the queue however many workers report progress meanwhile. It
@@ -416,7 +418,6 @@ std::optional<Mp4Writer::Input> Mp4Writer::addEncodedAudioInput(const AVCodecPar
     Core::Track track;
     track.kind = MediaSample::Kind::audio;
     track.stream = stream;
-    track.encoded = true;
     track.encoderClock = stream->time_base;
     d->tracks.push_back(std::move(track));
     return Input {int(d->tracks.size()) - 1};
@@ -487,7 +488,7 @@ bool Mp4Writer::append(Input input, const MediaSample &sample)
         return false;
     if (track.kind == MediaSample::Kind::video)
         return d->appendVideo(track, sample, relative);
-    if (track.encoded)
+    if (track.isEncoded())
         throw std::invalid_argument("Mp4Writer: PCM for an input that takes encoded audio");
     if (!AacEncoder::accepts(sample))
         return false;
@@ -498,7 +499,7 @@ bool Mp4Writer::append(Input input, const MediaSample &sample)
 bool Mp4Writer::appendEncoded(Input input, const AVPacket &packet)
 {
     Core::Track &track = d->track(input);
-    if (!track.encoded)
+    if (!track.isEncoded())
         throw std::invalid_argument("Mp4Writer: an encoded packet for an input that encodes");
     if (d->status != Status::writing || track.markedFinished || d->finishing)
         return false;

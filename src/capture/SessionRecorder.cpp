@@ -21,11 +21,10 @@ template<typename T> void pushBounded(std::deque<T> &list, T item, bool bounded,
 
 } // namespace
 
-SessionRecorder::SessionRecorder(bool includeMic, std::shared_ptr<EncodedAudioHistory> audioHistory,
-                                 std::shared_ptr<EncodedAudioHistory> micHistory)
+SessionRecorder::SessionRecorder(bool includeMic)
     : m_includeMic(includeMic)
-    , m_audioHistory(std::move(audioHistory))
-    , m_micHistory(std::move(micHistory))
+    , m_audioHistory(std::make_shared<EncodedAudioHistory>())
+    , m_micHistory(includeMic ? std::make_shared<EncodedAudioHistory>() : nullptr)
     , m_queue("com.quillfen.vantrel.session", "vt-session")
 {
 }
@@ -149,9 +148,9 @@ void SessionRecorder::startWriter(const VideoFormatPtr &format, MediaTime at)
     const std::optional<Mp4Writer::Input> audio = writer->addAudioInput(aacInput(), true);
     const std::optional<Mp4Writer::Input> mic =
         m_includeMic ? writer->addAudioInput(aacInput(), true) : std::nullopt;
-    if (audio && m_audioHistory)
+    if (audio)
         writer->keepEncodedAudio(*audio, m_audioHistory);
-    if (mic && m_micHistory)
+    if (mic)
         writer->keepEncodedAudio(*mic, m_micHistory);
     if (!writer->startWriting()) {
         writer.reset();

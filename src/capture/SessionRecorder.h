@@ -29,11 +29,7 @@
 class SessionRecorder
 {
 public:
-    // The histories, when given, receive the AAC of the system audio and the microphone as the
-    // file gets it, for clips to reuse.
-    explicit SessionRecorder(bool includeMic,
-                             std::shared_ptr<EncodedAudioHistory> audioHistory = {},
-                             std::shared_ptr<EncodedAudioHistory> micHistory = {});
+    explicit SessionRecorder(bool includeMic);
     // Abandons a recording that was never finished, removing its temporary file.
     ~SessionRecorder();
     SessionRecorder(const SessionRecorder &) = delete;
@@ -48,6 +44,11 @@ public:
     // of an overlapping finish gets the first one's answer; a finish after completion gets the
     // stored answer when it asks to keep, and none otherwise.
     QFuture<std::optional<QString>> finish(bool keep = true);
+
+    // The AAC the file gets of the system audio and of the microphone (none without one), kept
+    // for clips to copy rather than encode the same audio again.
+    std::shared_ptr<const EncodedAudioHistory> audioHistory() const { return m_audioHistory; }
+    std::shared_ptr<const EncodedAudioHistory> micHistory() const { return m_micHistory; }
 
     // Backlog held while no file is being written (the oldest entries go first).
     static constexpr size_t maxPendingVideo = 180;

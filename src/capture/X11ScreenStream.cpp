@@ -188,7 +188,7 @@ void X11ScreenStream::tick(X11FrameGrabber &grabber, PixelBufferPool &pool, int6
 
     const MediaTime duration = MediaTime::make(1, m_config.fps);
     if (!grabber.hasChanges()) {
-        m_unchanged.fetch_add(1, std::memory_order_relaxed);
+        m_unchanged.fetch_add(1);
         // A still screen is told once it has been still for a second, and then once a second:
         // handing the consumer an empty frame every tick (or at every missed draw of a
         // stuttering program) would wake its thread for nothing.

@@ -154,13 +154,14 @@ TEST_F(ClipExportTest, TwoSavesAtOnceMakeTwoClips)
 TEST_F(ClipExportTest, CopiesTheSessionsAudioInStepWithTheVideo)
 {
     const PcmTestSource quiet {1000, 0.3f}, loud {1000, 0.8f};
-    auto history = std::make_shared<EncodedAudioHistory>();
+    std::shared_ptr<const EncodedAudioHistory> history;
     ReplayBuffer buffer;
     std::optional<QString> session;
     {
         // The session starts at frame 0; the buffer holds frames from 1 s and audio from 1.5 s,
         // so the clip starts at the key frame at 2 s, and the audio gets loud at 5 s.
-        SessionRecorder recorder(false, history);
+        SessionRecorder recorder(false);
+        history = recorder.audioHistory();
         for (int64_t i = 0; i < 720; ++i) {
             const ReplayBuffer::EncodedFrame frame = video.frame(i, origin());
             recorder.appendVideo(frame, video.format());
