@@ -39,7 +39,8 @@ Options:
 Environment:
   VANTREL_SCREEN_BACKEND=x11      choose the screen capture backend
   VANTREL_ENCODER=libx264         force one H.264 encoder (h264_vaapi, h264_nvenc, h264_qsv, libx264)
-  VANTREL_SERVICE_URL=URL         use another web service
+  VANTREL_SERVICE_URL=URL         use another web service (a self-hosted one)
+  VANTREL_SERVICE_CA=FILE         also trust the certificates in this PEM file for it
   QT_QPA_PLATFORM=offscreen       run without windows or tray (capture still needs an X display)
 )";
 

@@ -1,0 +1,26 @@
+#pragma once
+
+#include <QString>
+#include <QUrl>
+
+// The program's fixed view of its web service: where it is and which version of the program is
+// talking to it. Read once, on first use, and unchanged while the program runs.
+namespace CloudConfig {
+
+// The service's base URL, an https address with no path. The built-in one comes from the
+// VANTREL_SERVICE_URL CMake cache value; the environment variable of the same name points a copy
+// at another service (a self-hosted one, or a test's). An environment value that is not an
+// absolute http(s) URL is ignored, and the log says so once.
+const QUrl &website();
+
+// The base URL with path components appended: appending("v1/ads") gives https://host/v1/ads,
+// and a base with a path of its own keeps it (https://host/vantrel/v1/ads).
+QUrl appending(const QString &components);
+
+// The service's host name, bare ("vantrel.app"), as people are shown it.
+QString host();
+
+// The program's own version, compared with the newest release by the update check.
+QString appVersion();
+
+} // namespace CloudConfig

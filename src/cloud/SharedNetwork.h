@@ -1,0 +1,14 @@
+#pragma once
+
+class QNetworkAccessManager;
+
+// The one network access manager that every call to the service goes through, as a browser
+// shares one connection pool. Main thread only; made on first use.
+//
+// VANTREL_SERVICE_CA names a PEM file of certificates to trust beside the system's: a
+// self-hosted service with its own certificate authority, or a test's service on 127.0.0.1.
+namespace SharedNetwork {
+
+QNetworkAccessManager &manager();
+
+} // namespace SharedNetwork
