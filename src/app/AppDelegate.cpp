@@ -1,5 +1,7 @@
 #include "app/AppDelegate.h"
 
+#include "app/ClipNotifications.h"
+#include "app/DashboardWindow.h"
 #include "app/LoginItem.h"
 #include "app/MainMenu.h"
 #include "app/SingleInstance.h"
@@ -68,6 +70,7 @@ AppDelegate::AppDelegate(QObject *parent)
     // Every status line also goes to the log, so a user without the window can follow along.
     connect(&m_model, &AppModel::statusChanged, this,
             [this] { ClipEngine::log(QStringLiteral("status: ") + m_model.status()); });
+    hooks.dashboard = [this] { presentDashboard(); };
 }
 
 AppDelegate::~AppDelegate() = default;
@@ -116,6 +119,7 @@ bool AppDelegate::applicationDidFinishLaunching(const QStringList &links)
     ClipEngine::log(QStringLiteral("launched version %1").arg(QStringLiteral(VANTREL_VERSION)));
     // Paths::recordings() creates the folder when it is missing.
     m_library = std::make_unique<ClipLibrary>(m_model, Paths::recordings());
+    m_notifications = new ClipNotifications(*this);
     PermissionOnce::rememberExistingPrompts();
     if (hooks.account)
         hooks.account();
@@ -344,9 +348,11 @@ QCoro::Task<void> AppDelegate::runSave()
         m_library->refreshClips(true);
         if (hooks.share)
             hooks.share(QUrl::fromLocalFile(path));
+        emit clipSaved(path);
     } else {
         ClipSound::playError();
         m_model.setStatus(failure);
+        emit saveFailed(failure);
     }
     m_saveInProgress = false;
     m_model.setIsSaving(false);
