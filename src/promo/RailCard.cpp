@@ -166,7 +166,9 @@ void RailCard::paintEvent(QPaintEvent *)
     QPainterPath clip;
     if (m_picture == Picture::loaded) {
         const QSizeF fitted = QSizeF(m_image.size()).scaled(frame.size(), Qt::KeepAspectRatio);
-        const QRectF target(frame.topLeft(), fitted);
+        // Fitted into the frame: at its leading edge, centred in its height.
+        const QRectF target(QPointF(frame.left(), frame.center().y() - fitted.height() / 2),
+                            fitted);
         clip.addRoundedRect(target, pictureRadius, pictureRadius);
         painter.setClipPath(clip);
         painter.setRenderHint(QPainter::SmoothPixmapTransform);

@@ -12,6 +12,11 @@ SponsoredRail::SponsoredRail(AdsStore &ads, QWidget *parent)
     , m_ads(ads)
 {
     setObjectName(QStringLiteral("sponsoredRail"));
+    // The rail lies on the content background, also when shown on its own.
+    QPalette background = palette();
+    background.setColor(QPalette::Window, Palette::vtBg());
+    setPalette(background);
+    setAutoFillBackground(true);
     auto *column = new QVBoxLayout(this);
     column->setContentsMargins(14, 18, 14, 14);
     column->setSpacing(10);
