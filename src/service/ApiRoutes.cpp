@@ -42,7 +42,8 @@ void deviceCodeGone(Response &res, DeviceCodeState state)
         return HttpReply::error(res, 410,
                                 "This sign-in code was already used. Start signing in again.");
     default:
-        return HttpReply::error(res, 404, "This sign-in code is not known. Start signing in again.");
+        return HttpReply::error(res, 404,
+                                "This sign-in code is not known. Start signing in again.");
     }
 }
 
@@ -61,8 +62,8 @@ void pollDevice(ServiceContext &context, const Request &req, Response &res)
     if (state != DeviceCodeState::approved)
         return deviceCodeGone(res, state);
     const std::string token = Secrets::newToken();
-    const DeviceCodeState claimed
-        = context.records.claimDeviceCode(code, Secrets::tokenHash(token), now);
+    const DeviceCodeState claimed =
+        context.records.claimDeviceCode(code, Secrets::tokenHash(token), now);
     if (claimed != DeviceCodeState::approved)
         return deviceCodeGone(res, claimed);
     HttpReply::json(res, 200, {{"token", token}});
@@ -85,17 +86,26 @@ void me(ServiceContext &context, const Request &req, Response &res)
                      {"discord_oauth", false}});
 }
 
-void uploadClip(ServiceContext &context, const Request &req, Response &res,
-                const ContentReader &reader)
+// The user of a request that carries a body. A refused sender's body is read out and dropped,
+// so that its connection stays in step for the next request.
+std::optional<UserRecord> signedInSender(ServiceContext &context, const Request &req, Response &res,
+                                         const ContentReader &reader)
 {
-    const std::optional<UserRecord> user = Authentication::bearer(context, req, res);
+    std::optional<UserRecord> user = Authentication::bearer(context, req, res);
     if (!user) {
-        // Read out (and drop) what the refused client sends, so its connection stays in step.
         const Response refusal = res;
         RequestBody::discard(req, reader);
         res = refusal;
-        return;
     }
+    return user;
+}
+
+void uploadClip(ServiceContext &context, const Request &req, Response &res,
+                const ContentReader &reader)
+{
+    const std::optional<UserRecord> user = signedInSender(context, req, res, reader);
+    if (!user)
+        return;
     ClipUpload upload(context, *user);
     const ClipUpload::Outcome outcome = upload.run(req, res, reader);
     if (outcome.status != 200)
@@ -113,9 +123,9 @@ std::optional<json> readJsonObject(ServiceContext &context, const Request &req, 
     std::string body;
     switch (RequestBody::readSmall(req, reader, context.limits.maxSmallBodyBytes, body)) {
     case RequestBody::Outcome::tooLarge:
-        HttpReply::error(res, 413, "The request is larger than "
-                                       + std::to_string(context.limits.maxSmallBodyBytes / 1024)
-                                       + " KiB.");
+        HttpReply::error(res, 413,
+                         "The request is larger than " +
+                             std::to_string(context.limits.maxSmallBodyBytes / 1024) + " KiB.");
         return std::nullopt;
     case RequestBody::Outcome::broken:
         HttpReply::error(res, 400, "The request body is incomplete.");
@@ -138,13 +148,9 @@ std::optional<json> readJsonObject(ServiceContext &context, const Request &req, 
 void createPack(ServiceContext &context, const Request &req, Response &res,
                 const ContentReader &reader)
 {
-    const std::optional<UserRecord> user = Authentication::bearer(context, req, res);
-    if (!user) {
-        const Response refusal = res;
-        RequestBody::discard(req, reader);
-        res = refusal;
+    const std::optional<UserRecord> user = signedInSender(context, req, res, reader);
+    if (!user)
         return;
-    }
     const std::optional<json> body = readJsonObject(context, req, res, reader);
     if (!body)
         return;
@@ -158,29 +164,31 @@ void createPack(ServiceContext &context, const Request &req, Response &res,
     if (!cleanTitle)
         return HttpReply::error(res, 400, "\"title\" is not valid text.");
     if (TextRules::characterCount(*cleanTitle) > size_t(context.limits.maxNameCharacters))
-        return HttpReply::error(res, 400, "The title is longer than "
-                                              + std::to_string(context.limits.maxNameCharacters)
-                                              + " characters.");
+        return HttpReply::error(res, 400,
+                                "The title is longer than " +
+                                    std::to_string(context.limits.maxNameCharacters) +
+                                    " characters.");
     const auto ids = body->find("clip_ids");
     if (ids == body->end() || !ids->is_array())
         return HttpReply::error(res, 400, "\"clip_ids\" must be a list of clip ids.");
     if (ids->size() > size_t(context.limits.maxPackClips))
-        return HttpReply::error(res, 400, "A folder holds at most "
-                                              + std::to_string(context.limits.maxPackClips) + " clips.");
+        return HttpReply::error(res, 400,
+                                "A folder holds at most " +
+                                    std::to_string(context.limits.maxPackClips) + " clips.");
 
     PackRecord pack;
     for (const json &id : *ids) {
         if (!id.is_string())
             return HttpReply::error(res, 400, "\"clip_ids\" must be a list of clip ids.");
         const std::string clipId = id.get<std::string>();
-        const std::optional<ClipRecord> clip = clipId.size() <= 64 ? context.records.clip(clipId)
-                                                                   : std::nullopt;
+        const std::optional<ClipRecord> clip =
+            clipId.size() <= 64 ? context.records.clip(clipId) : std::nullopt;
         if (!clip)
-            return HttpReply::error(res, 404, "There is no clip with the id \"" + clipId.substr(0, 64)
-                                                  + "\".");
+            return HttpReply::error(
+                res, 404, "There is no clip with the id \"" + clipId.substr(0, 64) + "\".");
         if (clip->userId != user->id)
-            return HttpReply::error(res, 403, "The clip \"" + clipId
-                                                  + "\" belongs to someone else.");
+            return HttpReply::error(res, 403,
+                                    "The clip \"" + clipId + "\" belongs to someone else.");
         pack.clipIds.push_back(clipId);
     }
     pack.id = Secrets::randomId(12);
@@ -223,9 +231,10 @@ namespace ApiRoutes {
 void install(httplib::Server &server, ServiceContext &context)
 {
     ServiceContext *c = &context;
-    server.Post("/v1/auth/device", [c](const Request &req, Response &res, const ContentReader &reader) {
-        startDevice(*c, req, res, reader);
-    });
+    server.Post("/v1/auth/device",
+                [c](const Request &req, Response &res, const ContentReader &reader) {
+                    startDevice(*c, req, res, reader);
+                });
     server.Get(R"(/v1/auth/device/([^/]{1,32}))",
                [c](const Request &req, Response &res) { pollDevice(*c, req, res); });
     server.Get("/v1/me", [c](const Request &req, Response &res) { me(*c, req, res); });

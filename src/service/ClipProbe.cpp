@@ -112,8 +112,8 @@ bool writePoster(const std::string &path, PendingFile &poster)
     if (index < 0 || !decoder)
         return false;
     Codec decoding(avcodec_alloc_context3(decoder));
-    if (!decoding
-        || avcodec_parameters_to_context(decoding.get(), input->streams[index]->codecpar) < 0)
+    if (!decoding ||
+        avcodec_parameters_to_context(decoding.get(), input->streams[index]->codecpar) < 0)
         return false;
     decoding->thread_count = 1;
     if (avcodec_open2(decoding.get(), decoder, nullptr) < 0)
@@ -124,8 +124,8 @@ bool writePoster(const std::string &path, PendingFile &poster)
     bool decoded = false;
     // The first key frame decodes at once in a well-formed clip; a few hundred packets is
     // plenty of patience for a strange one.
-    for (int packets = 0; !decoded && packets < 500 && av_read_frame(input.get(), packet.get()) >= 0;
-         ++packets) {
+    for (int packets = 0;
+         !decoded && packets < 500 && av_read_frame(input.get(), packet.get()) >= 0; ++packets) {
         if (packet->stream_index == index && avcodec_send_packet(decoding.get(), packet.get()) >= 0)
             decoded = avcodec_receive_frame(decoding.get(), frame.get()) >= 0;
         av_packet_unref(packet.get());
@@ -165,17 +165,17 @@ bool writePoster(const std::string &path, PendingFile &poster)
     scaled->height = height;
     if (av_frame_get_buffer(scaled.get(), 0) < 0)
         return false;
-    Scaler scaler(sws_getContext(frame->width, frame->height, static_cast<AVPixelFormat>(frame->format),
-                                 width, height, AV_PIX_FMT_YUVJ420P, SWS_BICUBIC, nullptr, nullptr,
-                                 nullptr));
+    Scaler scaler(sws_getContext(frame->width, frame->height,
+                                 static_cast<AVPixelFormat>(frame->format), width, height,
+                                 AV_PIX_FMT_YUVJ420P, SWS_BICUBIC, nullptr, nullptr, nullptr));
     if (!scaler)
         return false;
     sws_scale(scaler.get(), frame->data, frame->linesize, 0, frame->height, scaled->data,
               scaled->linesize);
     scaled->pts = 0;
 
-    if (avcodec_send_frame(encoding.get(), scaled.get()) < 0
-        || avcodec_receive_packet(encoding.get(), packet.get()) < 0)
+    if (avcodec_send_frame(encoding.get(), scaled.get()) < 0 ||
+        avcodec_receive_packet(encoding.get(), packet.get()) < 0)
         return false;
     poster.write(reinterpret_cast<const char *>(packet->data), static_cast<size_t>(packet->size));
     av_packet_unref(packet.get());

@@ -1,6 +1,7 @@
 #include "service/ClipUpload.h"
 
 #include "service/ClipProbe.h"
+#include "service/RequestBody.h"
 #include "service/Secrets.h"
 #include "service/TextRules.h"
 
@@ -35,12 +36,18 @@ bool ClipUpload::fail(int status, std::string detail)
     if (m_failedStatus == 0) {
         m_failedStatus = status;
         m_failedDetail = std::move(detail);
+        m_file.reset();
     }
-    return false;
+    // The rest of a refused body is read and dropped, so that the client's connection stays in
+    // step for its next request. A counted body is bounded by the server's payload limit; a
+    // chunked one is cut off.
+    return !m_chunked;
 }
 
 bool ClipUpload::onPartHeader(const httplib::MultipartFormData &part)
 {
+    if (m_failedStatus != 0)
+        return !m_chunked;
     if (part.name == "name") {
         if (m_sawName)
             return fail(400, "The form has more than one \"name\" part.");
@@ -70,11 +77,14 @@ bool ClipUpload::onPartHeader(const httplib::MultipartFormData &part)
 
 bool ClipUpload::onPartData(const char *data, size_t size)
 {
+    if (m_failedStatus != 0)
+        return !m_chunked;
     if (m_part == Part::name) {
         // Four bytes per character is the most UTF-8 needs; anything longer is too long anyway.
         if (m_name.size() + size > size_t(m_context.limits.maxNameCharacters) * 4)
-            return fail(400, "The clip's name is longer than "
-                                 + std::to_string(m_context.limits.maxNameCharacters) + " characters.");
+            return fail(400,
+                        "The clip's name is longer than " +
+                            std::to_string(m_context.limits.maxNameCharacters) + " characters.");
         m_name.append(data, size);
         return true;
     }
@@ -82,8 +92,9 @@ bool ClipUpload::onPartData(const char *data, size_t size)
         return true;
     m_fileBytes += size;
     if (m_fileBytes > m_context.limits.maxUploadBytes)
-        return fail(413, "The file is larger than the upload limit of "
-                             + sizeText(m_context.limits.maxUploadBytes) + ".");
+        return fail(413,
+                    "The file is larger than the upload limit of " +
+                        sizeText(m_context.limits.maxUploadBytes) + ".");
     try {
         if (m_buffer.size() + size > bufferBytes)
             flush();
@@ -108,18 +119,24 @@ void ClipUpload::flush()
 ClipUpload::Outcome ClipUpload::run(const httplib::Request &req, httplib::Response &res,
                                     const httplib::ContentReader &reader)
 {
-    if (!req.is_multipart_form_data())
-        return {400, "The upload must be a multipart form with a \"name\" and a \"file\" part.", {}};
-    const bool read = reader(
-        [this](const httplib::MultipartFormData &part) { return onPartHeader(part); },
-        [this](const char *data, size_t size) { return onPartData(data, size); });
+    if (!req.is_multipart_form_data()) {
+        RequestBody::discard(req, reader);
+        return {
+            400, "The upload must be a multipart form with a \"name\" and a \"file\" part.", {}};
+    }
+    m_chunked = req.get_header_value("Transfer-Encoding").find("chunked") != std::string::npos;
+    const bool read =
+        reader([this](const httplib::MultipartFormData &part) { return onPartHeader(part); },
+               [this](const char *data, size_t size) { return onPartData(data, size); });
     if (m_failedStatus != 0)
         return {m_failedStatus, m_failedDetail, {}};
     if (!read) {
         // The library's own refusal of an oversized body comes as a 413 status.
         if (res.status == 413)
-            return {413, "The file is larger than the upload limit of "
-                             + sizeText(m_context.limits.maxUploadBytes) + ".", {}};
+            return {413,
+                    "The file is larger than the upload limit of " +
+                        sizeText(m_context.limits.maxUploadBytes) + ".",
+                    {}};
         return {400, "The upload is incomplete: the form ended before its last part.", {}};
     }
     if (!m_file)
@@ -142,8 +159,10 @@ ClipUpload::Outcome ClipUpload::store()
     if (name.empty())
         name = TextRules::cleanLine(TextRules::withoutExtension(m_fileName)).value_or("Clip");
     if (TextRules::characterCount(name) > size_t(m_context.limits.maxNameCharacters))
-        return {400, "The clip's name is longer than "
-                         + std::to_string(m_context.limits.maxNameCharacters) + " characters.", {}};
+        return {400,
+                "The clip's name is longer than " +
+                    std::to_string(m_context.limits.maxNameCharacters) + " characters.",
+                {}};
 
     const ClipProbeResult probe = ClipProbe::probe(m_file->path());
     if (!probe.isMp4)

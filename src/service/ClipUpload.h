@@ -47,6 +47,7 @@ private:
     std::unique_ptr<PendingFile> m_file;
     uint64_t m_fileBytes = 0;
     std::vector<char> m_buffer;
+    bool m_chunked = false;
     int m_failedStatus = 0;
     std::string m_failedDetail;
 };

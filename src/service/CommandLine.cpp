@@ -64,7 +64,8 @@ uint64_t CommandLine::parseSize(const std::string &text, const std::string &opti
     else if (!unit.empty())
         shift = -1;
     if (error != std::errc() || shift < 0 || value == 0 || value > (uint64_t(1) << (62 - shift)))
-        throw Error("--" + option + " takes a size such as 2G, 500M or 1048576, not \"" + text + "\".");
+        throw Error("--" + option + " takes a size such as 2G, 500M or 1048576, not \"" + text +
+                    "\".");
     return value << shift;
 }
 
@@ -73,7 +74,7 @@ int CommandLine::parseInteger(const std::string &text, const std::string &option
     int value = 0;
     const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), value);
     if (error != std::errc() || end != text.data() + text.size() || value < low || value > high)
-        throw Error("--" + option + " takes a whole number from " + std::to_string(low) + " to "
-                    + std::to_string(high) + ", not \"" + text + "\".");
+        throw Error("--" + option + " takes a whole number from " + std::to_string(low) + " to " +
+                    std::to_string(high) + ", not \"" + text + "\".");
     return value;
 }

@@ -2,8 +2,8 @@
 
 #include <cerrno>
 #include <cstring>
-#include <fcntl.h>
 #include <ctime>
+#include <fcntl.h>
 #include <filesystem>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -21,8 +21,8 @@ std::string systemError(const std::string &what)
 // the same.
 void checkKey(const std::string &key)
 {
-    if (key.empty() || key.find('/') != std::string::npos || key.find('\0') != std::string::npos
-        || key.front() == '.')
+    if (key.empty() || key.find('/') != std::string::npos || key.find('\0') != std::string::npos ||
+        key.front() == '.')
         throw FileError("Not a file key: " + key);
 }
 
@@ -163,7 +163,9 @@ std::unique_ptr<StoredFile> DiskFileStore::open(FileKind kind, const std::string
     const int fd = ::open(pathOf(kind, key).c_str(), O_RDONLY | O_CLOEXEC);
     if (fd < 0)
         return nullptr;
-    struct stat info {};
+    struct stat info
+    {
+    };
     if (::fstat(fd, &info) != 0 || !S_ISREG(info.st_mode)) {
         ::close(fd);
         return nullptr;
@@ -194,7 +196,9 @@ std::vector<std::string> DiskFileStore::keys(FileKind kind)
 
 int64_t DiskFileStore::ageSeconds(FileKind kind, const std::string &key)
 {
-    struct stat info {};
+    struct stat info
+    {
+    };
     if (::stat(pathOf(kind, key).c_str(), &info) != 0)
         return 0;
     return static_cast<int64_t>(::time(nullptr)) - static_cast<int64_t>(info.st_mtime);

@@ -24,9 +24,10 @@ void serve(const Request &req, Response &res, std::shared_ptr<StoredFile> file,
         return HttpReply::error(res, 416, "The requested range is outside the file.");
     case ByteRange::Outcome::partial:
         res.status = 206;
-        res.set_header("Content-Range", "bytes " + std::to_string(range.first) + "-"
-                                            + std::to_string(range.first + range.length - 1) + "/"
-                                            + std::to_string(size));
+        res.set_header("Content-Range",
+                       "bytes " + std::to_string(range.first) + "-" +
+                           std::to_string(range.first + range.length - 1) + "/" +
+                           std::to_string(size));
         break;
     case ByteRange::Outcome::whole:
         res.status = 200;
@@ -56,8 +57,8 @@ void clipFile(ServiceContext &context, const Request &req, Response &res)
     const std::optional<ClipRecord> clip = context.records.clip(id);
     if (!clip || (poster && !clip->hasPoster))
         return HttpReply::error(res, 404, "There is no such clip.");
-    std::shared_ptr<StoredFile> file
-        = context.files.open(poster ? FileKind::poster : FileKind::clip, id + (poster ? ".jpg" : ".mp4"));
+    std::shared_ptr<StoredFile> file = context.files.open(
+        poster ? FileKind::poster : FileKind::clip, id + (poster ? ".jpg" : ".mp4"));
     if (!file)
         return HttpReply::error(res, 404, "There is no such clip.");
     // A clip's file never changes under its id.
@@ -68,8 +69,8 @@ void clipFile(ServiceContext &context, const Request &req, Response &res)
 void release(ServiceContext &context, const Request &req, Response &res)
 {
     const std::optional<ReleaseRecord> release = context.records.releaseByFileName(req.matches[1]);
-    std::shared_ptr<StoredFile> file
-        = release ? context.files.open(FileKind::release, release->fileName) : nullptr;
+    std::shared_ptr<StoredFile> file =
+        release ? context.files.open(FileKind::release, release->fileName) : nullptr;
     if (!file)
         return HttpReply::error(res, 404, "There is no such release.");
     res.set_header("Content-Disposition", "attachment; filename=\"" + release->fileName + "\"");

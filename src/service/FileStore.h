@@ -53,7 +53,8 @@ public:
     virtual std::unique_ptr<PendingFile> create(FileKind kind) = 0;
     // Makes the pending file visible under `key`, replacing nothing: throws FileError when it
     // cannot be moved into place.
-    virtual void commit(std::unique_ptr<PendingFile> file, FileKind kind, const std::string &key) = 0;
+    virtual void commit(std::unique_ptr<PendingFile> file, FileKind kind,
+                        const std::string &key) = 0;
     virtual std::unique_ptr<StoredFile> open(FileKind kind, const std::string &key) = 0;
     virtual bool exists(FileKind kind, const std::string &key) = 0;
     virtual void remove(FileKind kind, const std::string &key) = 0;

@@ -76,8 +76,8 @@ std::optional<std::string> cookie(const httplib::Request &req, const std::string
         const size_t first = part.find_first_not_of(' ');
         if (first != std::string::npos)
             part.erase(0, first);
-        if (part.size() > name.size() && part.compare(0, name.size(), name) == 0
-            && part[name.size()] == '=')
+        if (part.size() > name.size() && part.compare(0, name.size(), name) == 0 &&
+            part[name.size()] == '=')
             return part.substr(name.size() + 1);
         start = end + 1;
     }

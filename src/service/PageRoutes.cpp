@@ -41,13 +41,15 @@ void deviceCodePage(Response &res, DeviceCodeState state, const std::string &cod
     case DeviceCodeState::claimed:
         return HttpReply::html(res, 200, Pages::deviceApproved(code));
     case DeviceCodeState::expired:
-        return HttpReply::html(res, 410, Pages::message("This code has expired",
-                                                        "Sign-in codes last ten minutes. Start "
-                                                        "signing in again from Vantrel."));
+        return HttpReply::html(res, 410,
+                               Pages::message("This code has expired",
+                                              "Sign-in codes last ten minutes. Start "
+                                              "signing in again from Vantrel."));
     default:
-        return HttpReply::html(res, 404, Pages::message("Unknown code",
-                                                        "This sign-in code is not known. Start "
-                                                        "signing in again from Vantrel."));
+        return HttpReply::html(res, 404,
+                               Pages::message("Unknown code",
+                                              "This sign-in code is not known. Start "
+                                              "signing in again from Vantrel."));
     }
 }
 
@@ -55,9 +57,10 @@ void showDevice(ServiceContext &context, const Request &req, Response &res)
 {
     const std::string code = req.get_param_value("code");
     if (code.empty() || code.size() > 32)
-        return HttpReply::html(res, 400, Pages::message("Sign in from Vantrel",
-                                                        "Open this page with Sign in in the "
-                                                        "Vantrel program."));
+        return HttpReply::html(res, 400,
+                               Pages::message("Sign in from Vantrel",
+                                              "Open this page with Sign in in the "
+                                              "Vantrel program."));
     const DeviceCodeState state = context.records.deviceCodeState(code, unixNow());
     if (state != DeviceCodeState::pending)
         return deviceCodePage(res, state, code);
@@ -74,17 +77,19 @@ void approveDevice(ServiceContext &context, const Request &req, Response &res,
     const std::string email = form["email"].substr(0, 254);
     if (!context.passwordAttempts.allow(req.remote_addr)) {
         res.set_header("Retry-After", std::to_string(context.passwordAttempts.retryAfterSeconds()));
-        return HttpReply::html(res, 429, Pages::device(code, email,
-                                                       "Too many attempts. Wait a minute and try "
-                                                       "again."));
+        return HttpReply::html(res, 429,
+                               Pages::device(code, email,
+                                             "Too many attempts. Wait a minute and try "
+                                             "again."));
     }
     const DeviceCodeState state = context.records.deviceCodeState(code, unixNow());
     if (state != DeviceCodeState::pending)
         return deviceCodePage(res, state, code);
-    const std::optional<UserRecord> user = Authentication::password(context, email, form["password"]);
+    const std::optional<UserRecord> user =
+        Authentication::password(context, email, form["password"]);
     if (!user)
-        return HttpReply::html(res, 401, Pages::device(code, email,
-                                                       "The email or the password is not right."));
+        return HttpReply::html(
+            res, 401, Pages::device(code, email, "The email or the password is not right."));
     const DeviceCodeState before = context.records.approveDeviceCode(code, user->id, unixNow());
     if (before != DeviceCodeState::pending)
         return deviceCodePage(res, before, code);
@@ -104,8 +109,8 @@ void showAccount(ServiceContext &context, const Request &req, Response &res,
 
 std::string sessionCookie(ServiceContext &context, const std::string &value, int maxAgeSeconds)
 {
-    std::string cookie = std::string(Authentication::sessionCookie) + "=" + value
-        + "; Path=/; HttpOnly; SameSite=Strict; Max-Age=" + std::to_string(maxAgeSeconds);
+    std::string cookie = std::string(Authentication::sessionCookie) + "=" + value +
+        "; Path=/; HttpOnly; SameSite=Strict; Max-Age=" + std::to_string(maxAgeSeconds);
     if (context.publicUrl.rfind("https://", 0) == 0)
         cookie += "; Secure";
     return cookie;
@@ -120,13 +125,18 @@ void signInAccount(ServiceContext &context, const Request &req, Response &res,
     const std::string email = form["email"].substr(0, 254);
     if (!context.passwordAttempts.allow(req.remote_addr)) {
         res.set_header("Retry-After", std::to_string(context.passwordAttempts.retryAfterSeconds()));
-        return HttpReply::html(res, 429, Pages::accountSignIn(email, "Too many attempts. Wait a "
-                                                                     "minute and try again."));
+        return HttpReply::html(res, 429,
+                               Pages::accountSignIn(email,
+                                                    "Too many attempts. Wait a "
+                                                    "minute and try again."));
     }
-    const std::optional<UserRecord> user = Authentication::password(context, email, form["password"]);
+    const std::optional<UserRecord> user =
+        Authentication::password(context, email, form["password"]);
     if (!user)
-        return HttpReply::html(res, 401, Pages::accountSignIn(email, "The email or the password is "
-                                                                     "not right."));
+        return HttpReply::html(res, 401,
+                               Pages::accountSignIn(email,
+                                                    "The email or the password is "
+                                                    "not right."));
     const std::string token = Secrets::newToken();
     const int64_t now = unixNow();
     context.records.addToken(Secrets::tokenHash(token), user->id, TokenKind::web, now,
@@ -159,12 +169,13 @@ void signOutAccount(ServiceContext &context, const Request &req, Response &res,
 void showClip(ServiceContext &context, const Request &req, Response &res)
 {
     const std::optional<ClipRecord> clip = context.records.clip(req.matches[1]);
-    const std::optional<UserRecord> owner = clip ? context.records.userById(clip->userId)
-                                                 : std::nullopt;
+    const std::optional<UserRecord> owner =
+        clip ? context.records.userById(clip->userId) : std::nullopt;
     if (!clip || !owner)
-        return HttpReply::html(res, 404, Pages::message("Clip not found",
-                                                        "This clip does not exist, or it was "
-                                                        "removed."));
+        return HttpReply::html(res, 404,
+                               Pages::message("Clip not found",
+                                              "This clip does not exist, or it was "
+                                              "removed."));
     HttpReply::html(res, 200, Pages::clip(context.publicUrl, *clip, *owner));
 }
 
@@ -172,9 +183,10 @@ void showPack(ServiceContext &context, const Request &req, Response &res)
 {
     const std::optional<PackRecord> pack = context.records.pack(req.matches[1]);
     if (!pack)
-        return HttpReply::html(res, 404, Pages::message("Folder not found",
-                                                        "This folder does not exist, or it was "
-                                                        "removed."));
+        return HttpReply::html(res, 404,
+                               Pages::message("Folder not found",
+                                              "This folder does not exist, or it was "
+                                              "removed."));
     std::vector<ClipRecord> clips;
     for (const std::string &id : pack->clipIds)
         if (std::optional<ClipRecord> clip = context.records.clip(id))
@@ -189,7 +201,8 @@ namespace PageRoutes {
 void install(httplib::Server &server, ServiceContext &context)
 {
     ServiceContext *c = &context;
-    server.Get("/", [](const Request &, Response &res) { HttpReply::html(res, 200, Pages::home()); });
+    server.Get("/",
+               [](const Request &, Response &res) { HttpReply::html(res, 200, Pages::home()); });
     server.Get("/site.css", [](const Request &, Response &res) {
         res.set_header("Cache-Control", "public, max-age=3600");
         res.set_content(Pages::stylesheet(), "text/css; charset=utf-8");
@@ -202,12 +215,14 @@ void install(httplib::Server &server, ServiceContext &context)
     server.Post("/account", [c](const Request &req, Response &res, const ContentReader &reader) {
         signInAccount(*c, req, res, reader);
     });
-    server.Post("/account/sign-out", [c](const Request &req, Response &res,
-                                         const ContentReader &reader) {
-        signOutAccount(*c, req, res, reader);
-    });
-    server.Get(R"(/c/([a-z0-9]{1,32}))", [c](const Request &req, Response &res) { showClip(*c, req, res); });
-    server.Get(R"(/p/([a-z0-9]{1,32}))", [c](const Request &req, Response &res) { showPack(*c, req, res); });
+    server.Post("/account/sign-out",
+                [c](const Request &req, Response &res, const ContentReader &reader) {
+                    signOutAccount(*c, req, res, reader);
+                });
+    server.Get(R"(/c/([a-z0-9]{1,32}))",
+               [c](const Request &req, Response &res) { showClip(*c, req, res); });
+    server.Get(R"(/p/([a-z0-9]{1,32}))",
+               [c](const Request &req, Response &res) { showPack(*c, req, res); });
 }
 
 } // namespace PageRoutes

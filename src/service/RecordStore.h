@@ -78,8 +78,7 @@ public:
 
     // Tokens, known only by their hash. `expiresAt` 0 means never.
     virtual void addToken(const std::string &hash, const std::string &userId, TokenKind kind,
-                          int64_t now, int64_t expiresAt)
-        = 0;
+                          int64_t now, int64_t expiresAt) = 0;
     // The user of a token that is neither revoked nor expired.
     virtual std::optional<UserRecord> userForToken(const std::string &hash, int64_t now) = 0;
     // True when a live token was revoked.
@@ -92,14 +91,12 @@ public:
     virtual DeviceCodeState deviceCodeState(const std::string &code, int64_t now) = 0;
     // Approves a pending, unexpired code for the user; returns the state the code was in.
     virtual DeviceCodeState approveDeviceCode(const std::string &code, const std::string &userId,
-                                              int64_t now)
-        = 0;
+                                              int64_t now) = 0;
     // Hands an approved code's token over exactly once: when the code is approved and unclaimed,
     // stores the token hash for the approving user, marks the code claimed and returns approved;
     // otherwise changes nothing and returns the code's state.
     virtual DeviceCodeState claimDeviceCode(const std::string &code, const std::string &tokenHash,
-                                            int64_t now)
-        = 0;
+                                            int64_t now) = 0;
     // Forgets codes that expired before `before`.
     virtual void purgeDeviceCodes(int64_t before) = 0;
 

@@ -58,8 +58,8 @@ bool isValid(const std::string &version)
     if (version.empty() || version.size() > 32 || version[0] < '0' || version[0] > '9')
         return false;
     for (const char c : version) {
-        const bool allowed = (c >= '0' && c <= '9') || (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z')
-            || c == '.' || c == '-' || c == '+';
+        const bool allowed = (c >= '0' && c <= '9') || (c >= 'a' && c <= 'z') ||
+            (c >= 'A' && c <= 'Z') || c == '.' || c == '-' || c == '+';
         if (!allowed)
             return false;
     }

@@ -21,8 +21,8 @@ std::string formDecode(const std::string &text)
         const char c = text[i];
         if (c == '+') {
             out += ' ';
-        } else if (c == '%' && i + 2 < text.size() && hexValue(text[i + 1]) >= 0
-                   && hexValue(text[i + 2]) >= 0) {
+        } else if (c == '%' && i + 2 < text.size() && hexValue(text[i + 1]) >= 0 &&
+                   hexValue(text[i + 2]) >= 0) {
             out += static_cast<char>(hexValue(text[i + 1]) * 16 + hexValue(text[i + 2]));
             i += 2;
         } else {
@@ -105,8 +105,8 @@ std::map<std::string, std::string> parseForm(const std::string &body)
         if (!pair.empty()) {
             const size_t equals = pair.find('=');
             const std::string name = formDecode(pair.substr(0, equals));
-            const std::string value
-                = equals == std::string::npos ? std::string() : formDecode(pair.substr(equals + 1));
+            const std::string value =
+                equals == std::string::npos ? std::string() : formDecode(pair.substr(equals + 1));
             fields.try_emplace(name, value);
         }
         start = end + 1;

@@ -33,10 +33,9 @@ std::string hashPassword(std::string_view password)
     char hash[crypto_pwhash_STRBYTES];
     // The interactive limits (64 MiB, 2 passes) keep a sign-in under a second on a small server;
     // the sign-in form is rate-limited per address on top.
-    if (crypto_pwhash_str_alg(hash, password.data(), password.size(),
-                              crypto_pwhash_OPSLIMIT_INTERACTIVE, crypto_pwhash_MEMLIMIT_INTERACTIVE,
-                              crypto_pwhash_ALG_ARGON2ID13)
-        != 0)
+    if (crypto_pwhash_str_alg(
+            hash, password.data(), password.size(), crypto_pwhash_OPSLIMIT_INTERACTIVE,
+            crypto_pwhash_MEMLIMIT_INTERACTIVE, crypto_pwhash_ALG_ARGON2ID13) != 0)
         throw std::runtime_error("Not enough memory to hash the password.");
     return hash;
 }
@@ -50,9 +49,11 @@ std::string newToken()
 {
     unsigned char bytes[32];
     randombytes_buf(bytes, sizeof bytes);
-    const size_t size = sodium_base64_ENCODED_LEN(sizeof bytes, sodium_base64_VARIANT_URLSAFE_NO_PADDING);
+    const size_t size =
+        sodium_base64_ENCODED_LEN(sizeof bytes, sodium_base64_VARIANT_URLSAFE_NO_PADDING);
     std::vector<char> text(size);
-    sodium_bin2base64(text.data(), size, bytes, sizeof bytes, sodium_base64_VARIANT_URLSAFE_NO_PADDING);
+    sodium_bin2base64(text.data(), size, bytes, sizeof bytes,
+                      sodium_base64_VARIANT_URLSAFE_NO_PADDING);
     return "vt_" + std::string(text.data());
 }
 

@@ -45,8 +45,8 @@ bool isLoopback(const std::string &host)
 std::string parsePublicUrl(std::string url)
 {
     const bool web = url.rfind("https://", 0) == 0 || url.rfind("http://", 0) == 0;
-    if (!web || url.find_first_of("?# \"<>") != std::string::npos
-        || url.size() <= (url[4] == 's' ? 8u : 7u))
+    if (!web || url.find_first_of("?# \"<>") != std::string::npos ||
+        url.size() <= (url[4] == 's' ? 8u : 7u))
         throw CommandLine::Error("--public-url takes the address people reach the service at, "
                                  "such as https://clips.example.org.");
     while (url.back() == '/')

@@ -42,7 +42,8 @@ std::string dataFolder(const CommandLine &line)
     std::error_code error;
     fs::create_directories(folder, error);
     if (error)
-        throw std::runtime_error("Cannot create the data folder " + folder + ": " + error.message());
+        throw std::runtime_error("Cannot create the data folder " + folder + ": " +
+                                 error.message());
     fs::permissions(folder, fs::perms::owner_all, fs::perm_options::replace, error);
     return folder;
 }
@@ -205,7 +206,8 @@ int releaseAdd(const Arguments &arguments)
         stores.files.remove(FileKind::release, release.fileName);
         throw std::runtime_error("Release " + version + " exists already.");
     }
-    std::fprintf(stderr, "Published %s at /download/%s.\n", version.c_str(), release.fileName.c_str());
+    std::fprintf(stderr, "Published %s at /download/%s.\n", version.c_str(),
+                 release.fileName.c_str());
     return 0;
 }
 
@@ -218,8 +220,8 @@ int adsSet(const Arguments &arguments)
     if (ads.is_discarded())
         throw std::runtime_error(line.words()[0] + " is not valid JSON.");
     if (!ads.is_object() || !ads.contains("slots") || !ads["slots"].is_array())
-        throw std::runtime_error(line.words()[0]
-                                 + " must be a JSON object whose \"slots\" is a list of cards.");
+        throw std::runtime_error(line.words()[0] +
+                                 " must be a JSON object whose \"slots\" is a list of cards.");
     Stores stores(dataFolder(line));
     stores.records.setAds(text);
     std::fprintf(stderr, "Stored %zu sponsor card(s).\n", ads["slots"].size());
@@ -256,7 +258,9 @@ int run(const std::vector<std::string> &arguments)
                 return false;
         return true;
     };
-    const auto rest = [&](size_t from) { return Arguments(arguments.begin() + long(from), arguments.end()); };
+    const auto rest = [&](size_t from) {
+        return Arguments(arguments.begin() + long(from), arguments.end());
+    };
     try {
         if (!Secrets::initialize())
             throw std::runtime_error("libsodium could not start.");

@@ -69,13 +69,13 @@ ServiceServer::ServiceServer(ServiceContext &context, const ListenConfig &config
         auto server = std::make_unique<httplib::SSLServer>([&](SSL_CTX &ctx) {
             SSL_CTX_set_min_proto_version(&ctx, TLS1_2_VERSION);
             SSL_CTX_set_options(&ctx, SSL_OP_NO_COMPRESSION);
-            return SSL_CTX_use_certificate_chain_file(&ctx, certificate.c_str()) == 1
-                && SSL_CTX_use_PrivateKey_file(&ctx, key.c_str(), SSL_FILETYPE_PEM) == 1
-                && SSL_CTX_check_private_key(&ctx) == 1;
+            return SSL_CTX_use_certificate_chain_file(&ctx, certificate.c_str()) == 1 &&
+                SSL_CTX_use_PrivateKey_file(&ctx, key.c_str(), SSL_FILETYPE_PEM) == 1 &&
+                SSL_CTX_check_private_key(&ctx) == 1;
         });
         if (!server->is_valid())
-            throw std::runtime_error("The TLS certificate " + certificate + " or its key " + key
-                                     + " could not be loaded, or they do not belong together.");
+            throw std::runtime_error("The TLS certificate " + certificate + " or its key " + key +
+                                     " could not be loaded, or they do not belong together.");
         m_server = std::move(server);
     } else {
         m_server = std::make_unique<httplib::Server>();
@@ -113,25 +113,27 @@ void ServiceServer::installRules()
             HttpReply::error(res, res.status, detailFor(res.status));
             return httplib::Server::HandlerResponse::Handled;
         }));
-    m_server->set_exception_handler([](const Request &req, Response &res, std::exception_ptr error) {
-        std::string what = "unknown";
-        try {
-            std::rethrow_exception(error);
-        } catch (const std::exception &e) {
-            what = e.what();
-        } catch (...) {
-        }
-        std::fprintf(stderr, "vantrel-service: %s %s failed: %s\n", req.method.c_str(),
-                     req.path.c_str(), what.c_str());
-        HttpReply::error(res, 500, detailFor(500));
-    });
+    m_server->set_exception_handler(
+        [](const Request &req, Response &res, std::exception_ptr error) {
+            std::string what = "unknown";
+            try {
+                std::rethrow_exception(error);
+            } catch (const std::exception &e) {
+                what = e.what();
+            } catch (...) {
+            }
+            std::fprintf(stderr, "vantrel-service: %s %s failed: %s\n", req.method.c_str(),
+                         req.path.c_str(), what.c_str());
+            HttpReply::error(res, 500, detailFor(500));
+        });
     // A client that announces its upload is told before it sends a byte when the upload would
     // be refused anyway.
     ServiceContext *context = &m_context;
     m_server->set_expect_100_continue_handler([context](const Request &req, Response &res) {
         if (req.path != "/v1/clips")
             return 100;
-        if (req.get_header_value<uint64_t>("Content-Length") > context->limits.maxUploadBytes + 1024 * 1024) {
+        if (req.get_header_value<uint64_t>("Content-Length") >
+            context->limits.maxUploadBytes + 1024 * 1024) {
             HttpReply::error(res, 413, "The file is larger than the upload limit.");
             return 413;
         }
@@ -154,9 +156,9 @@ int ServiceServer::bind()
         port = 0;
     }
     if (port == 0)
-        throw std::runtime_error("Cannot listen on " + m_config.host + ":"
-                                 + std::to_string(m_config.port)
-                                 + ": the address is in use or not this machine's.");
+        throw std::runtime_error("Cannot listen on " + m_config.host + ":" +
+                                 std::to_string(m_config.port) +
+                                 ": the address is in use or not this machine's.");
     return port;
 }
 

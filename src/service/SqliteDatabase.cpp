@@ -14,8 +14,8 @@ namespace {
 SqliteDatabase::SqliteDatabase(const std::string &path)
 {
     if (sqlite3_open_v2(path.c_str(), &m_db,
-                        SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE | SQLITE_OPEN_FULLMUTEX, nullptr)
-        != SQLITE_OK) {
+                        SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE | SQLITE_OPEN_FULLMUTEX,
+                        nullptr) != SQLITE_OK) {
         const std::string message = m_db ? sqlite3_errmsg(m_db) : "out of memory";
         sqlite3_close(m_db);
         throw StoreError("Cannot open the records at " + path + ": " + message);
@@ -62,8 +62,7 @@ SqliteStatement::~SqliteStatement()
 SqliteStatement &SqliteStatement::bind(int index, const std::string &value)
 {
     if (sqlite3_bind_text(m_statement, index, value.data(), static_cast<int>(value.size()),
-                          SQLITE_TRANSIENT)
-        != SQLITE_OK)
+                          SQLITE_TRANSIENT) != SQLITE_OK)
         fail(m_db.handle(), "SQLite bind");
     return *this;
 }

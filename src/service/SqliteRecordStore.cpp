@@ -90,15 +90,16 @@ ClipRecord readClip(const SqliteStatement &row)
     return clip;
 }
 
-constexpr const char *clipColumns
-    = "id, user_id, name, size_bytes, width, height, duration_ms, has_poster, created_at";
+constexpr const char *clipColumns =
+    "id, user_id, name, size_bytes, width, height, duration_ms, has_poster, created_at";
 
 ReleaseRecord readRelease(const SqliteStatement &row)
 {
     return {row.text(0), row.text(1), row.text(2), row.text(3), row.integer(4), row.integer(5)};
 }
 
-constexpr const char *releaseColumns = "version, notes, file_name, signature, size_bytes, created_at";
+constexpr const char *releaseColumns =
+    "version, notes, file_name, signature, size_bytes, created_at";
 
 std::string select(const char *columns, const char *rest)
 {
@@ -162,8 +163,9 @@ void SqliteRecordStore::addToken(const std::string &hash, const std::string &use
                                  int64_t now, int64_t expiresAt)
 {
     std::scoped_lock lock(m_mutex);
-    SqliteStatement insert(m_db, "INSERT INTO tokens (hash, user_id, kind, created_at, expires_at) "
-                                 "VALUES (?, ?, ?, ?, ?)");
+    SqliteStatement insert(m_db,
+                           "INSERT INTO tokens (hash, user_id, kind, created_at, expires_at) "
+                           "VALUES (?, ?, ?, ?, ?)");
     insert.bind(1, hash)
         .bind(2, userId)
         .bind(3, std::string(kind == TokenKind::app ? "app" : "web"))
@@ -176,9 +178,10 @@ std::optional<UserRecord> SqliteRecordStore::userForToken(const std::string &has
 {
     std::scoped_lock lock(m_mutex);
     SqliteStatement query(
-        m_db, "SELECT u.id, u.email, u.name, u.vantrel_code, u.password_hash, u.created_at "
-              "FROM tokens t JOIN users u ON u.id = t.user_id WHERE t.hash = ? "
-              "AND t.revoked_at IS NULL AND (t.expires_at = 0 OR t.expires_at > ?)");
+        m_db,
+        "SELECT u.id, u.email, u.name, u.vantrel_code, u.password_hash, u.created_at "
+        "FROM tokens t JOIN users u ON u.id = t.user_id WHERE t.hash = ? "
+        "AND t.revoked_at IS NULL AND (t.expires_at = 0 OR t.expires_at > ?)");
     query.bind(1, hash).bind(2, now);
     if (!query.step())
         return std::nullopt;
@@ -188,8 +191,8 @@ std::optional<UserRecord> SqliteRecordStore::userForToken(const std::string &has
 bool SqliteRecordStore::revokeToken(const std::string &hash, int64_t now)
 {
     std::scoped_lock lock(m_mutex);
-    SqliteStatement update(m_db,
-                           "UPDATE tokens SET revoked_at = ? WHERE hash = ? AND revoked_at IS NULL");
+    SqliteStatement update(
+        m_db, "UPDATE tokens SET revoked_at = ? WHERE hash = ? AND revoked_at IS NULL");
     update.bind(1, now).bind(2, hash).run();
     return m_db.changes() == 1;
 }
@@ -275,8 +278,10 @@ void SqliteRecordStore::purgeDeviceCodes(int64_t before)
 void SqliteRecordStore::addClip(const ClipRecord &clip)
 {
     std::scoped_lock lock(m_mutex);
-    SqliteStatement insert(m_db, "INSERT INTO clips (id, user_id, name, size_bytes, width, height, "
-                                 "duration_ms, has_poster, created_at) VALUES (?, ?, ?, ?, ?, ?, ?, ?, ?)");
+    SqliteStatement insert(
+        m_db,
+        "INSERT INTO clips (id, user_id, name, size_bytes, width, height, "
+        "duration_ms, has_poster, created_at) VALUES (?, ?, ?, ?, ?, ?, ?, ?, ?)");
     insert.bind(1, clip.id)
         .bind(2, clip.userId)
         .bind(3, clip.name)
@@ -303,8 +308,9 @@ std::vector<ClipRecord> SqliteRecordStore::clipsOfUser(const std::string &userId
 {
     std::scoped_lock lock(m_mutex);
     SqliteStatement query(
-        m_db, select(clipColumns, "FROM clips WHERE user_id = ? ORDER BY created_at DESC, rowid DESC")
-                  .c_str());
+        m_db,
+        select(clipColumns, "FROM clips WHERE user_id = ? ORDER BY created_at DESC, rowid DESC")
+            .c_str());
     query.bind(1, userId);
     std::vector<ClipRecord> clips;
     while (query.step())
@@ -333,8 +339,8 @@ void SqliteRecordStore::addPack(const PackRecord &pack)
 {
     std::scoped_lock lock(m_mutex);
     SqliteTransaction transaction(m_db);
-    SqliteStatement insert(m_db,
-                           "INSERT INTO packs (id, user_id, title, created_at) VALUES (?, ?, ?, ?)");
+    SqliteStatement insert(
+        m_db, "INSERT INTO packs (id, user_id, title, created_at) VALUES (?, ?, ?, ?)");
     insert.bind(1, pack.id).bind(2, pack.userId).bind(3, pack.title).bind(4, pack.createdAt).run();
     int64_t position = 0;
     for (const std::string &clipId : pack.clipIds) {
@@ -371,8 +377,9 @@ std::optional<PackRecord> SqliteRecordStore::pack(const std::string &id)
 std::vector<PackRecord> SqliteRecordStore::packsOfUser(const std::string &userId)
 {
     std::scoped_lock lock(m_mutex);
-    SqliteStatement query(m_db, "SELECT id, user_id, title, created_at FROM packs WHERE user_id = ? "
-                                "ORDER BY created_at DESC, rowid DESC");
+    SqliteStatement query(m_db,
+                          "SELECT id, user_id, title, created_at FROM packs WHERE user_id = ? "
+                          "ORDER BY created_at DESC, rowid DESC");
     query.bind(1, userId);
     std::vector<PackRecord> packs;
     while (query.step())
@@ -385,8 +392,9 @@ std::vector<PackRecord> SqliteRecordStore::packsOfUser(const std::string &userId
 bool SqliteRecordStore::addRelease(const ReleaseRecord &release)
 {
     std::scoped_lock lock(m_mutex);
-    SqliteStatement insert(m_db, "INSERT OR IGNORE INTO releases (version, notes, file_name, "
-                                 "signature, size_bytes, created_at) VALUES (?, ?, ?, ?, ?, ?)");
+    SqliteStatement insert(m_db,
+                           "INSERT OR IGNORE INTO releases (version, notes, file_name, "
+                           "signature, size_bytes, created_at) VALUES (?, ?, ?, ?, ?, ?)");
     insert.bind(1, release.version)
         .bind(2, release.notes)
         .bind(3, release.fileName)
@@ -410,7 +418,8 @@ std::vector<ReleaseRecord> SqliteRecordStore::releases()
 std::optional<ReleaseRecord> SqliteRecordStore::releaseByFileName(const std::string &fileName)
 {
     std::scoped_lock lock(m_mutex);
-    SqliteStatement query(m_db, select(releaseColumns, "FROM releases WHERE file_name = ?").c_str());
+    SqliteStatement query(m_db,
+                          select(releaseColumns, "FROM releases WHERE file_name = ?").c_str());
     query.bind(1, fileName);
     if (!query.step())
         return std::nullopt;
@@ -420,8 +429,9 @@ std::optional<ReleaseRecord> SqliteRecordStore::releaseByFileName(const std::str
 void SqliteRecordStore::setAds(const std::string &json)
 {
     std::scoped_lock lock(m_mutex);
-    SqliteStatement upsert(m_db, "INSERT INTO settings (key, value) VALUES ('ads', ?) "
-                                 "ON CONFLICT(key) DO UPDATE SET value = excluded.value");
+    SqliteStatement upsert(m_db,
+                           "INSERT INTO settings (key, value) VALUES ('ads', ?) "
+                           "ON CONFLICT(key) DO UPDATE SET value = excluded.value");
     upsert.bind(1, json).run();
 }
 

@@ -1,15 +1,13 @@
 #include "service/StoreRecovery.h"
 
-#include "service/ServiceContext.h"
-
 #include <set>
 
 namespace {
 
 std::string stem(const std::string &key, const std::string &extension)
 {
-    if (key.size() <= extension.size()
-        || key.compare(key.size() - extension.size(), extension.size(), extension) != 0)
+    if (key.size() <= extension.size() ||
+        key.compare(key.size() - extension.size(), extension.size(), extension) != 0)
         return {};
     return key.substr(0, key.size() - extension.size());
 }
@@ -33,8 +31,8 @@ Report repair(RecordStore &records, FileStore &files)
             ++report.recordsRemoved;
         }
     }
-    for (const auto &[kind, extension] :
-         {std::pair {FileKind::clip, std::string(".mp4")}, {FileKind::poster, std::string(".jpg")}}) {
+    for (const auto &[kind, extension] : {std::pair {FileKind::clip, std::string(".mp4")},
+                                          {FileKind::poster, std::string(".jpg")}}) {
         for (const std::string &key : files.keys(kind)) {
             if (!recorded.contains(stem(key, extension))) {
                 files.remove(kind, key);
@@ -56,8 +54,9 @@ Report repair(RecordStore &records, FileStore &files)
 
 std::string describe(const Report &report)
 {
-    return "removed " + std::to_string(report.abandonedFilesRemoved) + " file(s) without a record and "
-        + std::to_string(report.recordsRemoved) + " record(s) without a file";
+    return "removed " + std::to_string(report.abandonedFilesRemoved) +
+        " file(s) without a record and " + std::to_string(report.recordsRemoved) +
+        " record(s) without a file";
 }
 
 } // namespace StoreRecovery

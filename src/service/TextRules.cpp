@@ -98,8 +98,8 @@ std::string withoutExtension(const std::string &fileName)
 bool looksLikeEmail(const std::string &email)
 {
     const size_t at = email.find('@');
-    if (email.size() > 254 || at == std::string::npos || at == 0 || at + 1 >= email.size()
-        || email.find('@', at + 1) != std::string::npos)
+    if (email.size() > 254 || at == std::string::npos || at == 0 || at + 1 >= email.size() ||
+        email.find('@', at + 1) != std::string::npos)
         return false;
     for (const char c : email)
         if (static_cast<unsigned char>(c) <= 0x20 || c == 0x7F || c == '<' || c == '>' || c == '"')
