@@ -66,6 +66,13 @@ public:
             size -= static_cast<size_t>(written);
             m_size += static_cast<uint64_t>(written);
         }
+        // Start writing back what has come so far, so that the flush at the end of a large
+        // upload has little left to wait for.
+        if (m_size - m_startedWriteBack >= writeBackBytes) {
+            ::sync_file_range(m_fd, off64_t(m_startedWriteBack), off64_t(m_size - m_startedWriteBack),
+                              SYNC_FILE_RANGE_WRITE);
+            m_startedWriteBack = m_size;
+        }
     }
     void finish() override
     {
@@ -76,9 +83,12 @@ public:
     const std::string &path() const override { return m_path; }
 
 private:
+    static constexpr uint64_t writeBackBytes = 8 << 20;
+
     std::string m_path;
     int m_fd = -1;
     uint64_t m_size = 0;
+    uint64_t m_startedWriteBack = 0;
 };
 
 class DiskStoredFile : public StoredFile
