@@ -62,7 +62,11 @@ Input openMp4(const std::string &path)
     if (result < 0)
         return nullptr;
     Input input(raw);
-    if (avformat_find_stream_info(input.get(), nullptr) < 0)
+    // An MP4 describes its streams in its header; decoding frames to learn them (which is what
+    // avformat_find_stream_info does) is needed only when that description is missing.
+    const int video = av_find_best_stream(input.get(), AVMEDIA_TYPE_VIDEO, -1, -1, nullptr, 0);
+    if ((video < 0 || input->streams[video]->codecpar->width <= 0) &&
+        avformat_find_stream_info(input.get(), nullptr) < 0)
         return nullptr;
     return input;
 }
@@ -116,6 +120,8 @@ bool writePoster(const std::string &path, PendingFile &poster)
         avcodec_parameters_to_context(decoding.get(), input->streams[index]->codecpar) < 0)
         return false;
     decoding->thread_count = 1;
+    // The first picture is all a poster needs: no waiting for later frames to reorder.
+    decoding->flags |= AV_CODEC_FLAG_LOW_DELAY;
     if (avcodec_open2(decoding.get(), decoder, nullptr) < 0)
         return false;
 

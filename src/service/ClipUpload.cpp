@@ -44,7 +44,7 @@ bool ClipUpload::fail(int status, std::string detail)
     return !m_chunked;
 }
 
-bool ClipUpload::onPartHeader(const httplib::MultipartFormData &part)
+bool ClipUpload::onPartHeader(const MultipartStream::Part &part)
 {
     if (m_failedStatus != 0)
         return !m_chunked;
@@ -58,16 +58,16 @@ bool ClipUpload::onPartHeader(const httplib::MultipartFormData &part)
     if (part.name == "file") {
         if (m_file)
             return fail(400, "The form has more than one \"file\" part.");
-        if (!TextRules::isPlainFileName(part.filename))
+        if (!TextRules::isPlainFileName(part.fileName))
             return fail(400, "The file's name must be a plain file name, without folders.");
-        if (part.content_type != "video/mp4")
+        if (part.contentType != "video/mp4")
             return fail(415, "The file must be sent as video/mp4.");
         try {
             m_file = m_context.files.create(FileKind::clip);
         } catch (const FileError &) {
             return fail(507, "The service has no room for the upload right now.");
         }
-        m_fileName = part.filename;
+        m_fileName = part.fileName;
         m_buffer.reserve(bufferBytes);
         m_part = Part::file;
         return true;
@@ -119,15 +119,29 @@ void ClipUpload::flush()
 ClipUpload::Outcome ClipUpload::run(const httplib::Request &req, httplib::Response &res,
                                     const httplib::ContentReader &reader)
 {
-    if (!req.is_multipart_form_data()) {
+    const std::string boundary = MultipartStream::boundaryOf(req.get_header_value("Content-Type"));
+    if (boundary.empty()) {
         RequestBody::discard(req, reader);
         return {
             400, "The upload must be a multipart form with a \"name\" and a \"file\" part.", {}};
     }
     m_chunked = req.get_header_value("Transfer-Encoding").find("chunked") != std::string::npos;
-    const bool read =
-        reader([this](const httplib::MultipartFormData &part) { return onPartHeader(part); },
-               [this](const char *data, size_t size) { return onPartData(data, size); });
+    MultipartStream parts(
+        boundary, [this](const MultipartStream::Part &part) { return onPartHeader(part); },
+        [this](const char *data, size_t size) { return onPartData(data, size); });
+    // The form is parsed here, so the library is told it is plain bytes and hands them over
+    // untouched.
+    auto &raw = const_cast<httplib::Request &>(req);
+    raw.headers.erase("Content-Type");
+    raw.headers.emplace("Content-Type", "application/octet-stream");
+    bool parsing = true;
+    const bool read = reader([&](const char *data, size_t size) {
+        if (parsing && !parts.feed(data, size)) {
+            parsing = false;
+            fail(400, "The upload is not a well-formed multipart form.");
+        }
+        return parsing || !m_chunked;
+    });
     if (m_failedStatus != 0)
         return {m_failedStatus, m_failedDetail, {}};
     if (!read) {
@@ -137,8 +151,10 @@ ClipUpload::Outcome ClipUpload::run(const httplib::Request &req, httplib::Respon
                     "The file is larger than the upload limit of " +
                         sizeText(m_context.limits.maxUploadBytes) + ".",
                     {}};
-        return {400, "The upload is incomplete: the form ended before its last part.", {}};
+        return {400, "The upload is incomplete: the connection ended before the form did.", {}};
     }
+    if (!parts.complete())
+        return {400, "The upload is incomplete: the form ended before its last part.", {}};
     if (!m_file)
         return {400, "The form has no \"file\" part.", {}};
     try {

@@ -1,5 +1,6 @@
 #pragma once
 
+#include "service/MultipartStream.h"
 #include "service/RecordStore.h"
 #include "service/ServiceContext.h"
 
@@ -32,7 +33,7 @@ public:
 private:
     enum class Part { none, name, file };
 
-    bool onPartHeader(const httplib::MultipartFormData &part);
+    bool onPartHeader(const MultipartStream::Part &part);
     bool onPartData(const char *data, size_t size);
     bool fail(int status, std::string detail);
     void flush();

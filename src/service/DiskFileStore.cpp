@@ -69,8 +69,8 @@ public:
         // Start writing back what has come so far, so that the flush at the end of a large
         // upload has little left to wait for.
         if (m_size - m_startedWriteBack >= writeBackBytes) {
-            ::sync_file_range(m_fd, off64_t(m_startedWriteBack), off64_t(m_size - m_startedWriteBack),
-                              SYNC_FILE_RANGE_WRITE);
+            ::sync_file_range(m_fd, off64_t(m_startedWriteBack),
+                              off64_t(m_size - m_startedWriteBack), SYNC_FILE_RANGE_WRITE);
             m_startedWriteBack = m_size;
         }
     }

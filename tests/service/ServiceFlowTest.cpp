@@ -289,3 +289,40 @@ TEST(ServiceFlowTest, ReleasesAndSponsorCardsFromTheCommandLine)
     }
     EXPECT_EQ(http->Get("/v1/ads")->body, cards) << "a refused file changes nothing";
 }
+
+TEST(ServiceFlowTest, AccountPageSignsInListsAndSignsOutEverywhere)
+{
+    const ServiceEndpoint service = fixtureService();
+    const std::string email = addUser(service, "Ora", "ora's password");
+    const std::string token = issueToken(service, email);
+    TempFolder folder;
+    const std::string id = uploadWithCurl(service, token, makeClip(folder.path(), "o.mp4", 1),
+                                          "Ora's clip", folder.path() / "reply");
+    auto http = client(service);
+
+    const auto form = http->Get("/account");
+    ASSERT_EQ(form->status, 200);
+    EXPECT_NE(form->body.find("name=\"password\""), std::string::npos);
+    EXPECT_EQ(
+        http->Post("/account", httplib::Params {{"email", email}, {"password", "wrong"}})->status,
+        401);
+
+    const auto signedIn =
+        http->Post("/account", httplib::Params {{"email", email}, {"password", "ora's password"}});
+    ASSERT_EQ(signedIn->status, 303);
+    const std::string setCookie = signedIn->get_header_value("Set-Cookie");
+    for (const char *attribute : {"HttpOnly", "SameSite=Strict", "Secure"})
+        EXPECT_NE(setCookie.find(attribute), std::string::npos) << attribute;
+    const httplib::Headers cookie {{"Cookie", setCookie.substr(0, setCookie.find(';'))}};
+
+    const auto page = http->Get("/account", cookie);
+    ASSERT_EQ(page->status, 200);
+    EXPECT_NE(page->body.find("/c/" + id), std::string::npos);
+    EXPECT_NE(page->body.find("Ora&#39;s clip"), std::string::npos);
+
+    const auto out = http->Post("/account/sign-out", cookie, "everywhere=1",
+                                "application/x-www-form-urlencoded");
+    EXPECT_EQ(out->status, 200);
+    EXPECT_EQ(http->Get("/account", cookie)->body.find("/c/" + id), std::string::npos);
+    EXPECT_EQ(http->Get("/v1/me", bearer(token))->status, 401) << "the program is signed out too";
+}

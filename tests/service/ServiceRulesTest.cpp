@@ -1,6 +1,7 @@
 // The small rules the routes lean on, where a wrong edge would cost a client: byte ranges,
 // release order, the rate buckets, the texts people send.
 #include "service/ByteRange.h"
+#include "service/MultipartStream.h"
 #include "service/RateLimiter.h"
 #include "service/ReleaseVersion.h"
 #include "service/RequestBody.h"
@@ -81,4 +82,54 @@ TEST(ServiceRulesTest, TextsPeopleSend)
     EXPECT_EQ(form.at("code"), "AB-CD");
     EXPECT_EQ(form.at("email"), "a@b.c");
     EXPECT_EQ(form.at("password"), "p w&=");
+}
+
+TEST(ServiceRulesTest, MultipartPartsArriveWholeHoweverTheBodyIsCut)
+{
+    const std::string boundary = "Boundary-1F";
+    EXPECT_EQ(MultipartStream::boundaryOf("multipart/form-data; boundary=" + boundary), boundary);
+    EXPECT_EQ(MultipartStream::boundaryOf("multipart/form-data; boundary=\"a b\""), "a b");
+    EXPECT_EQ(MultipartStream::boundaryOf("application/json"), "");
+    // File bytes that look like the start of a boundary, without being one.
+    const std::string file =
+        "\r\n--Boundary-1\r\n-" + std::string(3000, '\0') + "\r\n--Boundary-1E";
+    const std::string body = "preamble\r\n--" + boundary +
+        "\r\nContent-Disposition: form-data; name=\"name\"\r\n\r\nMy clip\r\n--" + boundary +
+        "\r\ncontent-disposition: form-data; name=\"file\"; filename=\"a; b.mp4\"\r\n"
+        "Content-Type: video/mp4\r\n\r\n" +
+        file + "\r\n--" + boundary + "--\r\nepilogue";
+    for (const size_t piece : {size_t(1), size_t(7), size_t(4096), body.size()}) {
+        std::vector<MultipartStream::Part> parts;
+        std::vector<std::string> contents;
+        MultipartStream stream(
+            boundary,
+            [&](const MultipartStream::Part &part) {
+                parts.push_back(part);
+                contents.emplace_back();
+                return true;
+            },
+            [&](const char *data, size_t size) {
+                contents.back().append(data, size);
+                return true;
+            });
+        for (size_t at = 0; at < body.size(); at += piece)
+            ASSERT_TRUE(stream.feed(body.data() + at, std::min(piece, body.size() - at))) << piece;
+        EXPECT_TRUE(stream.complete()) << piece;
+        ASSERT_EQ(parts.size(), 2u) << piece;
+        EXPECT_EQ(parts[0].name, "name");
+        EXPECT_EQ(contents[0], "My clip");
+        EXPECT_EQ(parts[1].fileName, "a; b.mp4");
+        EXPECT_EQ(parts[1].contentType, "video/mp4");
+        EXPECT_EQ(contents[1], file) << piece;
+    }
+    MultipartStream cut(
+        boundary, [](const MultipartStream::Part &) { return true; },
+        [](const char *, size_t) { return true; });
+    EXPECT_TRUE(cut.feed(body.data(), body.size() / 2));
+    EXPECT_FALSE(cut.complete()) << "a body cut short never completes";
+    MultipartStream junk(
+        boundary, [](const MultipartStream::Part &) { return true; },
+        [](const char *, size_t) { return true; });
+    const std::string noDisposition = "--" + boundary + "\r\nContent-Type: x\r\n\r\nz";
+    EXPECT_FALSE(junk.feed(noDisposition.data(), noDisposition.size()));
 }
