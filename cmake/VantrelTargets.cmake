@@ -43,6 +43,14 @@ function(vantrel_test name)
     if("pulse" IN_LIST T_FIXTURES)
       list(APPEND env "PULSE_SERVER=${VANTREL_TEST_PULSE_SERVER}")
     endif()
+    if("service" IN_LIST T_FIXTURES)
+      list(APPEND env "VANTREL_TEST_SERVICE_URL=${VANTREL_TEST_SERVICE_URL}"
+        "VANTREL_TEST_SERVICE_CA=${VANTREL_TEST_SERVICE_CA}"
+        "VANTREL_TEST_SERVICE_DATA=${VANTREL_TEST_SERVICE_DATA}"
+        "VANTREL_TEST_SERVICE_BIN=${VANTREL_TEST_SERVICE_BIN}")
+      # The fixture starts the server binary, so a test of it needs it built.
+      add_dependencies(${name} vantrel-service)
+    endif()
     string(APPEND props " ENVIRONMENT [==[${env}]==]")
   endif()
   gtest_discover_tests(${name} DISCOVERY_MODE PRE_TEST TEST_LIST ${name}_TESTS
