@@ -161,7 +161,8 @@ void UpdateStore::applyOnLaunch()
 QCoro::Task<void> UpdateStore::runApplyOnLaunch()
 {
     QPointer<UpdateStore> self(this);
-    co_await load();
+    QCoro::Task<void> loaded = load();
+    co_await loaded;
     if (self && m_available && autoInstallUpdates())
         install();
 }
@@ -201,7 +202,8 @@ QCoro::Task<void> UpdateStore::runInstall(AppRelease release)
     QPointer<UpdateStore> self(this);
     QString failure;
     try {
-        co_await apply(std::move(release));
+        QCoro::Task<void> applied = apply(std::move(release));
+        co_await applied;
     } catch (const UpdateError &error) {
         failure = error.text();
     } catch (const std::exception &error) {
@@ -279,14 +281,17 @@ QCoro::Task<void> UpdateStore::apply(AppRelease release)
         ~Remover() { QFile::remove(path); }
     } remover {archive};
 
-    co_await download(release, archive);
+    // Every awaited operation is a named local: GCC 12 destroys temporaries of a co_await
+    // expression twice when it throws.
+    QCoro::Task<void> fetched = download(release, archive);
+    co_await fetched;
     if (self)
         setStatus(QStringLiteral("Installing…"));
     Log::system(QStringLiteral("update: downloaded %1 from %2")
                     .arg(release.version, release.url.toDisplayString()));
 
     const QByteArray signature = release.signature;
-    co_await SharedPool::task<void>([archive, signature, root] {
+    QFuture<void> installed = SharedPool::task<void>([archive, signature, root] {
         // Nothing in the archive is looked at before its signature holds.
         if (!ReleaseSignature::verify(archive, signature))
             throw UpdateError(UpdateError::cannotVerify());
@@ -294,6 +299,7 @@ QCoro::Task<void> UpdateStore::apply(AppRelease release)
             Log::system(QStringLiteral("update: %1").arg(QLatin1String(step)));
         });
     });
+    co_await installed;
     QFile::remove(archive);
     if (!self)
         co_return;
