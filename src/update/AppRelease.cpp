@@ -51,8 +51,8 @@ std::optional<AppRelease> AppRelease::fromCheckReply(const QByteArray &body, con
     AppRelease release;
     release.version = version.toString();
     const QJsonValue notes = reply.value(QLatin1String("notes"));
-    release.notes = notes.isString() ? notes.toString()
-                                     : QStringLiteral("Bug fixes and improvements.");
+    release.notes =
+        notes.isString() ? notes.toString() : QStringLiteral("Bug fixes and improvements.");
     QString location = reply.value(QLatin1String("linux_url")).toString();
     if (location.isEmpty())
         location = defaultPath();

@@ -14,7 +14,8 @@ namespace ArchiveInstall {
 
 int run(const QString &archive, const QString &signaturePath, QTextStream &out, QTextStream &err)
 {
-    const QString sigPath = signaturePath.isEmpty() ? archive + QStringLiteral(".sig") : signaturePath;
+    const QString sigPath =
+        signaturePath.isEmpty() ? archive + QStringLiteral(".sig") : signaturePath;
     QFile sigFile(sigPath);
     if (!QFileInfo(archive).isFile()) {
         err << "vantrel: " << archive << ": no such file\n";
@@ -49,8 +50,8 @@ int run(const QString &archive, const QString &signaturePath, QTextStream &out, 
     const QString bin = QDir::homePath() + QStringLiteral("/.local/bin");
     const QStringList path = qEnvironmentVariable("PATH").split(QLatin1Char(':'));
     if (!path.contains(bin) && !path.contains(bin + QLatin1Char('/')))
-        out << "Start it from the desktop's launcher, or as " << root
-            << "/bin/vantrel (" << bin << " is not on your PATH).\n";
+        out << "Start it from the desktop's launcher, or as " << root << "/bin/vantrel (" << bin
+            << " is not on your PATH).\n";
     else
         out << "Start it from the desktop's launcher or with the command vantrel.\n";
     return 0;

@@ -21,8 +21,8 @@ bool writeAtomically(const QString &path, const QByteArray &contents)
 {
     QDir().mkpath(QFileInfo(path).absolutePath());
     QSaveFile file(path);
-    return file.open(QIODevice::WriteOnly) && file.write(contents) == contents.size()
-        && file.commit();
+    return file.open(QIODevice::WriteOnly) && file.write(contents) == contents.size() &&
+        file.commit();
 }
 
 // ~/.local/bin/vantrel becomes a link to the copy; a file there that is not a link is someone
@@ -37,9 +37,9 @@ QString linkCommand(const QString &root)
     QDir().mkpath(bin);
     const QString temporary = link + QStringLiteral(".new");
     QFile::remove(temporary);
-    if (!QFile::link(root + QStringLiteral("/bin/vantrel"), temporary)
-        || ::rename(QFile::encodeName(temporary).constData(), QFile::encodeName(link).constData())
-            != 0) {
+    if (!QFile::link(root + QStringLiteral("/bin/vantrel"), temporary) ||
+        ::rename(QFile::encodeName(temporary).constData(), QFile::encodeName(link).constData()) !=
+            0) {
         QFile::remove(temporary);
         return QStringLiteral("could not link %1").arg(link);
     }
@@ -60,7 +60,8 @@ QString installDesktopEntry(const QString &root)
         if (line.startsWith("Exec=") || line.startsWith("TryExec=")) {
             const QByteArray key = line.left(line.indexOf('=') + 1);
             const int space = line.indexOf(' ');
-            const QByteArray arguments = space > 0 && key == "Exec=" ? line.mid(space) : QByteArray();
+            const QByteArray arguments =
+                space > 0 && key == "Exec=" ? line.mid(space) : QByteArray();
             line = key + '"' + program.toUtf8() + '"' + arguments;
         }
     }
@@ -78,8 +79,8 @@ QString installIcons(const QString &root)
     while (it.hasNext()) {
         const QString path = it.next();
         QFile file(path);
-        if (!file.open(QIODevice::ReadOnly)
-            || !writeAtomically(to + path.mid(from.size()), file.readAll()))
+        if (!file.open(QIODevice::ReadOnly) ||
+            !writeAtomically(to + path.mid(from.size()), file.readAll()))
             return QStringLiteral("could not install the icon %1").arg(path);
     }
     return {};
@@ -140,19 +141,22 @@ bool setDefaultHandler(const QString &path, const QString &mimeType, const QStri
 QStringList install(const QString &root)
 {
     QStringList problems;
-    for (const QString &problem : {linkCommand(root), installDesktopEntry(root), installIcons(root)}) {
+    for (const QString &problem :
+         {linkCommand(root), installDesktopEntry(root), installIcons(root)}) {
         if (!problem.isEmpty())
             problems << problem;
     }
     const QString mimeApps =
-        QStandardPaths::writableLocation(QStandardPaths::GenericConfigLocation)
-        + QStringLiteral("/mimeapps.list");
+        QStandardPaths::writableLocation(QStandardPaths::GenericConfigLocation) +
+        QStringLiteral("/mimeapps.list");
     if (!setDefaultHandler(mimeApps, QStringLiteral("x-scheme-handler/vantrel"), desktopFileName))
         problems << QStringLiteral("could not write %1").arg(mimeApps);
     // Launchers that read the cache see the new entry at once; the others find it themselves.
-    const QString updater = QStandardPaths::findExecutable(QStringLiteral("update-desktop-database"));
+    const QString updater =
+        QStandardPaths::findExecutable(QStringLiteral("update-desktop-database"));
     if (!updater.isEmpty())
-        QProcess::execute(updater, {QStringLiteral("-q"), dataHome() + QStringLiteral("/applications")});
+        QProcess::execute(updater,
+                          {QStringLiteral("-q"), dataHome() + QStringLiteral("/applications")});
     return problems;
 }
 

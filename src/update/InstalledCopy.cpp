@@ -57,8 +57,7 @@ private:
 bool renameFolders(const QString &from, const QString &to, unsigned flags)
 {
     return ::renameat2(AT_FDCWD, QFile::encodeName(from).constData(), AT_FDCWD,
-                       QFile::encodeName(to).constData(), flags)
-        == 0;
+                       QFile::encodeName(to).constData(), flags) == 0;
 }
 
 // Puts `newCopy` at `root`. The exchange is one step: `root` is the old copy, then the new one,
@@ -96,9 +95,9 @@ bool replaceable(const QString &root)
         return true;
     if (!info.isDir() || info.isSymLink())
         return false;
-    return QDir(root).isEmpty(QDir::AllEntries | QDir::NoDotAndDotDot | QDir::Hidden)
-        || QFileInfo(root + QStringLiteral("/bin/vantrel")).isFile()
-        || QFileInfo(root + QStringLiteral("/VERSION")).isFile();
+    return QDir(root).isEmpty(QDir::AllEntries | QDir::NoDotAndDotDot | QDir::Hidden) ||
+        QFileInfo(root + QStringLiteral("/bin/vantrel")).isFile() ||
+        QFileInfo(root + QStringLiteral("/VERSION")).isFile();
 }
 
 void cleanLocked(const QString &parent, const QString &root)
@@ -108,9 +107,10 @@ void cleanLocked(const QString &parent, const QString &root)
     for (const QString &name : leftovers) {
         const QString staging = parent + QLatin1Char('/') + name;
         const QString previous = staging + QLatin1Char('/') + previousName;
-        if (!QFileInfo::exists(root) && QFileInfo(previous).isDir()
-            && renameFolders(previous, root, RENAME_NOREPLACE))
-            Log::system(QStringLiteral("update: restored %1 after an interrupted install").arg(root));
+        if (!QFileInfo::exists(root) && QFileInfo(previous).isDir() &&
+            renameFolders(previous, root, RENAME_NOREPLACE))
+            Log::system(
+                QStringLiteral("update: restored %1 after an interrupted install").arg(root));
         if (!QDir(staging).removeRecursively())
             Log::system(QStringLiteral("update: could not remove %1").arg(staging));
     }
@@ -152,16 +152,16 @@ void installFrom(const QString &archive, const QString &rootPath, const StepObse
         throw UpdateError(QStringLiteral("Couldn’t create %1.").arg(parent));
     FolderLock lock(parent, true);
     if (!lock.held())
-        throw UpdateError(
-            QStringLiteral("Couldn’t open %1: %2").arg(parent, systemError(errno)));
+        throw UpdateError(QStringLiteral("Couldn’t open %1: %2").arg(parent, systemError(errno)));
     cleanLocked(parent, root);
     if (!replaceable(root))
-        throw UpdateError(QStringLiteral("Couldn’t replace %1: it is not a copy of Vantrel.").arg(root));
+        throw UpdateError(
+            QStringLiteral("Couldn’t replace %1: it is not a copy of Vantrel.").arg(root));
 
     QByteArray pattern = QFile::encodeName(parent + QLatin1Char('/') + stagingPrefix + "XXXXXX");
     if (!::mkdtemp(pattern.data()))
-        throw UpdateError(
-            QStringLiteral("Couldn’t prepare the update in %1: %2").arg(parent, systemError(errno)));
+        throw UpdateError(QStringLiteral("Couldn’t prepare the update in %1: %2")
+                              .arg(parent, systemError(errno)));
     const QString staging = QFile::decodeName(pattern);
     // Whatever happens from here, the staging folder goes; after a swap it holds the old copy.
     struct Remover

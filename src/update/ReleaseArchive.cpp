@@ -89,11 +89,11 @@ void unpack(const QString &archivePath, const QString &into)
     // (Absolute names are refused below: the paths handed to the writer are absolute by design,
     // the staging folder's own, since a threaded program cannot change into it.)
     archive_write_disk_set_options(out.get(),
-                                   ARCHIVE_EXTRACT_TIME | ARCHIVE_EXTRACT_PERM
-                                       | ARCHIVE_EXTRACT_SECURE_NODOTDOT
-                                       | ARCHIVE_EXTRACT_SECURE_SYMLINKS);
-    if (archive_read_open_filename(in.get(), QFile::encodeName(archivePath).constData(), 1 << 16)
-        != ARCHIVE_OK)
+                                   ARCHIVE_EXTRACT_TIME | ARCHIVE_EXTRACT_PERM |
+                                       ARCHIVE_EXTRACT_SECURE_NODOTDOT |
+                                       ARCHIVE_EXTRACT_SECURE_SYMLINKS);
+    if (archive_read_open_filename(in.get(), QFile::encodeName(archivePath).constData(), 1 << 16) !=
+        ARCHIVE_OK)
         refuse(QString::fromUtf8(archive_error_string(in.get())));
 
     const QString base = QDir(into).absolutePath() + QLatin1Char('/');

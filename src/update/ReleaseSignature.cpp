@@ -47,14 +47,13 @@ bool verify(const QString &path, const QByteArray &signature, const QByteArray &
         EVP_PKEY_ED25519, nullptr, reinterpret_cast<const unsigned char *>(publicKey.constData()),
         size_t(publicKey.size())));
     std::unique_ptr<EVP_MD_CTX, MdCtxFree> context(EVP_MD_CTX_new());
-    if (!key || !context
-        || EVP_DigestVerifyInit(context.get(), nullptr, nullptr, nullptr, key.get()) != 1)
+    if (!key || !context ||
+        EVP_DigestVerifyInit(context.get(), nullptr, nullptr, nullptr, key.get()) != 1)
         return false;
     static const unsigned char empty = 0;
     return EVP_DigestVerify(context.get(),
                             reinterpret_cast<const unsigned char *>(signature.constData()),
-                            size_t(signature.size()), data ? data : &empty, size_t(size))
-        == 1;
+                            size_t(signature.size()), data ? data : &empty, size_t(size)) == 1;
 }
 
 } // namespace ReleaseSignature

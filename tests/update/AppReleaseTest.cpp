@@ -10,13 +10,13 @@ TEST(AppReleaseTest, VersionsCompareByTheirNumbersFromTheLeft)
         const char *a, *b;
         bool newer;
     };
-    for (const Case &c : {Case {"1.1.3", "1.1.3", false}, Case {"1.2", "1.1.3", true},
-                          Case {"2.0-beta", "1.1.3", true}, Case {"v2", "1.1.3", false},
-                          Case {"1.1.10", "1.1.3", true}, Case {"1.1.3", "1.1.10", false},
-                          Case {"1.1.3.0", "1.1.3", false}, Case {"1.1.3.1", "1.1.3", true},
-                          Case {"1.2.3-beta", "1.2", false}, Case {"1..2", "1.1", true},
-                          Case {"", "0", false}, Case {"1.2", "", true},
-                          Case {"1.99999999999999999999", "1.5", false}})
+    for (const Case &c :
+         {Case {"1.1.3", "1.1.3", false}, Case {"1.2", "1.1.3", true},
+          Case {"2.0-beta", "1.1.3", true}, Case {"v2", "1.1.3", false},
+          Case {"1.1.10", "1.1.3", true}, Case {"1.1.3", "1.1.10", false},
+          Case {"1.1.3.0", "1.1.3", false}, Case {"1.1.3.1", "1.1.3", true},
+          Case {"1.2.3-beta", "1.2", false}, Case {"1..2", "1.1", true}, Case {"", "0", false},
+          Case {"1.2", "", true}, Case {"1.99999999999999999999", "1.5", false}})
         EXPECT_EQ(UpdateStore::newer(QString::fromLatin1(c.a), QString::fromLatin1(c.b)), c.newer)
             << c.a << " against " << c.b;
 }
@@ -37,7 +37,8 @@ TEST(AppReleaseTest, CheckRepliesGiveNotesLocationAndSignature)
     EXPECT_EQ(full->signature, QByteArray("\x00\x01\x02\x03", 4));
 
     // Defaults: notes, and the archive's usual place against the base URL.
-    const QString fallback = QStringLiteral("https://vantrel.example/download/Vantrel-linux-x86_64.tar.gz");
+    const QString fallback =
+        QStringLiteral("https://vantrel.example/download/Vantrel-linux-x86_64.tar.gz");
     const auto bare = read(R"({"version":"1.2.0","notes":7,"linux_url":""})");
     ASSERT_TRUE(bare);
     EXPECT_EQ(bare->notes, "Bug fixes and improvements.");
@@ -46,8 +47,9 @@ TEST(AppReleaseTest, CheckRepliesGiveNotesLocationAndSignature)
     EXPECT_EQ(read(R"({"version":"1.2.0","linux_url":5})")->url.toString(), fallback);
 
     // An absolute location is taken as it is; one starting with "http" that is no URL falls back.
-    EXPECT_EQ(read(R"({"version":"1","linux_url":"https://cdn.example/a/V.tar.gz"})")->url.toString(),
-              "https://cdn.example/a/V.tar.gz");
+    EXPECT_EQ(
+        read(R"({"version":"1","linux_url":"https://cdn.example/a/V.tar.gz"})")->url.toString(),
+        "https://cdn.example/a/V.tar.gz");
     EXPECT_EQ(read(R"({"version":"1","linux_url":"http://exa mple/V"})")->url.toString(), fallback);
     EXPECT_EQ(read(R"({"version":"1","linux_url":"https:no-host"})")->url.toString(), fallback);
     // A relative one without a slash resolves against the base too.

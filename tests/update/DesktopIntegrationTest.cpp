@@ -38,7 +38,8 @@ TEST_F(DesktopIntegrationTest, TheCommandLauncherAndLinksReachTheInstalledCopy)
 
     const QString entry =
         readTextFile(home() + QStringLiteral("/.local/share/applications/vantrel.desktop"));
-    EXPECT_TRUE(entry.contains(QStringLiteral("\nExec=\"") + root + QStringLiteral("/bin/vantrel\" %u\n")))
+    EXPECT_TRUE(
+        entry.contains(QStringLiteral("\nExec=\"") + root + QStringLiteral("/bin/vantrel\" %u\n")))
         << entry.toStdString();
     EXPECT_TRUE(entry.contains(QStringLiteral("MimeType=x-scheme-handler/vantrel;")));
     EXPECT_TRUE(QFileInfo::exists(
@@ -60,9 +61,10 @@ TEST_F(DesktopIntegrationTest, TheCommandLauncherAndLinksReachTheInstalledCopy)
 
     // A mimeapps.list without the section gets one.
     const QString fresh = home() + QStringLiteral("/fresh.list");
-    ASSERT_TRUE(DesktopIntegration::setDefaultHandler(fresh, QStringLiteral("x-scheme-handler/vantrel"),
-                                                      QStringLiteral("vantrel.desktop")));
-    EXPECT_EQ(readTextFile(fresh), "[Default Applications]\nx-scheme-handler/vantrel=vantrel.desktop\n");
+    ASSERT_TRUE(DesktopIntegration::setDefaultHandler(
+        fresh, QStringLiteral("x-scheme-handler/vantrel"), QStringLiteral("vantrel.desktop")));
+    EXPECT_EQ(readTextFile(fresh),
+              "[Default Applications]\nx-scheme-handler/vantrel=vantrel.desktop\n");
 }
 
 } // namespace

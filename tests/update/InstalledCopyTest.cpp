@@ -70,11 +70,10 @@ TEST_F(InstalledCopyTest, AKilledInstallLeavesARunnableCopyAndTheNextOneCleansUp
         {"staged", "Vantrel 1.1.3"}, {"unpacked", "Vantrel 1.1.3"}, {"swapped", "Vantrel 1.2.0"}};
     for (const auto &[step, expected] : stops) {
         {
-            ChildProcess install({VANTREL_INSTALL_STEP, newArchive().toStdString(),
-                                  root.toStdString(), step});
+            ChildProcess install(
+                {VANTREL_INSTALL_STEP, newArchive().toStdString(), root.toStdString(), step});
             std::optional<std::string> line;
-            while ((line = install.readLine(60s)) && *line != step) {
-            }
+            while ((line = install.readLine(60s)) && *line != step) { }
             ASSERT_EQ(line, step);
             install.signal(SIGKILL);
             EXPECT_EQ(install.wait(10s), 128 + SIGKILL);

@@ -82,7 +82,8 @@ TEST_F(ReleaseArchiveTest, OnlyPlainFilesAndFoldersInsideTheFolderAreUnpacked)
         return entries;
     };
     EXPECT_EQ(unpackError(with({QStringLiteral("../evil"), TarEntry::file, "x"})), refused);
-    EXPECT_EQ(unpackError(with({QStringLiteral("Vantrel/../../evil"), TarEntry::file, "x"})), refused);
+    EXPECT_EQ(unpackError(with({QStringLiteral("Vantrel/../../evil"), TarEntry::file, "x"})),
+              refused);
     EXPECT_EQ(unpackError(with({outside, TarEntry::file, "x"})), refused);
     EXPECT_FALSE(QFileInfo::exists(outside));
 
@@ -95,17 +96,26 @@ TEST_F(ReleaseArchiveTest, OnlyPlainFilesAndFoldersInsideTheFolderAreUnpacked)
               refused);
     EXPECT_FALSE(QFileInfo::exists(outside));
     // Even a link that stays inside, and hard links of any kind.
-    EXPECT_EQ(unpackError(with({QStringLiteral("Vantrel/v"), TarEntry::symlink, {}, QStringLiteral("bin")})),
+    EXPECT_EQ(unpackError(with(
+                  {QStringLiteral("Vantrel/v"), TarEntry::symlink, {}, QStringLiteral("bin")})),
               refused);
-    EXPECT_EQ(unpackError(with({QStringLiteral("Vantrel/h"), TarEntry::hardlink, {},
+    EXPECT_EQ(unpackError(with({QStringLiteral("Vantrel/h"),
+                                TarEntry::hardlink,
+                                {},
                                 QStringLiteral("Vantrel/VERSION")})),
               refused);
     EXPECT_EQ(unpackError({}), refused);
 
     // Set-id bits and permissions for others are not kept.
-    EXPECT_EQ(unpackError(with({QStringLiteral("Vantrel/bin/helper"), TarEntry::file, "x", {}, 06777})), "");
-    struct stat info {};
-    ASSERT_EQ(::stat(QFile::encodeName(path(QStringLiteral("into/Vantrel/bin/helper"))).constData(), &info), 0);
+    EXPECT_EQ(
+        unpackError(with({QStringLiteral("Vantrel/bin/helper"), TarEntry::file, "x", {}, 06777})),
+        "");
+    struct stat info
+    {
+    };
+    ASSERT_EQ(::stat(QFile::encodeName(path(QStringLiteral("into/Vantrel/bin/helper"))).constData(),
+                     &info),
+              0);
     EXPECT_EQ(info.st_mode & 07777, 0755u);
 
     // A damaged archive: the real release cut in half, and bytes that are no archive.
@@ -118,8 +128,9 @@ TEST_F(ReleaseArchiveTest, OnlyPlainFilesAndFoldersInsideTheFolderAreUnpacked)
     cut.close();
     QDir().mkpath(path(QStringLiteral("cut")));
     EXPECT_THROW(ReleaseArchive::unpack(truncated, path(QStringLiteral("cut"))), UpdateError);
-    EXPECT_THROW(ReleaseArchive::unpack(newArchive() + QStringLiteral(".sig"), path(QStringLiteral("cut"))),
-                 UpdateError);
+    EXPECT_THROW(
+        ReleaseArchive::unpack(newArchive() + QStringLiteral(".sig"), path(QStringLiteral("cut"))),
+        UpdateError);
 }
 
 TEST_F(ReleaseArchiveTest, TheProgramIsTheFirstFolderWithAnExecutableBinVantrel)

@@ -59,13 +59,17 @@ protected:
         for (const QString &entry : entries) {
             bool number = false;
             const pid_t pid = entry.toInt(&number);
-            if (number && QFileInfo(QStringLiteral("/proc/%1/exe").arg(pid)).symLinkTarget() == program)
+            if (number &&
+                QFileInfo(QStringLiteral("/proc/%1/exe").arg(pid)).symLinkTarget() == program)
                 pids << pid;
         }
         return pids;
     }
 
-    QString log() const { return readTextFile(stateHome() + QStringLiteral("/Vantrel/Vantrel.log")); }
+    QString log() const
+    {
+        return readTextFile(stateHome() + QStringLiteral("/Vantrel/Vantrel.log"));
+    }
 
     ReleaseServer server;
     QString root;
@@ -97,8 +101,8 @@ TEST_F(UpdateEndToEndTest, ANewerReleaseIsInstalledAtLaunchAndTheNewCopyRuns)
     EXPECT_EQ(old.exitCode(), 0);
 
     // The new copy starts a second after the old one has gone.
-    ASSERT_TRUE(QTest::qWaitFor([this] { return log().contains(QStringLiteral("launched version 1.2.0")); },
-                                30000))
+    ASSERT_TRUE(QTest::qWaitFor(
+        [this] { return log().contains(QStringLiteral("launched version 1.2.0")); }, 30000))
         << log().toStdString();
     const QList<pid_t> running = copiesRunning();
     ASSERT_EQ(running.size(), 1);
@@ -112,7 +116,8 @@ TEST_F(UpdateEndToEndTest, ANewerReleaseIsInstalledAtLaunchAndTheNewCopyRuns)
     EXPECT_TRUE(downloading >= 0 && downloading < installing && installing < restarting)
         << text.toStdString();
     EXPECT_EQ(server.hits("/download/Vantrel-1.2.0-linux-x86_64.tar.gz"), 1);
-    EXPECT_EQ(entriesBeside(home() + QStringLiteral("/opt"), QStringLiteral("Vantrel")), QStringList());
+    EXPECT_EQ(entriesBeside(home() + QStringLiteral("/opt"), QStringLiteral("Vantrel")),
+              QStringList());
     EXPECT_EQ(QDir(tempFolder()).entryList({QStringLiteral("Vantrel-update*")}), QStringList());
 
     // The new copy checks too, and finds itself up to date.

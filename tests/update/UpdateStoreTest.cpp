@@ -116,7 +116,7 @@ TEST_F(UpdateStoreTest, EveryFailedInstallKeepsTheCopyWholeAndLeavesNothing)
     {
         const char *what;
         std::vector<TarEntry> entries; // a stand-in archive, or the real new release when empty
-        bool cut = false;              // the real release cut in half
+        bool cut = false; // the real release cut in half
         bool wrongSignature = false;
         int downloadStatus = 200;
         bool readOnly = false;
@@ -141,7 +141,13 @@ TEST_F(UpdateStoreTest, EveryFailedInstallKeepsTheCopyWholeAndLeavesNothing)
         {"link out", linkOut, false, false, 200, false, refused},
         {"no bin/vantrel", empty, false, false, 200, false, UpdateError::noAppInside()},
         {"404", {}, false, false, 404, false, UpdateError::cannotDownload()},
-        {"read-only prefix", {}, false, false, 200, true, QStringLiteral("Couldn’t prepare the update in ")},
+        {"read-only prefix",
+         {},
+         false,
+         false,
+         200,
+         true,
+         QStringLiteral("Couldn’t prepare the update in ")},
     };
     for (const Case &c : cases) {
         SCOPED_TRACE(c.what);

@@ -72,8 +72,11 @@ std::vector<TarEntry> standInRelease(const QString &version)
 {
     return {{QStringLiteral("Vantrel"), TarEntry::folder, {}, {}, 0755},
             {QStringLiteral("Vantrel/bin"), TarEntry::folder, {}, {}, 0755},
-            {QStringLiteral("Vantrel/bin/vantrel"), TarEntry::file,
-             "#!/bin/sh\necho Vantrel " + version.toUtf8() + "\n", {}, 0755},
+            {QStringLiteral("Vantrel/bin/vantrel"),
+             TarEntry::file,
+             "#!/bin/sh\necho Vantrel " + version.toUtf8() + "\n",
+             {},
+             0755},
             {QStringLiteral("Vantrel/VERSION"), TarEntry::file, version.toUtf8() + "\n", {}, 0644}};
 }
 
@@ -88,8 +91,8 @@ QString versionOf(const QString &root)
 
 QStringList entriesBeside(const QString &folder, const QString &except)
 {
-    QStringList names =
-        QDir(folder).entryList(QDir::AllEntries | QDir::NoDotAndDotDot | QDir::Hidden | QDir::System);
+    QStringList names = QDir(folder).entryList(QDir::AllEntries | QDir::NoDotAndDotDot |
+                                               QDir::Hidden | QDir::System);
     names.removeAll(except);
     return names;
 }
@@ -122,18 +125,18 @@ ReleaseServer::ReleaseServer()
         response.status = m_versionStatus;
         response.set_content(m_versionBody.toStdString(), "application/json");
     });
-    m_server->Get(R"(/download/(.+))", [this](const httplib::Request &request,
-                                             httplib::Response &response) {
-        std::scoped_lock lock(m_mutex);
-        ++m_hits[request.path];
-        const auto file = m_files.find(request.matches[1].str());
-        if (file == m_files.end() || m_downloadStatus != 200) {
-            response.status = file == m_files.end() ? 404 : m_downloadStatus.load();
-            response.set_content("not here", "text/plain");
-            return;
-        }
-        response.set_content(file->second.toStdString(), "application/gzip");
-    });
+    m_server->Get(R"(/download/(.+))",
+                  [this](const httplib::Request &request, httplib::Response &response) {
+                      std::scoped_lock lock(m_mutex);
+                      ++m_hits[request.path];
+                      const auto file = m_files.find(request.matches[1].str());
+                      if (file == m_files.end() || m_downloadStatus != 200) {
+                          response.status = file == m_files.end() ? 404 : m_downloadStatus.load();
+                          response.set_content("not here", "text/plain");
+                          return;
+                      }
+                      response.set_content(file->second.toStdString(), "application/gzip");
+                  });
     // One request per connection: a kept-alive one would hold stop() for its whole time-out.
     m_server->set_keep_alive_max_count(1);
     m_port = m_server->bind_to_any_port("127.0.0.1");

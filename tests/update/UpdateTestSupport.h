@@ -29,14 +29,17 @@ struct TarEntry
     enum Kind { file, folder, symlink, hardlink };
     TarEntry(QString name, Kind kind = file, QByteArray data = {}, QString target = {},
              int perm = 0644)
-        : name(std::move(name)), kind(kind), data(std::move(data)), target(std::move(target)),
-          perm(perm)
+        : name(std::move(name))
+        , kind(kind)
+        , data(std::move(data))
+        , target(std::move(target))
+        , perm(perm)
     {
     }
     QString name;
     Kind kind;
     QByteArray data; // a file's contents
-    QString target;  // a link's target
+    QString target; // a link's target
     int perm;
 };
 // Writes a gzip-compressed tar of `entries`, in order, names exactly as given.
