@@ -19,8 +19,10 @@ QString command(const QString &executable, std::chrono::milliseconds delay, long
     const QString seconds = delay.count() % 1000 == 0
         ? QString::number(delay.count() / 1000)
         : QString::number(double(delay.count()) / 1000.0, 'f', 3);
-    return QStringLiteral("sleep %1; i=0; while [ $i -lt 50 ] && kill -0 %2 2>/dev/null; do "
-                          "sleep 0.2; i=$((i+1)); done; exec '%3'")
+    // Gone means no process or only its zombie (a parent that has not reaped it yet).
+    return QStringLiteral("sleep %1; i=0; while [ $i -lt 100 ] && [ -r /proc/%2/stat ] && "
+                          "[ \"$(sed 's/.*) //; s/ .*//' /proc/%2/stat 2>/dev/null)\" != Z ]; do "
+                          "sleep 0.1; i=$((i+1)); done; exec '%3'")
         .arg(seconds)
         .arg(waitForPid)
         .arg(quoted);
