@@ -3,7 +3,6 @@
 #include "support/TestEnvironment.h"
 
 #include <QDir>
-#include <QDirIterator>
 #include <QFile>
 #include <QFileInfo>
 #include <QProcess>
