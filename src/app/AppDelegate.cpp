@@ -11,6 +11,7 @@
 #include "capture/RecorderError.h"
 #include "core/Log.h"
 #include "core/Preferences.h"
+#include "core/ProgramVersion.h"
 #include "core/SharedPool.h"
 #include "input/ClipHotkey.h"
 #include "input/HotkeyManager.h"
@@ -113,7 +114,7 @@ bool AppDelegate::applicationDidFinishLaunching(const QStringList &links)
             });
 
     // Marks where this run begins in the log.
-    ClipEngine::log(QStringLiteral("launched version %1").arg(QStringLiteral(VANTREL_VERSION)));
+    ClipEngine::log(QStringLiteral("launched version %1").arg(ProgramVersion::current()));
     // Paths::recordings() creates the folder when it is missing.
     m_library = std::make_unique<ClipLibrary>(m_model, Paths::recordings());
     PermissionOnce::rememberExistingPrompts();
