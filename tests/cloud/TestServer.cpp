@@ -1,5 +1,9 @@
 #include "TestServer.h"
 
+#include "cloud/SharedNetwork.h"
+
+#include <QNetworkAccessManager>
+
 #include <gtest/gtest.h>
 
 #include <chrono>
@@ -13,6 +17,8 @@ std::string TestServer::Seen::header(const std::string &name) const
 
 TestServer::~TestServer()
 {
+    // The server's threads wait out a kept-alive connection (5 s) unless the client lets go.
+    SharedNetwork::manager().clearConnectionCache();
     // stop() does nothing until the accept loop runs, so wait for that first.
     for (int i = 0; i < 500 && m_thread.joinable() && !m_server.is_running(); ++i)
         std::this_thread::sleep_for(std::chrono::milliseconds(10));
