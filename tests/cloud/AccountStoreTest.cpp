@@ -23,25 +23,27 @@ protected:
     void SetUp() override
     {
         TempHomeTest::SetUp();
-        server.http().Post("/v1/auth/device", [this](const httplib::Request &request,
-                                                     httplib::Response &response) {
-            server.record(request);
-            const std::string code = "CODE" + std::to_string(++codes);
-            response.set_content(R"({"code":")" + code + R"(","url":")" +
-                                     server.url().toStdString() + "/device?code=" + code + "\"}",
-                                 "application/json");
-        });
-        server.http().Get(R"(/v1/auth/device/(\w+))", [this](const httplib::Request &request,
-                                                             httplib::Response &response) {
-            server.record(request);
-            const int poll = ++polls;
-            if (poll > pendingPolls) {
-                response.set_content(R"({"token":"tok-)" + request.matches[1].str() + "\"}",
-                                     "application/json");
-            } else {
-                response.status = 204;
-            }
-        });
+        server.http().Post("/v1/auth/device",
+                           [this](const httplib::Request &request, httplib::Response &response) {
+                               server.record(request);
+                               const std::string code = "CODE" + std::to_string(++codes);
+                               response.set_content(R"({"code":")" + code + R"(","url":")" +
+                                                        server.url().toStdString() +
+                                                        "/device?code=" + code + "\"}",
+                                                    "application/json");
+                           });
+        server.http().Get(R"(/v1/auth/device/(\w+))",
+                          [this](const httplib::Request &request, httplib::Response &response) {
+                              server.record(request);
+                              const int poll = ++polls;
+                              if (poll > pendingPolls) {
+                                  response.set_content(R"({"token":"tok-)" +
+                                                           request.matches[1].str() + "\"}",
+                                                       "application/json");
+                              } else {
+                                  response.status = 204;
+                              }
+                          });
         server.http().Get("/v1/me", [this](const httplib::Request &, httplib::Response &response) {
             std::this_thread::sleep_for(std::chrono::milliseconds(meDelayMs));
             response.set_content(R"({"name":"Ada","discord_linked":true})", "application/json");
@@ -139,13 +141,14 @@ TEST_F(AccountStoreTest, FailuresOfTheFlowShowTheirTextAndEndIt)
 {
     TestServer broken;
     int round = 0;
-    broken.http().Post("/v1/auth/device", [&](const httplib::Request &, httplib::Response &response) {
-        if (round++ == 0)
-            response.set_content(R"({"code":"X1"})", "application/json");
-        else
-            response.set_content(R"({"code":"X2","url":"https://svc.test/device?code=X2"})",
-                                 "application/json");
-    });
+    broken.http().Post(
+        "/v1/auth/device", [&](const httplib::Request &, httplib::Response &response) {
+            if (round++ == 0)
+                response.set_content(R"({"code":"X1"})", "application/json");
+            else
+                response.set_content(R"({"code":"X2","url":"https://svc.test/device?code=X2"})",
+                                     "application/json");
+        });
     broken.answer("GET", "/v1/auth/device/X2", 410, R"({"detail":"This code has expired."})");
     broken.start();
     AccountStore &account = AccountStore::shared();

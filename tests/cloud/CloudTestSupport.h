@@ -10,6 +10,7 @@
 #include <optional>
 #include <ostream>
 #include <string>
+#include <type_traits>
 
 #include <qcoro/qcorotask.h>
 
@@ -38,12 +39,23 @@ struct Outcome
 
 namespace detail {
 
+template<typename T> struct Settled
+{
+    std::optional<T> value;
+};
+template<> struct Settled<void>
+{
+};
+
 template<typename T>
-QCoro::Task<void> settle(QCoro::Task<T> task, std::optional<T> &result, std::exception_ptr &error,
+QCoro::Task<void> settle(QCoro::Task<T> task, Settled<T> &result, std::exception_ptr &error,
                          bool &done, QEventLoop &loop)
 {
     try {
-        result = co_await task;
+        if constexpr (std::is_void_v<T>)
+            co_await task;
+        else
+            result.value = co_await task;
     } catch (...) {
         error = std::current_exception();
     }
@@ -58,7 +70,7 @@ QCoro::Task<void> settle(QCoro::Task<T> task, std::optional<T> &result, std::exc
 template<typename T> T await(QCoro::Task<T> task)
 {
     QEventLoop loop;
-    std::optional<T> result;
+    detail::Settled<T> result;
     std::exception_ptr error;
     bool done = false;
     detail::settle(std::move(task), result, error, done, loop);
@@ -66,7 +78,8 @@ template<typename T> T await(QCoro::Task<T> task)
         loop.exec();
     if (error)
         std::rethrow_exception(error);
-    return std::move(*result);
+    if constexpr (!std::is_void_v<T>)
+        return std::move(*result.value);
 }
 
 // How the call ended.

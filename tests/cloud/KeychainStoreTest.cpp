@@ -37,7 +37,8 @@ void saveFromAnotherProcess(const std::string &token)
 QStringList filesHolding(const QString &folder, const QByteArray &secret)
 {
     QStringList found;
-    QDirIterator it(folder, QDir::Files | QDir::Hidden | QDir::System, QDirIterator::Subdirectories);
+    QDirIterator it(folder, QDir::Files | QDir::Hidden | QDir::System,
+                    QDirIterator::Subdirectories);
     while (it.hasNext()) {
         QFile file(it.next());
         if (file.open(QIODevice::ReadOnly) && file.readAll().contains(secret))
@@ -73,8 +74,8 @@ TEST_F(KeychainStoreTest, TheTokenLivesInTheSecretStoreAcrossProcessesAndNowhere
 
     const QString secret = QStringLiteral("tok-9f8e7d6c5b4a-secret");
     account.applyToken(secret);
-    EXPECT_TRUE(waitUntil([] { return storedInAnotherProcess() == "tok-9f8e7d6c5b4a-secret"; },
-                          10000));
+    EXPECT_TRUE(
+        waitUntil([] { return storedInAnotherProcess() == "tok-9f8e7d6c5b4a-secret"; }, 10000));
     ASSERT_TRUE(waitUntil([&] { return account.profile().has_value(); }, 5000));
     EXPECT_EQ(filesHolding(home(), secret.toUtf8()), QStringList());
 

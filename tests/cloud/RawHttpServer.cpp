@@ -2,8 +2,7 @@
 
 #include <QTcpSocket>
 
-RawHttpServer::RawHttpServer(QList<Reply> replies)
-    : m_replies(std::move(replies))
+RawHttpServer::RawHttpServer()
 {
     m_server.listen(QHostAddress::LocalHost);
     connect(&m_server, &QTcpServer::newConnection, this, [this] {
@@ -45,7 +44,10 @@ void RawHttpServer::read(QTcpSocket *socket)
     m_pending.remove(socket);
     m_requests << request;
 
-    const Reply reply = m_replies.value(std::min(m_requests.size(), m_replies.size()) - 1);
+    const QList<Reply> replies = m_replies.value(request.path);
+    const int index = m_answered[request.path]++;
+    const Reply reply = replies.isEmpty() ? Reply {404, {}}
+                                          : replies.value(std::min(index, int(replies.size()) - 1));
     socket->write("HTTP/1.1 " + QByteArray::number(reply.status) +
                   " Answer\r\nContent-Type: application/json\r\nContent-Length: " +
                   QByteArray::number(reply.body.size()) + "\r\nConnection: close\r\n\r\n" +

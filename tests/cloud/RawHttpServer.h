@@ -9,8 +9,9 @@
 class QTcpSocket;
 
 // An HTTP/1.1 server on 127.0.0.1 that keeps every request exactly as it arrived, body bytes
-// included, and answers each with the next of its replies (the last one repeats). It runs in the
-// test's own event loop. cpp-httplib cannot hand over a multipart body unparsed, hence this one.
+// included, and answers each with the next of the replies given for its path (the last one
+// repeats; a path without replies gets 404). It runs in the test's own event loop. cpp-httplib
+// cannot hand over a multipart body unparsed, hence this one.
 class RawHttpServer : public QObject
 {
     Q_OBJECT
@@ -28,7 +29,8 @@ public:
         QByteArray body;
     };
 
-    explicit RawHttpServer(QList<Reply> replies);
+    RawHttpServer();
+    void answer(const QByteArray &path, QList<Reply> replies) { m_replies[path] = replies; }
     QString url() const;
     const QList<Request> &requests() const { return m_requests; }
 
@@ -36,7 +38,8 @@ private:
     void read(QTcpSocket *socket);
 
     QTcpServer m_server;
-    QList<Reply> m_replies;
+    QMap<QByteArray, QList<Reply>> m_replies;
+    QMap<QByteArray, int> m_answered;
     QList<Request> m_requests;
     QMap<QTcpSocket *, QByteArray> m_pending;
 };

@@ -40,7 +40,8 @@ protected:
 
     RawHttpServer &serve(QList<RawHttpServer::Reply> replies)
     {
-        server = std::make_unique<RawHttpServer>(std::move(replies));
+        server = std::make_unique<RawHttpServer>();
+        server->answer("/v1/clips", std::move(replies));
         setenv("VANTREL_SERVICE_URL", server->url().toUtf8().constData(), 1);
         return *server;
     }

@@ -25,8 +25,8 @@ SecretService::SecretService(const std::string &dir, bool withKeyring)
         << runtime << "/bus</listen><auth>EXTERNAL</auth><policy context=\"default\">"
         << "<allow send_destination=\"*\" eavesdrop=\"true\"/><allow eavesdrop=\"true\"/>"
         << "<allow own=\"*\"/></policy></busconfig>\n";
-    m_bus = std::make_unique<ChildProcess>(std::vector<std::string> {"dbus-daemon", "--config-file=" + config,
-                                                                     "--nofork", "--print-address=1"});
+    m_bus = std::make_unique<ChildProcess>(std::vector<std::string> {
+        "dbus-daemon", "--config-file=" + config, "--nofork", "--print-address=1"});
     const std::optional<std::string> address = m_bus->readLine(10s);
     if (!address) {
         m_error = "dbus-daemon did not start";

@@ -20,7 +20,8 @@ QCoro::Task<void> run(int argc, char **argv, int &status)
         const std::optional<QString> token = KeychainStore::load();
         std::printf("%s\n", token ? qPrintable(*token) : "none");
     } else if (argc >= 3 && std::strcmp(argv[1], "save") == 0) {
-        std::printf("%s\n", co_await KeychainStore::save(QString::fromUtf8(argv[2])) ? "ok" : "failed");
+        std::printf("%s\n",
+                    co_await KeychainStore::save(QString::fromUtf8(argv[2])) ? "ok" : "failed");
     } else if (argc >= 2 && std::strcmp(argv[1], "remove") == 0) {
         std::printf("%s\n", co_await KeychainStore::remove() ? "ok" : "failed");
     } else {
