@@ -15,6 +15,7 @@
 #include <QFile>
 #include <QNetworkAccessManager>
 #include <QNetworkReply>
+#include <QProcess>
 #include <QRandomGenerator>
 #include <QUrlQuery>
 
@@ -88,16 +89,34 @@ TEST_F(ServiceFlowTest, SignInOnTheServicesPageThenShareAClipItServesBack)
     EXPECT_EQ(account.profile()->name, QStringLiteral("Flow Tester"));
     EXPECT_EQ(account.profile()->email, email);
 
-    // A clip of 3 MB and change, uploaded with the new token and fetched back.
+    // The service checks that an upload is an MP4 it can play, so this is a real one.
     const QString path = home() + QStringLiteral("/Clip 2026-02-03 04-05-06 ABCDEF.mp4");
-    QByteArray bytes(3 * 1024 * 1024 + 17, Qt::Uninitialized);
-    QRandomGenerator generator(11);
-    for (char &byte : bytes)
-        byte = char(generator.bounded(256));
+    QProcess ffmpeg;
+    ffmpeg.start(QStringLiteral("ffmpeg"),
+                 {QStringLiteral("-nostdin"),
+                  QStringLiteral("-v"),
+                  QStringLiteral("error"),
+                  QStringLiteral("-f"),
+                  QStringLiteral("lavfi"),
+                  QStringLiteral("-i"),
+                  QStringLiteral("testsrc2=size=640x360:rate=30"),
+                  QStringLiteral("-f"),
+                  QStringLiteral("lavfi"),
+                  QStringLiteral("-i"),
+                  QStringLiteral("sine=f=440"),
+                  QStringLiteral("-t"),
+                  QStringLiteral("3"),
+                  QStringLiteral("-c:v"),
+                  QStringLiteral("libx264"),
+                  QStringLiteral("-preset"),
+                  QStringLiteral("ultrafast"),
+                  QStringLiteral("-c:a"),
+                  QStringLiteral("aac"),
+                  path});
+    ASSERT_TRUE(ffmpeg.waitForFinished(60000) && ffmpeg.exitCode() == 0);
     QFile file(path);
-    ASSERT_TRUE(file.open(QIODevice::WriteOnly));
-    file.write(bytes);
-    file.close();
+    ASSERT_TRUE(file.open(QIODevice::ReadOnly));
+    const QByteArray bytes = file.readAll();
     const QString token = *account.token();
     const SharedClip shared = await(ClipCloud::upload(QUrl::fromLocalFile(path), token));
     EXPECT_EQ(shared.url.toString(), service.url + QStringLiteral("/c/") + shared.id);
