@@ -9,7 +9,6 @@
 #include "support/TestEnvironment.h"
 
 #include <QDir>
-#include <QDirIterator>
 #include <QElapsedTimer>
 #include <QFile>
 #include <QRandomGenerator>
@@ -23,18 +22,6 @@ QByteArray fileBytes(const QString &path)
 {
     QFile file(path);
     return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray();
-}
-
-QStringList filesHolding(const QString &folder, const QByteArray &secret)
-{
-    QStringList found;
-    QDirIterator it(folder, QDir::Files | QDir::Hidden, QDirIterator::Subdirectories);
-    while (it.hasNext()) {
-        const QString path = it.next();
-        if (fileBytes(path).contains(secret))
-            found << path;
-    }
-    return found;
 }
 
 class EndToEndShare : public TempHomeTest

@@ -10,7 +10,6 @@
 #include "support/SecretService.h"
 #include "support/TestEnvironment.h"
 
-#include <QDirIterator>
 #include <QFile>
 
 #include <fcntl.h>
@@ -31,20 +30,6 @@ void saveFromAnotherProcess(const std::string &token)
 {
     ChildProcess probe({VANTREL_KEYCHAIN_PROBE, "save", token});
     ASSERT_EQ(probe.readLine(10s), "ok");
-}
-
-// Files under `folder` whose bytes contain `secret`.
-QStringList filesHolding(const QString &folder, const QByteArray &secret)
-{
-    QStringList found;
-    QDirIterator it(folder, QDir::Files | QDir::Hidden | QDir::System,
-                    QDirIterator::Subdirectories);
-    while (it.hasNext()) {
-        QFile file(it.next());
-        if (file.open(QIODevice::ReadOnly) && file.readAll().contains(secret))
-            found << file.fileName();
-    }
-    return found;
 }
 
 class KeychainStoreTest : public TempHomeTest
