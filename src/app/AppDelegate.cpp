@@ -2,6 +2,7 @@
 
 #include "app/LoginItem.h"
 #include "app/MainMenu.h"
+#include "app/ShareActions.h"
 #include "app/SingleInstance.h"
 #include "app/StatusIcon.h"
 #include "app/WakeObserver.h"
@@ -9,6 +10,7 @@
 #include "capture/ClipSound.h"
 #include "capture/Paths.h"
 #include "capture/RecorderError.h"
+#include "cloud/AccountStore.h"
 #include "core/Log.h"
 #include "core/Preferences.h"
 #include "core/ProgramVersion.h"
@@ -28,6 +30,7 @@
 #include <QProcess>
 #include <QSystemTrayIcon>
 #include <QTimer>
+#include <QUrlQuery>
 
 #include <qcoro/qcorofuture.h>
 #include <qcoro/qcorotask.h>
@@ -69,6 +72,18 @@ AppDelegate::AppDelegate(QObject *parent)
     // Every status line also goes to the log, so a user without the window can follow along.
     connect(&m_model, &AppModel::statusChanged, this,
             [this] { ClipEngine::log(QStringLiteral("status: ") + m_model.status()); });
+
+    m_share = new ShareActions(
+        m_model,
+        [this] {
+            if (m_library)
+                m_library->refreshClips(false);
+        },
+        this);
+    // A returning user's profile is fetched at launch; the store reads the token when made.
+    hooks.account = [] { AccountStore::shared().bootstrap(); };
+    hooks.share = [this](const QUrl &clip) { shareClip(clip); };
+    hooks.link = [this](const QUrl &link) { applyAuthLink(link); };
 }
 
 AppDelegate::~AppDelegate() = default;
@@ -446,6 +461,27 @@ void AppDelegate::openUrls(const QList<QUrl> &urls)
         else if (host == QLatin1String("auth") && hooks.link)
             hooks.link(url);
     }
+}
+
+void AppDelegate::shareClip(const QUrl &clip)
+{
+    m_share->shareClip(clip);
+}
+
+void AppDelegate::shareAllClips()
+{
+    m_share->shareAllClips();
+}
+
+void AppDelegate::applyAuthLink(const QUrl &link)
+{
+    // The first "token" item counts; one without a value is ignored, as is a link without one.
+    const QString token =
+        QUrlQuery(link).queryItemValue(QStringLiteral("token"), QUrl::FullyDecoded);
+    if (token.isEmpty())
+        return;
+    AccountStore::shared().applyToken(token);
+    m_model.setStatus(QStringLiteral("Signed in."));
 }
 
 void AppDelegate::applicationWillTerminate()
