@@ -43,6 +43,16 @@ function(vantrel_test name)
     if("pulse" IN_LIST T_FIXTURES)
       list(APPEND env "PULSE_SERVER=${VANTREL_TEST_PULSE_SERVER}")
     endif()
+    if("wayland" IN_LIST T_FIXTURES)
+      # A client of the fixture's Wayland session: its runtime folder, compositor, bus and
+      # PipeWire's pulse server; the script and folders let a test restart the session.
+      set(w "${VANTREL_WAYLAND_DIR}")
+      list(APPEND env "XDG_RUNTIME_DIR=${w}/run" "WAYLAND_DISPLAY=${w}/wayland-socket"
+        "SWAYSOCK=${w}/sway-ipc.sock" "DBUS_SESSION_BUS_ADDRESS=unix:path=${w}/run/bus"
+        "PULSE_SERVER=unix:${w}/run/pulse/native" "XDG_CURRENT_DESKTOP=sway"
+        "XDG_SESSION_TYPE=wayland" "VANTREL_WAYLAND_SCRIPT=${VANTREL_WAYLAND_SCRIPT}"
+        "VANTREL_WAYLAND_DIR=${w}" "VANTREL_WAYLAND_CACHE=${VANTREL_WAYLAND_CACHE}")
+    endif()
     string(APPEND props " ENVIRONMENT [==[${env}]==]")
   endif()
   gtest_discover_tests(${name} DISCOVERY_MODE PRE_TEST TEST_LIST ${name}_TESTS
