@@ -20,7 +20,7 @@ cleanup() {
 trap cleanup EXIT
 
 echo "Starting a private headless Wayland session (sway, PipeWire, the desktop portal)."
-"$fixture" start "$session" "$PWD/build/xdg-desktop-portal-wlr" 2>"$work/fixture.log" ||
+"$fixture" start "$session" "$(cd "$bin/.." && pwd)/xdg-desktop-portal-wlr" 2>"$work/fixture.log" ||
   { cat "$work/fixture.log" >&2; exit 1; }
 eval "$("$fixture" env "$session")"
 unset DISPLAY

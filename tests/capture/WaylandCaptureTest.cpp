@@ -20,7 +20,6 @@
 #include <QFileInfo>
 #include <QJsonArray>
 #include <QJsonObject>
-#include <QProcess>
 #include <QScopeGuard>
 #include <QThread>
 
@@ -59,31 +58,6 @@ int swaymsg(const std::vector<std::string> &arguments)
     std::vector<std::string> argv {"swaymsg"};
     argv.insert(argv.end(), arguments.begin(), arguments.end());
     return ChildProcess::run(argv);
-}
-
-// One decoded frame at `seconds`, as 8-bit gray at 160×90.
-QByteArray grayFrame(const QString &path, double seconds)
-{
-    QProcess ffmpeg;
-    ffmpeg.setStandardErrorFile(QProcess::nullDevice());
-    ffmpeg.start(QStringLiteral("ffmpeg"),
-                 {QStringLiteral("-v"), QStringLiteral("error"), QStringLiteral("-ss"),
-                  QString::number(seconds), QStringLiteral("-i"), path, QStringLiteral("-frames:v"),
-                  QStringLiteral("1"), QStringLiteral("-vf"),
-                  QStringLiteral("scale=160:90,format=gray"), QStringLiteral("-f"),
-                  QStringLiteral("rawvideo"), QStringLiteral("-")});
-    ffmpeg.waitForFinished(30000);
-    return ffmpeg.readAllStandardOutput();
-}
-
-double meanDifference(const QByteArray &a, const QByteArray &b)
-{
-    if (a.size() != b.size() || a.isEmpty())
-        return -1;
-    double sum = 0;
-    for (qsizetype i = 0; i < a.size(); ++i)
-        sum += std::abs(int(uint8_t(a[i])) - int(uint8_t(b[i])));
-    return sum / double(a.size());
 }
 
 template<typename Condition> bool waitUntil(Condition condition, std::chrono::milliseconds limit)
@@ -196,11 +170,11 @@ TEST_F(WaylandCaptureTest, AsksOnceAndSavesAClipOfTheWaylandScreenWithItsSound)
     EXPECT_EQ(probe::decodeErrors(clip), QString());
 
     // The terminal scrolls a clock: frames a few seconds apart differ.
-    QByteArray previous = grayFrame(clip, 1.0);
+    QByteArray previous = probe::grayFrame(clip, 1.0);
     int moving = 0;
     for (double t : {4.0, 8.0, 12.0, 14.0}) {
-        const QByteArray frame = grayFrame(clip, t);
-        moving += meanDifference(previous, frame) > 0.5;
+        const QByteArray frame = probe::grayFrame(clip, t);
+        moving += probe::meanDifference(previous, frame) > 0.5;
         previous = frame;
     }
     EXPECT_GE(moving, 3);
