@@ -2,8 +2,8 @@
 # Cost of an armed engine in a Wayland session against GStreamer recording the same PipeWire
 # stream (pipewiresrc, x264enc and AAC with the engine's settings) through its own portal session,
 # side by side in the headless Wayland fixture with a scrolling terminal and a tone: the CPU of
-# each process alone, the frames each encodes per second, and the ratio, as medians of alternating
-# runs. The compositor's own cost (sway, the portal backend, PipeWire) is shown beside them. Then,
+# each process alone, the frames each encodes per second, the share of the compositor's pictures
+# the engine hands on, and the ratio, as medians of alternating runs. The compositor's own cost (sway, the portal backend, PipeWire) is shown beside them. Then,
 # for the engine alone, the frames lost while a 30 s clip is saved mid-capture.
 #
 #   bench/armed_cpu_wayland.sh        (scripts/bench armed_cpu_wayland builds first)
@@ -32,20 +32,38 @@ median() { sort -g | awk '{v[NR] = $1} END {print (NR % 2) ? v[(NR + 1) / 2] : (
 field() { tr ' ' '\n' | sed -n "s/^$1=//p"; }
 hz=$(getconf CLK_TCK)
 
-"$fixture" start "$session" "$PWD/build/xdg-desktop-portal-wlr" 2>"$work/fixture.log" ||
-  { cat "$work/fixture.log" >&2; exit 1; }
+start_session() {
+  "$fixture" start "$session" "$PWD/build/xdg-desktop-portal-wlr" 2>"$work/fixture.log" ||
+    { cat "$work/fixture.log" >&2; exit 1; }
+  compositor_pids=$(for name in sway xdpw pipewire; do cut -d' ' -f1 "$session/pids/$name"; done)
+}
+# xdg-desktop-portal-wlr 0.7 sometimes exits when a client's session closes (seen after the peer's
+# session ends); a fresh session then stands in for logging in again.
+ensure_session() {
+  kill -0 "$(cut -d' ' -f1 "$session/pids/xdpw")" 2>/dev/null && return
+  echo "(xdg-desktop-portal-wlr exited; starting the session again)" >&2
+  start_session
+}
+start_session
 eval "$("$fixture" env "$session")"
 unset DISPLAY
-compositor_pids=$(for name in sway xdpw pipewire; do cut -d' ' -f1 "$session/pids/$name"; done)
 compositor_ticks() { local sum=0 p; for p in $compositor_pids; do sum=$((sum + $(ticks "$p"))); done; echo $sum; }
 
-# The engine; prints its own figures, and the compositor's cost over the same stretch.
+# The stream's own counters, from the last line of that kind in a log: the pictures the
+# compositor offered are the ones handed on plus the ones skipped.
+counters() { grep -o "$1.*" "$2" | tail -1; }
+count() { echo "$1" | field "$2"; }
+
+# The engine; prints its own figures, the share of the compositor's pictures it handed on, and
+# the compositor's cost over the same stretch.
 engine() {
-  local c0 t0 out
+  local c0 t0 out counts
   c0=$(compositor_ticks); t0=$(date +%s.%N)
-  out=$("$bin/bench_armed_cpu" --seconds "$seconds" --settle 3)
+  out=$("$bin/bench_armed_cpu" --seconds "$seconds" --settle 3 2>"$work/engine.log")
+  counts=$(counters "pipewire capture frames=" "$work/engine.log")
   awk -v out="$out" -v c="$(($(compositor_ticks) - c0))" -v t0="$t0" -v t1="$(date +%s.%N)" -v hz="$hz" \
-    'BEGIN {printf "%s compositor=%.2f\n", out, c / hz / (t1 - t0) * 100}'
+    -v f="$(count "$counts" frames)" -v s="$(count "$counts" skipped)" \
+    'BEGIN {printf "%s compositor=%.2f handed_on=%.2f\n", out, c / hz / (t1 - t0) * 100, (f + s > 0) ? f / (f + s) * 100 : 0}'
 }
 
 # GStreamer through its own portal session: the same stream, encoder settings and audio.
@@ -74,11 +92,15 @@ peer() {
 echo "armed_cpu_wayland: sway headless 1920x1080, $runs runs of $seconds s, alternating; load $(cut -d' ' -f1-3 /proc/loadavg)"
 : >"$work/engine.txt"; : >"$work/peer.txt"
 for run in $(seq "$runs"); do
-  if [ $((run % 2)) -eq 1 ]; then
-    engine | tee -a "$work/engine.txt"; peer | sed 's/^/gstreamer /' | tee -a "$work/peer.txt"
-  else
-    peer | sed 's/^/gstreamer /' | tee -a "$work/peer.txt"; engine | tee -a "$work/engine.txt"
-  fi
+  # Each side runs in a pipeline's subshell: the session is checked out here, in the script's own.
+  for side in $([ $((run % 2)) -eq 1 ] && echo "engine peer" || echo "peer engine"); do
+    ensure_session
+    if [ "$side" = engine ]; then
+      engine | tee -a "$work/engine.txt"
+    else
+      peer | sed 's/^/gstreamer /' | tee -a "$work/peer.txt"
+    fi
+  done
 done
 ours=$(field cpu <"$work/engine.txt" | median)
 ours_fps=$(field encoded <"$work/engine.txt" | median)
@@ -87,18 +109,25 @@ theirs=$(field cpu <"$work/peer.txt" | median)
 theirs_fps=$(field encoded <"$work/peer.txt" | median)
 theirs_comp=$(field compositor <"$work/peer.txt" | median)
 ratio=$(awk -v a="$ours" -v b="$theirs" 'BEGIN {printf "%.2f", (b > 0) ? a / b : 99}')
-fps_gap=$(awk -v a="$ours_fps" -v b="$theirs_fps" 'BEGIN {printf "%.1f", (b > 0) ? (a - b) / b * 100 : -100}')
-printf 'moving screen: engine %.1f %% of a core encoding %.1f frames/s, gstreamer %.1f %% encoding %.1f frames/s, ratio %s, frames %s %%\n' \
-  "$ours" "$ours_fps" "$theirs" "$theirs_fps" "$ratio" "$fps_gap"
+handed_on=$(field handed_on <"$work/engine.txt" | median)
+printf 'moving screen: engine %.1f %% of a core encoding %.1f frames/s (%.2f %% of the pictures the compositor offered it), gstreamer %.1f %% encoding %.1f frames/s, ratio %s\n' \
+  "$ours" "$ours_fps" "$handed_on" "$theirs" "$theirs_fps" "$ratio"
 printf 'compositor (sway + portal backend + pipewire): %.1f %% of a core beside the engine, %.1f %% beside gstreamer\n' \
   "$ours_comp" "$theirs_comp"
 
-saved=$("$bin/bench_armed_cpu" --clip-length 30 --settle 33 --seconds 10 --save)
-lost=$(echo "$saved" | field lost)
-printf '30 s save mid-capture: took %s s, %s frames lost meanwhile (%s in as long just before)\n' \
-  "$(echo "$saved" | field save_s)" "$lost" "$(echo "$saved" | field lost_before)"
+# Lost during the save: pictures the compositor offered that the capture skipped between the
+# save's start and its file being written (the grid's gaps are the compositor's, who sends a
+# picture only when something changed, so they say nothing here).
+ensure_session
+saved=$("$bin/bench_armed_cpu" --clip-length 30 --settle 33 --seconds 10 --save 2>"$work/save.log") ||
+  { echo "the save run failed:"; tail -n 20 "$work/save.log"; exit 1; }
+before=$(counters "save started: capture" "$work/save.log")
+after=$(counters "save written: capture" "$work/save.log")
+lost=$(($(count "$after" skipped) - $(count "$before" skipped)))
+printf '30 s save mid-capture: took %s s, %s pictures skipped meanwhile (%s handed on)\n' \
+  "$(echo "$saved" | field save_s)" "$lost" "$(($(count "$after" frames) - $(count "$before" frames)))"
 
-pass=$(awk -v r="$ratio" -v g="$fps_gap" -v l="$lost" 'BEGIN {print (r <= 0.8 && g >= -1 && g <= 1 && l == 0) ? "PASS" : "FAIL"}')
-printf 'armed_cpu_wayland: ratio %s (%.1f %% vs gstreamer %.1f %%), %.1f vs %.1f frames/s (%s %%), %s lost in a 30 s save, compositor %.1f %% (target ratio <= 0.8, frames within 1 %%, 0 lost) %s\n' \
-  "$ratio" "$ours" "$theirs" "$ours_fps" "$theirs_fps" "$fps_gap" "$lost" "$ours_comp" "$pass"
+pass=$(awk -v r="$ratio" -v h="$handed_on" -v l="$lost" 'BEGIN {print (r <= 0.8 && h >= 99 && l == 0) ? "PASS" : "FAIL"}')
+printf 'armed_cpu_wayland: ratio %s (%.1f %% vs gstreamer %.1f %%), %.2f %% of the compositor'"'"'s pictures handed on (%.1f frames/s; gstreamer %.1f), %s lost in a 30 s save, compositor %.1f %% (target ratio <= 0.8, >= 99 %% handed on, 0 lost) %s\n' \
+  "$ratio" "$ours" "$theirs" "$handed_on" "$ours_fps" "$theirs_fps" "$lost" "$ours_comp" "$pass"
 [ "$pass" = PASS ]

@@ -327,8 +327,11 @@ void PipeWireScreenStream::process()
     // Only the newest picture matters; older ones go straight back.
     pw_buffer *buffer = nullptr;
     while (pw_buffer *next = pw_stream_dequeue_buffer(m_stream)) {
-        if (buffer)
+        if (buffer) {
+            // A picture the compositor offered that we never looked at: counted as skipped.
             pw_stream_queue_buffer(m_stream, buffer);
+            m_skipped.fetch_add(1);
+        }
         buffer = next;
     }
     if (!buffer)
