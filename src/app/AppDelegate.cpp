@@ -9,6 +9,7 @@
 #include "capture/ClipSound.h"
 #include "capture/Paths.h"
 #include "capture/RecorderError.h"
+#include "core/DisplaySession.h"
 #include "core/Log.h"
 #include "core/Preferences.h"
 #include "core/SharedPool.h"
@@ -133,7 +134,8 @@ bool AppDelegate::applicationDidFinishLaunching(const QStringList &links)
     refreshStatusItem();
     // Some desktops have no tray (sway without a bar, GNOME without its extension): Vantrel then
     // lives in its window and its links, and records all the same.
-    if (QSystemTrayIcon::isSystemTrayAvailable())
+    // (Asked only under Wayland: under X11 the icon waits for a tray to appear.)
+    if (!DisplaySession::isWayland() || QSystemTrayIcon::isSystemTrayAvailable())
         m_statusItem->show();
     else
         ClipEngine::log(QStringLiteral("no system tray on this desktop (%1): running without a "

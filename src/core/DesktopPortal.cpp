@@ -6,6 +6,7 @@
 #include <QDBusObjectPath>
 #include <QDBusReply>
 #include <QEventLoop>
+#include <QFileInfo>
 #include <QTimer>
 
 #include <atomic>
@@ -62,6 +63,11 @@ std::optional<uint> interfaceVersion(const QDBusConnection &bus, const QString &
 
 std::optional<uint> interfaceVersion(const QString &interface)
 {
+    // No session bus to be found means no portal; Qt D-Bus is not even started then.
+    const QString runtime = qEnvironmentVariable("XDG_RUNTIME_DIR");
+    if (qEnvironmentVariableIsEmpty("DBUS_SESSION_BUS_ADDRESS") &&
+        (runtime.isEmpty() || !QFileInfo::exists(runtime + QStringLiteral("/bus"))))
+        return std::nullopt;
     const QDBusConnection bus = connect(QStringLiteral("probe"));
     const std::optional<uint> version = interfaceVersion(bus, interface);
     QDBusConnection::disconnectFromBus(bus.name());
