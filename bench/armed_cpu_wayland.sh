@@ -33,7 +33,7 @@ field() { tr ' ' '\n' | sed -n "s/^$1=//p"; }
 hz=$(getconf CLK_TCK)
 
 start_session() {
-  "$fixture" start "$session" "$PWD/build/xdg-desktop-portal-wlr" 2>"$work/fixture.log" ||
+  VANTREL_WAYLAND_TICK=0.01 "$fixture" start "$session" "$PWD/build/xdg-desktop-portal-wlr" 2>"$work/fixture.log" ||
     { cat "$work/fixture.log" >&2; exit 1; }
   compositor_pids=$(for name in sway xdpw pipewire; do cut -d' ' -f1 "$session/pids/$name"; done)
 }
