@@ -11,6 +11,7 @@
 #include "capture/Paths.h"
 #include "capture/RecorderError.h"
 #include "cloud/AccountStore.h"
+#include "core/DisplaySession.h"
 #include "core/Log.h"
 #include "core/Preferences.h"
 #include "core/ProgramVersion.h"
@@ -24,6 +25,7 @@
 #include <QApplication>
 #include <QDir>
 #include <QFileInfo>
+#include <QGuiApplication>
 #include <QMenu>
 #include <QMenuBar>
 #include <QMessageBox>
@@ -96,10 +98,10 @@ QString AppDelegate::armedStatus() const
         return QStringLiteral("Recording. %1 saves the last %2 seconds from any app.")
             .arg(key)
             .arg(seconds);
-    return QStringLiteral(
-               "Recording, but %1 only works in this window. Allow Accessibility and Input "
-               "Monitoring.")
-        .arg(key);
+    const QString remedy = HotkeyManager::shared().desktopShortcutDeclined()
+        ? QStringLiteral("Allow Vantrel's shortcut in your desktop's settings.")
+        : QStringLiteral("Add yourself to the input group to use it everywhere.");
+    return QStringLiteral("Recording, but %1 only works in this window. %2").arg(key, remedy);
 }
 
 QString AppDelegate::idleStatus() const
@@ -146,7 +148,15 @@ bool AppDelegate::applicationDidFinishLaunching(const QStringList &links)
                     openWindow();
             });
     refreshStatusItem();
-    m_statusItem->show();
+    // Some desktops have no tray (sway without a bar, GNOME without its extension): Vantrel then
+    // lives in its window and its links, and records all the same.
+    // (Asked only under Wayland: under X11 the icon waits for a tray to appear.)
+    if (!DisplaySession::isWayland() || QSystemTrayIcon::isSystemTrayAvailable())
+        m_statusItem->show();
+    else
+        ClipEngine::log(QStringLiteral("no system tray on this desktop (%1): running without a "
+                                       "tray icon")
+                            .arg(QGuiApplication::platformName()));
 
     showDashboard();
     if (hooks.update)

@@ -43,12 +43,12 @@ Options:
                in ~/.local/opt/Vantrel, checking its signature (ARCHIVE.sig) first
 
 Environment:
-  VANTREL_SCREEN_BACKEND=x11      choose the screen capture backend
+  VANTREL_CAPTURE=x11|wayland     choose the screen capture backend (normally chosen by the session)
   VANTREL_ENCODER=libx264         force one H.264 encoder (h264_vaapi, h264_nvenc, h264_qsv, libx264)
   VANTREL_SERVICE_URL=URL         use another web service (a self-hosted one)
   VANTREL_SERVICE_CA=FILE         also trust the certificates in this PEM file for it
   VANTREL_PREFIX=DIR              where --install puts Vantrel (instead of ~/.local/opt/Vantrel)
-  QT_QPA_PLATFORM=offscreen       run without windows or tray (capture still needs an X display)
+  QT_QPA_PLATFORM=offscreen       run without windows or tray (capture still needs a display)
 )";
 
 int signalPipe[2] = {-1, -1};
@@ -123,10 +123,17 @@ int run(int argc, char *argv[])
     }
 
     // Without any display the program still runs: the tray and the window are skipped, the
-    // clip key works through the keyboards, and arming says why it cannot capture.
-    if (qEnvironmentVariableIsEmpty("DISPLAY") && qEnvironmentVariableIsEmpty("WAYLAND_DISPLAY") &&
-        qEnvironmentVariableIsEmpty("QT_QPA_PLATFORM"))
-        qputenv("QT_QPA_PLATFORM", "offscreen");
+    // clip key works through the keyboards, and arming says why it cannot capture. With one, a
+    // platform plugin that is missing (Qt's Wayland plugin is a package of its own) falls back to
+    // the next that works rather than end the program: recording needs none of them.
+    if (qEnvironmentVariableIsEmpty("QT_QPA_PLATFORM")) {
+        if (!qEnvironmentVariableIsEmpty("WAYLAND_DISPLAY"))
+            qputenv("QT_QPA_PLATFORM", "wayland;xcb;offscreen");
+        else if (!qEnvironmentVariableIsEmpty("DISPLAY"))
+            qputenv("QT_QPA_PLATFORM", "xcb;offscreen");
+        else
+            qputenv("QT_QPA_PLATFORM", "offscreen");
+    }
 
     QApplication app(argc, argv);
     nameTheApplication();

@@ -91,7 +91,8 @@ TEST_F(AppDelegateTest, ArmsAtLaunchSavesWithGuardsAndStopsKeepingTheSession)
         << statuses.join(QLatin1Char('|')).toStdString();
     const QString armed = QStringLiteral("Recording. F12 saves the last 15 seconds from any app.");
     const QString armedLocal = QStringLiteral(
-        "Recording, but F12 only works in this window. Allow Accessibility and Input Monitoring.");
+        "Recording, but F12 only works in this window. Add yourself to the input group to use it "
+        "everywhere.");
     ASSERT_EQ(statuses.size(), 2);
     EXPECT_EQ(statuses[0], QStringLiteral("Arming recording…"));
     EXPECT_TRUE(statuses[1] == armed || statuses[1] == armedLocal) << statuses[1].toStdString();
