@@ -24,6 +24,7 @@ template<typename T> class Task;
 }
 class ClipNotifications;
 
+class ShareActions;
 class SingleInstance;
 class WakeObserver;
 
@@ -55,6 +56,10 @@ public:
     void refreshStatusItem();
     // The dashboard's "Change" / "Cancel": starts binding a new clip key, or cancels that.
     void changeHotkey();
+    // Uploads one clip and puts its link on the clipboard (the share hook after every save).
+    void shareClip(const QUrl &clip);
+    // Uploads every listed clip and puts one folder link on the clipboard.
+    void shareAllClips();
 
     ClipEngine &engine() { return *m_engine; }
     AppModel &model() { return m_model; }
@@ -69,7 +74,8 @@ public:
     // (the last measurement afterwards); none before one was made.
     std::optional<double> replayBytesPerSecond();
 
-    // Installed by the dashboard, account, sharing and update code; empty ones do nothing.
+    // Installed by the dashboard, account, sharing and update code; empty ones do nothing. The
+    // delegate installs its own account, share and link hooks when it is made.
     struct Hooks
     {
         std::function<void()> account;
@@ -95,6 +101,7 @@ private:
     void onCaptureStopped(const QString &error);
     void onWake();
     void armAtLaunchIfWanted();
+    void applyAuthLink(const QUrl &link);
     QString armedStatus() const;
     QString idleStatus() const;
     void presentDashboard();
@@ -106,6 +113,7 @@ private:
     QPointer<QSystemTrayIcon> m_statusItem;
     QPointer<QMenu> m_statusMenu;
     QPointer<QMenuBar> m_mainMenu;
+    ShareActions *m_share = nullptr;
     SingleInstance *m_singleInstance = nullptr;
     WakeObserver *m_wake = nullptr;
     bool m_saveInProgress = false;

@@ -14,7 +14,8 @@ public:
         return {Kind::writerFailed, message};
     }
     static RecorderError noDisplay() { return {Kind::noDisplay, {}}; }
-    static RecorderError notReady() { return {Kind::notReady, {}}; }
+    // `why`, when given, replaces the general sentence: what happened and what to do about it.
+    static RecorderError notReady(const QString &why = {}) { return {Kind::notReady, why}; }
     // `clipKey` is the clip key's display text ("F12"), named in the sentence.
     static RecorderError notArmed(const QString &clipKey) { return {Kind::notArmed, clipKey}; }
     static RecorderError needsRelaunch() { return {Kind::needsRelaunch, {}}; }

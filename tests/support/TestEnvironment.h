@@ -1,6 +1,7 @@
 #pragma once
 
 #include <QString>
+#include <QStringList>
 #include <QTemporaryDir>
 
 #include <gtest/gtest.h>
@@ -25,3 +26,6 @@ private:
 
 // Reads a whole file as text; empty when it cannot be read.
 QString readTextFile(const QString &path);
+
+// The files below `folder` whose bytes contain `secret` (a token that must not be on disk).
+QStringList filesHolding(const QString &folder, const QByteArray &secret);
