@@ -16,9 +16,9 @@
 
 #include "BenchSupport.h"
 
-#include "capture/ClipEngine.h"
-#include "capture/ClipSettings.h"
-#include "capture/MonotonicClock.h"
+#include "core/ClipSettings.h"
+#include "engine/ClipEngine.h"
+#include "media/MonotonicClock.h"
 
 #include <unistd.h>
 

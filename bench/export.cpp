@@ -6,10 +6,10 @@
 
 #include "BenchSupport.h"
 
-#include "capture/ClipSettings.h"
-#include "capture/Mp4Writer.h"
-#include "capture/ReplayBuffer.h"
+#include "core/ClipSettings.h"
 #include "core/SerialQueue.h"
+#include "media/Mp4Writer.h"
+#include "replay/ReplayBuffer.h"
 #include "support/H264TestSource.h"
 
 #include <QDir>
@@ -91,7 +91,7 @@ void writePeerInputs(Case &c, const QString &folder)
         writer.startWriting();
         writer.startSession(base);
         for (size_t i = first; i < snap.video.size(); ++i)
-            writer.append(input, *ReplayBuffer::makeVideoSample(snap.video[i], snap.videoFormat));
+            writer.append(input, *makeVideoSample(snap.video[i], snap.videoFormat));
         writer.finishWriting([&] { done.set_value(); });
     });
     done.get_future().wait();

@@ -4,8 +4,8 @@
 
 #include "BenchSupport.h"
 
-#include "capture/ClipSettings.h"
-#include "capture/ReplayBuffer.h"
+#include "core/ClipSettings.h"
+#include "replay/ReplayBuffer.h"
 
 #include <malloc.h>
 

@@ -4,19 +4,20 @@
 #include "app/MainMenu.h"
 #include "app/SingleInstance.h"
 #include "app/StatusIcon.h"
+#include "app/StatusTexts.h"
 #include "app/WakeObserver.h"
-#include "capture/ClipSettings.h"
-#include "capture/ClipSound.h"
-#include "capture/Paths.h"
-#include "capture/RecorderError.h"
+#include "core/ClipSettings.h"
 #include "core/Log.h"
+#include "core/Paths.h"
 #include "core/Preferences.h"
 #include "core/SharedPool.h"
+#include "engine/ClipSound.h"
 #include "input/ClipHotkey.h"
 #include "input/HotkeyManager.h"
 #include "input/MicAccess.h"
 #include "input/PermissionOnce.h"
 #include "input/ScreenAccess.h"
+#include "media/RecorderError.h"
 
 #include <QApplication>
 #include <QDir>
@@ -51,20 +52,13 @@ void storeBool(const QString &key, bool value)
     Preferences::open()->setValue(key, value);
 }
 
-// What the user reads for an error: a RecorderError's sentence, anything else's message.
-QString describe(const std::exception &error)
-{
-    if (auto *recorder = dynamic_cast<const RecorderError *>(&error))
-        return recorder->text();
-    return QString::fromUtf8(error.what());
-}
-
 } // namespace
 
 AppDelegate::AppDelegate(QObject *parent)
     : QObject(parent)
     , m_engine(std::make_unique<ClipEngine>())
 {
+    m_engine->setScreenAccess({&ScreenAccess::isGranted, [] { ScreenAccess::request(); }});
     // Every status line also goes to the log, so a user without the window can follow along.
     connect(&m_model, &AppModel::statusChanged, this,
             [this] { ClipEngine::log(QStringLiteral("status: ") + m_model.status()); });
@@ -240,9 +234,9 @@ QCoro::Task<void> AppDelegate::runStart()
         if (error.kind() == RecorderError::Kind::needsRelaunch)
             relaunch = true;
         else
-            failure = error.text();
+            failure = StatusTexts::forError(error);
     } catch (const std::exception &error) {
-        failure = describe(error);
+        failure = StatusTexts::forError(error);
     }
     if (!self)
         co_return;
@@ -334,7 +328,7 @@ QCoro::Task<void> AppDelegate::runSave()
     try {
         path = co_await m_engine->saveClip();
     } catch (const std::exception &error) {
-        failure = describe(error);
+        failure = StatusTexts::forError(error);
     }
     if (!self)
         co_return;

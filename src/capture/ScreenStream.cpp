@@ -1,6 +1,6 @@
 #include "capture/ScreenStream.h"
 
-#include "capture/X11ScreenCaptureService.h"
+#include "capture/x11/X11ScreenCaptureService.h"
 
 #include <cstdlib>
 #include <stdexcept>

@@ -1,7 +1,7 @@
 #pragma once
 
-#include "capture/ReplayBuffer.h"
-#include "capture/VideoFrame.h"
+#include "media/AudioSampleBuffer.h"
+#include "media/VideoFrame.h"
 
 #include <cstdint>
 #include <functional>
