@@ -42,7 +42,7 @@ struct Feeder
     {
         int appends = 0;
         for (int f = 0; f < fps; ++f, ++frame) {
-            buffer.storeEncodedFrame(
+            buffer.appendVideo(
                 {Bytes::copy(video), nanos(frame, fps), MediaTime::make(1, fps), frame % 120 == 0},
                 videoFormat);
             payload += frameBytes;

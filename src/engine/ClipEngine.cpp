@@ -10,6 +10,7 @@
 #include "media/RecorderError.h"
 #include "replay/ClipExport.h"
 #include "replay/SessionRecorder.h"
+#include "replay/VideoEncoder.h"
 
 #include <QScopeGuard>
 
@@ -227,7 +228,7 @@ void ClipEngine::arm()
     const QSize size = captureSize(evenDown(width), evenDown(height));
     log(QStringLiteral("capture %1x%2").arg(size.width()).arg(size.height()));
 
-    m_buffer.prepare(size.width(), size.height());
+    openEncoder(size.width(), size.height());
 
     StreamConfiguration config;
     config.width = size.width();
@@ -277,6 +278,33 @@ void ClipEngine::arm()
     log(QStringLiteral("startCapture ok"));
 }
 
+void ClipEngine::openEncoder(int width, int height)
+{
+    closeEncoder();
+    m_framesIn = 0;
+    m_framesEncoded = 0;
+    try {
+        // The encoder's thread stores straight into the buffer; closeEncoder() joins that thread
+        // before the buffer is emptied.
+        m_encoder = std::make_unique<VideoEncoder>(
+            width, height, [this](EncodedFrame frame, VideoFormatPtr keyFormat) {
+                ++m_framesEncoded;
+                m_buffer.appendVideo(std::move(frame), std::move(keyFormat));
+            });
+    } catch (const RecorderError &error) {
+        log(QStringLiteral("video encoder: %1").arg(error.text()));
+        throw;
+    }
+    log(QStringLiteral("video encoder %1").arg(m_encoder->choice()));
+}
+
+void ClipEngine::closeEncoder()
+{
+    // Frames still inside it are discarded; once it is gone nothing is stored any more.
+    m_encoder.reset();
+    m_buffer.invalidate();
+}
+
 void ClipEngine::addOutputs(Capture &capture, bool mic)
 {
     capture.videoQueue = std::make_unique<SerialQueue>("com.quillfen.vantrel.video", "vt-video");
@@ -293,7 +321,8 @@ void ClipEngine::addOutputs(Capture &capture, bool mic)
             ++m_framesIdle;
             return;
         }
-        m_buffer.encodeVideo(frame);
+        ++m_framesIn;
+        m_encoder->encode(frame);
     });
     capture.stream->addAudioOutput(StreamOutputType::audio, *capture.audioQueue,
                                    [this](const AudioSampleBuffer &sample) {
@@ -353,7 +382,7 @@ void ClipEngine::failStart(const std::shared_ptr<Capture> &capture, const std::e
     clearBufferCallbacks();
     if (recorder)
         recorder->finish(false).waitForFinished();
-    m_buffer.invalidate();
+    closeEncoder();
     if (screenAccessGranted())
         throw RecorderError::needsRelaunch();
     throw RecorderError::writerFailed(describe(error));
@@ -440,7 +469,7 @@ std::optional<QString> ClipEngine::performStop(bool saveSession)
     // Stopping fails quietly at worst; the teardown goes on.
     if (capture)
         capture->halt();
-    m_buffer.invalidate();
+    closeEncoder();
     return session;
 }
 
@@ -494,6 +523,8 @@ QFuture<QString> ClipEngine::saveClip()
         logCaptureCounts(QStringLiteral("save started"));
         // The session file's AAC of this arming, which the clip copies instead of encoding again.
         ClipExport::Options options;
+        options.framesIn = m_framesIn.load();
+        options.framesEncoded = m_framesEncoded.load();
         {
             std::scoped_lock lock(m_stateLock);
             if (m_sessionRecorder) {

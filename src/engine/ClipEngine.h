@@ -18,12 +18,13 @@
 
 class SerialQueue;
 class SessionRecorder;
+class VideoEncoder;
 
 // The one object that owns the live capture. Arming starts a stream of one display with its
-// audio, feeds every complete frame to the replay buffer's encoder and every audio buffer to the
-// replay buffer, and records the whole armed period beside it with a session recorder. Saving
-// exports the buffer's last seconds; stopping tears the stream down and keeps or drops the
-// session file.
+// audio, feeds every complete frame to a video encoder whose output goes to the replay buffer,
+// and every audio buffer to the replay buffer, which passes all of it on to a session recorder
+// that records the whole armed period. Saving exports the buffer's last seconds; stopping tears
+// the stream down and keeps or drops the session file.
 //
 // The asynchronous operations run on the shared thread pool and answer through QFutures: the
 // main thread co_awaits them (QCoro, <QCoroFuture>) and resumes on itself without blocking;
@@ -83,6 +84,9 @@ public:
     // screen); for diagnostics and the benchmarks.
     int64_t framesDelivered() const { return m_framesDelivered.load(); }
     int64_t framesIdle() const { return m_framesIdle.load(); }
+    // Frames handed to the encoder, and frames it returned, since the last start.
+    int64_t framesIn() const { return m_framesIn.load(); }
+    int64_t framesEncoded() const { return m_framesEncoded.load(); }
 
     // The capture size for a display of `width` × `height` pixels: both sides even, the longer
     // at most 1920, the aspect kept.
@@ -120,6 +124,8 @@ private:
     };
 
     void arm();
+    void openEncoder(int width, int height);
+    void closeEncoder();
     void addOutputs(Capture &capture, bool mic);
     void startCapture(Capture &capture);
     [[noreturn]] void failStart(const std::shared_ptr<Capture> &capture,
@@ -134,6 +140,9 @@ private:
 
     ServiceFactory m_makeService;
     ReplayBuffer m_buffer; // kept across armings
+    // Made by a start before its stream runs and closed by a teardown after the stream has
+    // stopped passing frames on, so the video queue, the only other user, never sees it change.
+    std::unique_ptr<VideoEncoder> m_encoder;
 
     // Read by the sample queues without a lock.
     std::atomic<bool> m_armed {false};
@@ -141,6 +150,8 @@ private:
     std::atomic<bool> m_ignoringStreamStop {false};
     std::atomic<int64_t> m_framesDelivered {0};
     std::atomic<int64_t> m_framesIdle {0};
+    std::atomic<int64_t> m_framesIn {0};
+    std::atomic<int64_t> m_framesEncoded {0};
 
     // m_stopLock guards m_inflightStop, and orders start()'s reset of m_ignoringStreamStop with
     // it. Held only to read or replace them; nothing is awaited or called while it is held.

@@ -11,8 +11,9 @@ extern "C" {
 
 #include <memory>
 
-// Owners for the FFmpeg handles the writer uses, so that no error path can leak one, and the one
-// place where FFmpeg's error codes become readable text.
+// Owners for the FFmpeg handles the pipeline holds (the encoder's, the writer's, the audio
+// history's), so that no error path can leak one, and the one place where FFmpeg's error codes
+// become readable text.
 namespace FFmpeg {
 
 struct CodecContextFree
@@ -30,6 +31,10 @@ struct CodecParametersFree
 struct FrameFree
 {
     void operator()(AVFrame *frame) const { av_frame_free(&frame); }
+};
+struct BufferUnref
+{
+    void operator()(AVBufferRef *buffer) const { av_buffer_unref(&buffer); }
 };
 struct SwrFree
 {
@@ -49,6 +54,7 @@ using CodecContextPtr = std::unique_ptr<AVCodecContext, CodecContextFree>;
 using CodecParametersPtr = std::unique_ptr<AVCodecParameters, CodecParametersFree>;
 using PacketPtr = std::unique_ptr<AVPacket, PacketFree>;
 using FramePtr = std::unique_ptr<AVFrame, FrameFree>;
+using BufferPtr = std::unique_ptr<AVBufferRef, BufferUnref>;
 using SwrPtr = std::unique_ptr<SwrContext, SwrFree>;
 using AudioFifoPtr = std::unique_ptr<AVAudioFifo, AudioFifoFree>;
 using FormatContextPtr = std::unique_ptr<AVFormatContext, FormatContextFree>;

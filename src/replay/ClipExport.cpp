@@ -16,9 +16,6 @@ namespace ClipExport {
 
 namespace {
 
-// Audio this far before the first frame still belongs to the clip (it is written at zero).
-constexpr MediaTime audioLeadLimit = MediaTime::make(-150, 600); // -0.25 s
-
 QString newUuidText()
 {
     return QUuid::createUuid().toString(QUuid::WithoutBraces).toUpper();
@@ -36,7 +33,9 @@ std::vector<ReplayBuffer::AudioPacket> shiftedAudio(const List &packets, MediaTi
     shifted.reserve(packets.size());
     for (const ReplayBuffer::AudioPacket &packet : packets) {
         const MediaTime offset = packet.pts - base;
-        if (!offset.isValid() || offset < audioLeadLimit)
+        // What the buffer keeps before its first frame belongs to a clip that starts at a later
+        // key frame too, no more and no less.
+        if (!offset.isValid() || offset < MediaTime::zero() - ReplayBuffer::audioLead)
             continue;
         ReplayBuffer::AudioPacket copy = packet;
         copy.pts = max(MediaTime::zero(), offset);
@@ -91,8 +90,8 @@ QFuture<QString> exportClip(const ReplayBuffer::Snapshot &snapshot, Options opti
     Log::system(QStringLiteral("export video=%1 audio=%2 in=%3 encoded=%4 keys=%5")
                     .arg(frameCount)
                     .arg(snapshot.audio.size())
-                    .arg(snapshot.framesIn)
-                    .arg(snapshot.framesEncoded)
+                    .arg(options.framesIn)
+                    .arg(options.framesEncoded)
                     .arg(keys));
     if (frameCount == 0 || !snapshot.videoFormat)
         return failedFuture(RecorderError::stillStarting());
@@ -127,8 +126,3 @@ QFuture<QString> exportClip(const ReplayBuffer::Snapshot &snapshot, Options opti
 }
 
 } // namespace ClipExport
-
-QFuture<QString> ReplayBuffer::exportClip() const
-{
-    return ClipExport::exportClip(snapshot());
-}

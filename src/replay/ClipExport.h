@@ -28,10 +28,15 @@ struct Options
     // history covers the clip is copied from it rather than encoded again.
     std::shared_ptr<const EncodedAudioHistory> audioHistory;
     std::shared_ptr<const EncodedAudioHistory> micHistory;
+    // The encoder's counts since the capture started (frames handed to it, frames it returned),
+    // for the log line.
+    int64_t framesIn = 0;
+    int64_t framesEncoded = 0;
 };
 
-// Exports `snapshot`; see ReplayBuffer::exportClip. The future completes exactly once, with the
-// final path or a RecorderError.
+// Writes the clip of `snapshot` and answers with its path, or fails with a RecorderError whose
+// text the user sees. The file is written on the export queue, so capture goes on appending to
+// the buffer meanwhile. The future completes exactly once.
 QFuture<QString> exportClip(const ReplayBuffer::Snapshot &snapshot, Options options = {});
 
 // "Clip yyyy-MM-dd HH-mm-ss XXXXXX.mp4" in the recordings folder: local time and the first six

@@ -1,14 +1,10 @@
 #include "replay/ReplayBuffer.h"
 
 #include "core/ClipSettings.h"
-#include "replay/VideoEncoder.h"
 
 #include <cmath>
 
 namespace {
-
-// How far before the first video frame audio is kept (600ths of a second).
-constexpr MediaTime audioLead = MediaTime::make(120, 600);
 
 template<typename Callback> std::shared_ptr<const Callback> share(Callback callback)
 {
@@ -16,40 +12,6 @@ template<typename Callback> std::shared_ptr<const Callback> share(Callback callb
 }
 
 } // namespace
-
-ReplayBuffer::ReplayBuffer() = default;
-
-ReplayBuffer::~ReplayBuffer()
-{
-    m_session.reset();
-}
-
-void ReplayBuffer::prepare(int64_t width, int64_t height)
-{
-    invalidate();
-    // The encoder's thread stores straight into this buffer. invalidate() and the destructor
-    // close the encoder, joining that thread, before the buffer is emptied or goes away.
-    auto session = std::make_unique<VideoEncoder>(
-        width, height, [this](EncodedFrame frame, VideoFormatPtr keyFormat) {
-            storeEncodedFrame(std::move(frame), std::move(keyFormat));
-        });
-    m_session = std::move(session);
-    resetCounters();
-}
-
-void ReplayBuffer::encodeVideo(const VideoFrame &frame)
-{
-    // An idle frame repeats the picture before it: there is nothing new to encode.
-    if (!m_session || !frame.pixels || frame.status != VideoFrame::Status::complete)
-        return;
-    const int64_t ordinal = ++framesIn;
-    m_session->encode(frame, ordinal);
-}
-
-std::string ReplayBuffer::encoderName() const
-{
-    return m_session ? m_session->name() : std::string();
-}
 
 void ReplayBuffer::setOnVideoFrame(VideoCallback callback)
 {
@@ -105,7 +67,7 @@ void ReplayBuffer::appendAudioPacket(const AudioSampleBuffer &sample, bool isMic
         (*callback)(packet);
 }
 
-void ReplayBuffer::storeEncodedFrame(EncodedFrame frame, VideoFormatPtr keyFormat)
+void ReplayBuffer::appendVideo(EncodedFrame frame, VideoFormatPtr keyFormat)
 {
     if (frame.data.empty())
         return;
@@ -118,7 +80,6 @@ void ReplayBuffer::storeEncodedFrame(EncodedFrame frame, VideoFormatPtr keyForma
     VideoFormatPtr format;
     {
         std::scoped_lock lock(m_lock);
-        ++m_framesEncoded;
         if (frame.isKey && keyFormat)
             m_videoFormat = std::move(keyFormat);
         m_video.push_back(std::move(frame));
@@ -165,8 +126,6 @@ void ReplayBuffer::trimLocked(double maxDurationSeconds)
 
 void ReplayBuffer::invalidate()
 {
-    // Outside the lock: closing waits for the encoder thread, which may be storing a frame.
-    m_session.reset();
     std::scoped_lock lock(m_lock);
     m_video.clear();
     m_audio.clear();
@@ -196,23 +155,9 @@ int ReplayBuffer::audioCount() const
     return int(m_audio.size());
 }
 
-int64_t ReplayBuffer::framesEncoded() const
-{
-    std::scoped_lock lock(m_lock);
-    return m_framesEncoded;
-}
-
-void ReplayBuffer::resetCounters()
-{
-    framesIn = 0;
-    std::scoped_lock lock(m_lock);
-    m_framesEncoded = 0;
-}
-
 ReplayBuffer::Snapshot ReplayBuffer::snapshot() const
 {
     Snapshot snap;
-    snap.framesIn = framesIn.load();
     std::scoped_lock lock(m_lock);
     snap.video = m_video.view();
     snap.audio = m_audio.view();
@@ -220,6 +165,5 @@ ReplayBuffer::Snapshot ReplayBuffer::snapshot() const
     snap.videoFormat = m_videoFormat;
     snap.audioFormat = m_audioFormat;
     snap.micFormat = m_micFormat;
-    snap.framesEncoded = m_framesEncoded;
     return snap;
 }

@@ -2,10 +2,10 @@
 
 #include "core/ClipSettings.h"
 #include "core/Log.h"
-#include "core/Paths.h"
 #include "core/SerialQueue.h"
 #include "media/H264Bitstream.h"
 #include "media/RecorderError.h"
+#include "replay/FrameConverter.h"
 
 #include <QString>
 #include <QStringList>
@@ -14,8 +14,6 @@ extern "C" {
 #include <libavutil/hwcontext.h>
 #include <libavutil/imgutils.h>
 }
-
-#include <libyuv/convert_from_argb.h>
 
 #include <cstdlib>
 #include <limits>
@@ -34,17 +32,10 @@ MediaTime oneFrame()
     return MediaTime::make(1, ClipSettings::fps);
 }
 
-// The encoder's choice goes into the log file, where a user's report shows it.
-void logLine(const QString &message)
-{
-    Log::appendLine(Paths::logFile(), message);
-    Log::system(message);
-}
-
-[[noreturn]] void failToStart(int status)
+[[noreturn]] void failToStart(int status, const QString &why)
 {
     throw RecorderError::writerFailed(
-        QStringLiteral("Could not start the video encoder (%1).").arg(status));
+        QStringLiteral("Could not start the video encoder (%1): %2.").arg(status).arg(why));
 }
 
 } // namespace
@@ -55,7 +46,7 @@ VideoEncoder::VideoEncoder(int64_t width, int64_t height, Output output)
     open(width, height);
     m_packet.reset(av_packet_alloc());
     if (!m_packet)
-        failToStart(AVERROR(ENOMEM));
+        failToStart(AVERROR(ENOMEM), FFmpeg::errorText(AVERROR(ENOMEM)));
     m_queue = std::make_unique<SerialQueue>("com.quillfen.vantrel.encoder", "vt-encoder");
 }
 
@@ -70,10 +61,9 @@ void VideoEncoder::open(int64_t width, int64_t height)
 {
     constexpr int64_t maxSide = std::numeric_limits<int32_t>::max();
     if (width < 1 || height < 1 || width > maxSide || height > maxSide ||
-        av_image_check_size(unsigned(width), unsigned(height), 0, nullptr) < 0) {
-        logLine(QStringLiteral("video encoder: no encoder takes %1x%2").arg(width).arg(height));
-        failToStart(AVERROR(EINVAL));
-    }
+        av_image_check_size(unsigned(width), unsigned(height), 0, nullptr) < 0)
+        failToStart(AVERROR(EINVAL),
+                    QStringLiteral("no encoder takes %1x%2 pixels").arg(width).arg(height));
     m_width = int(width);
     m_height = int(height);
 
@@ -96,19 +86,15 @@ void VideoEncoder::open(int64_t width, int64_t height)
     if (m_name.empty()) {
         if (!forced.empty() && passedOver.isEmpty())
             passedOver << QStringLiteral("%1: no such encoder").arg(QString::fromStdString(forced));
-        logLine(QStringLiteral("video encoder: none opened at %1x%2 (%3)")
-                    .arg(m_width)
-                    .arg(m_height)
-                    .arg(passedOver.join(QStringLiteral("; "))));
-        failToStart(status);
+        failToStart(status, passedOver.join(QStringLiteral("; ")));
     }
     QString why =
         forced.empty() ? passedOver.join(QStringLiteral("; ")) : QStringLiteral("VANTREL_ENCODER");
-    logLine(QStringLiteral("video encoder %1 at %2x%3%4")
-                .arg(QString::fromStdString(m_name))
-                .arg(m_width)
-                .arg(m_height)
-                .arg(why.isEmpty() ? QString() : QStringLiteral(" (") + why + ')'));
+    m_choice = QStringLiteral("%1 at %2x%3%4")
+                   .arg(QString::fromStdString(m_name))
+                   .arg(m_width)
+                   .arg(m_height)
+                   .arg(why.isEmpty() ? QString() : QStringLiteral(" (") + why + ')');
 
     m_context = std::move(opened.context);
     m_hwFrames = std::move(opened.hwFrames);
@@ -127,10 +113,14 @@ void VideoEncoder::open(int64_t width, int64_t height)
             VideoFormat {m_width, m_height, {extradata.begin(), extradata.end()}});
 }
 
-void VideoEncoder::encode(const VideoFrame &frame, int64_t ordinal)
+void VideoEncoder::encode(const VideoFrame &frame)
 {
-    if (!frame.pixels || frame.width != m_width || frame.height != m_height ||
-        frame.stride < m_width * 4 || !frame.pts.isValid()) {
+    // An idle frame repeats the picture before it: there is nothing new to encode.
+    if (!frame.pixels || frame.status != VideoFrame::Status::complete)
+        return;
+    const int64_t ordinal = ++m_handedOver;
+    if (frame.width != m_width || frame.height != m_height || frame.stride < m_width * 4 ||
+        !frame.pts.isValid()) {
         reportSubmission(AVERROR(EINVAL), ordinal);
         return;
     }
@@ -140,7 +130,7 @@ void VideoEncoder::encode(const VideoFrame &frame, int64_t ordinal)
         return;
     }
     FramePtr picture = takePicture();
-    if (!picture || !convert(frame, picture.get())) {
+    if (!picture || !FrameConverter::convert(frame, *picture)) {
         reportSubmission(picture ? AVERROR(EINVAL) : AVERROR(ENOMEM), ordinal);
         return;
     }
@@ -191,18 +181,6 @@ void VideoEncoder::release(FramePtr picture)
     // The slot frees as soon as the encoder has taken the picture, before its packet is
     // stored: storing (and what the buffer's callback does) is no reason to turn frames away.
     --m_waiting;
-}
-
-bool VideoEncoder::convert(const VideoFrame &frame, AVFrame *picture) const
-{
-    // libyuv names formats by their order in a 32-bit word: its "ARGB" is B, G, R, A in memory,
-    // the order the capture delivers.
-    if (m_inputFormat == AV_PIX_FMT_YUV420P)
-        return libyuv::ARGBToI420(frame.pixels, frame.stride, picture->data[0],
-                                  picture->linesize[0], picture->data[1], picture->linesize[1],
-                                  picture->data[2], picture->linesize[2], m_width, m_height) == 0;
-    return libyuv::ARGBToNV12(frame.pixels, frame.stride, picture->data[0], picture->linesize[0],
-                              picture->data[1], picture->linesize[1], m_width, m_height) == 0;
 }
 
 void VideoEncoder::reportSubmission(int status, int64_t ordinal)

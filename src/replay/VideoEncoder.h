@@ -1,9 +1,10 @@
 #pragma once
 
+#include "media/EncodedFrame.h"
+#include "media/FFmpegHandles.h"
 #include "media/MediaFormat.h"
 #include "media/MediaTime.h"
 #include "media/VideoFrame.h"
-#include "replay/ReplayBuffer.h"
 #include "replay/VideoEncoderBackends.h"
 
 #include <atomic>
@@ -15,6 +16,8 @@
 #include <string>
 #include <vector>
 
+#include <QString>
+
 class SerialQueue;
 
 // One H.264 compression session for captured frames of one size, over libavcodec. The families
@@ -23,24 +26,26 @@ class SerialQueue;
 // frame at least every 120 frames and every 2 s, no B-frames, no more than a frame of delay, and
 // the SPS/PPS kept out of band as an avcC record.
 //
-// `encode` converts the BGRA frame on the caller's thread (libyuv) and queues it; the encoder
-// runs on a thread of its own, the only one that touches the codec context, and hands each
-// compressed frame to `output` there, in order, as length-prefixed NAL units with the capture's
-// own time stamps.
+// `encode` converts the BGRA frame on the caller's thread (FrameConverter) and queues it; the
+// encoder runs on a thread of its own, the only one that touches the codec context, and hands
+// each compressed frame to `output` there, in order, as length-prefixed NAL units with the
+// capture's own time stamps. It knows nothing of where the frames go: whoever makes it says so
+// with `output` (the capture engine: the replay buffer).
 class VideoEncoder
 {
 public:
     // `keyFormat` is set at key frames (once the encoder has produced its SPS/PPS).
-    using Output = std::function<void(ReplayBuffer::EncodedFrame frame, VideoFormatPtr keyFormat)>;
+    using Output = std::function<void(EncodedFrame frame, VideoFormatPtr keyFormat)>;
 
     // Converted frames waiting for, or inside, the encoder thread. A frame that finds the queue
     // full is dropped: the encoder is behind real time, and holding the capture queue back
     // would only make every later frame late too.
     static constexpr int maxWaiting = 2;
 
-    // Opens the first family that accepts the settings at this size and logs which one it is
-    // and why the others were passed over. Throws RecorderError::writerFailed("Could not start
-    // the video encoder (<status>).") when none does, with the last family's libav status.
+    // Opens the first family that accepts the settings at this size; choice() says which one it
+    // is and why the others were passed over. When none does, throws
+    // RecorderError::writerFailed("Could not start the video encoder (<status>): <why>.") with
+    // the last family's libav status and what each family said.
     VideoEncoder(int64_t width, int64_t height, Output output);
     // Frames still waiting are discarded; a frame being encoded finishes first. Once this
     // returns, `output` is never called again. Must not run on the encoder's thread.
@@ -48,16 +53,19 @@ public:
     VideoEncoder(const VideoEncoder &) = delete;
     VideoEncoder &operator=(const VideoEncoder &) = delete;
 
-    // Hands one captured frame to the encoder. `ordinal` counts the frames handed over since
-    // the encoder was opened, from 1; a failed submission among the first five is reported in
-    // the system log ("encode status <status>"), later ones are silent. Call from one thread
-    // at a time.
-    void encode(const VideoFrame &frame, int64_t ordinal);
+    // Hands one captured frame to the encoder. Idle frames and frames without pixels carry
+    // nothing new and are ignored. A failed submission among the first five frames handed over
+    // is reported in the system log ("encode status <status>"), later ones are silent. Call
+    // from one thread at a time.
+    void encode(const VideoFrame &frame);
 
+    // The libavcodec encoder in use ("libx264").
     const std::string &name() const { return m_name; }
+    // For the log: "libx264 at 1920x1080 (h264_vaapi: no render node; …)".
+    const QString &choice() const { return m_choice; }
 
 private:
-    using FramePtr = VideoEncoderBackends::FramePtr;
+    using FramePtr = FFmpeg::FramePtr;
 
     struct Job
     {
@@ -80,7 +88,6 @@ private:
     FramePtr takePicture();
     // Takes back a picture the encoder is done with and frees its place in the queue.
     void release(FramePtr picture);
-    bool convert(const VideoFrame &frame, AVFrame *picture) const;
     static void reportSubmission(int status, int64_t ordinal);
 
     // These run on the encoder thread only.
@@ -92,15 +99,17 @@ private:
 
     const Output m_output;
     std::string m_name;
+    QString m_choice;
+    int64_t m_handedOver = 0; // frames given to encode(), on the caller's thread
     int m_width = 0;
     int m_height = 0;
     AVPixelFormat m_inputFormat = AV_PIX_FMT_NONE;
     bool m_annexB = true; // how the encoder writes its packets
 
     // Used on the encoder thread only (after the constructor).
-    VideoEncoderBackends::CodecContextPtr m_context;
-    VideoEncoderBackends::BufferPtr m_hwFrames;
-    VideoEncoderBackends::PacketPtr m_packet;
+    FFmpeg::CodecContextPtr m_context;
+    FFmpeg::BufferPtr m_hwFrames;
+    FFmpeg::PacketPtr m_packet;
     VideoFormatPtr m_format;
     std::deque<Timing> m_timings; // submitted frames not yet returned, oldest first
     int64_t m_lastEncoderPts = 0;

@@ -34,6 +34,14 @@ constexpr int peakBufferBits = 8'000'000 * 8;
 // also keeps a many-core machine from spreading one stream over every core.)
 constexpr int x264Threads = 2;
 
+using FFmpeg::BufferPtr;
+using FFmpeg::CodecContextPtr;
+
+std::string errorText(int status)
+{
+    return FFmpeg::errorText(status).toStdString();
+}
+
 using Options = std::initializer_list<std::pair<const char *, const char *>>;
 
 void applyCommonSettings(AVCodecContext *context, int width, int height, AVPixelFormat format)
@@ -220,13 +228,6 @@ constexpr std::array<Family, 4> allFamilies {{
 }};
 
 } // namespace
-
-std::string errorText(int status)
-{
-    char text[AV_ERROR_MAX_STRING_SIZE] = {};
-    av_strerror(status, text, sizeof text);
-    return text;
-}
 
 std::span<const Family> families()
 {

@@ -312,7 +312,7 @@ TEST_F(ClipEngineTest, StillScreenEncodesOnlyTheFirstFrame)
     engine.start().waitForFinished();
     ASSERT_TRUE(waitUntil([&] { return engine.framesIdle() >= 3; }, 20000))
         << engine.framesDelivered() << " delivered, " << engine.framesIdle() << " idle";
-    EXPECT_EQ(engine.buffer().framesIn.load(), 1);
+    EXPECT_EQ(engine.framesIn(), 1);
     EXPECT_EQ(engine.framesDelivered() - engine.framesIdle(), 1);
     EXPECT_LE(engine.framesIdle(), 5); // about one a second, not one a tick
     engine.stop(false).waitForFinished();

@@ -29,35 +29,35 @@ TEST_F(ClipExportTest, SaysWhyNothingCouldBeSaved)
     // The application words this one with the clip key's name.
     const QString gettingStarted = RecorderError::stillStarting().text();
     ReplayBuffer buffer;
-    EXPECT_EQ(wait(buffer.exportClip()).error, gettingStarted);
+    EXPECT_EQ(wait(exportOf(buffer)).error, gettingStarted);
 
     // Frames, but none of them a key frame yet.
     for (int64_t i = 1; i < 100; ++i)
-        buffer.storeEncodedFrame(video.frame(i, origin()), nullptr);
-    EXPECT_EQ(wait(buffer.exportClip()).error, gettingStarted);
+        buffer.appendVideo(video.frame(i, origin()), nullptr);
+    EXPECT_EQ(wait(exportOf(buffer)).error, gettingStarted);
 
     // A key frame, but the encoder has not said what its format is.
     ReplayBuffer unformatted;
-    unformatted.storeEncodedFrame(video.frame(0, origin()), nullptr);
-    EXPECT_EQ(wait(unformatted.exportClip()).error, gettingStarted);
+    unformatted.appendVideo(video.frame(0, origin()), nullptr);
+    EXPECT_EQ(wait(exportOf(unformatted)).error, gettingStarted);
 
     expectUntouched(buffer, 99, 0);
 
     // One tiny frame makes a complete but empty-looking file, which is not kept.
     ReplayBuffer tiny;
     const uint8_t payload[] = {0, 0, 0, 4, 0x65, 0x88, 0x84, 0x00};
-    tiny.storeEncodedFrame({Bytes::copy(payload), origin(), MediaTime::make(1, 60), true},
-                           video.format());
-    EXPECT_EQ(wait(tiny.exportClip()).error, QStringLiteral("Clip file was empty."));
+    tiny.appendVideo({Bytes::copy(payload), origin(), MediaTime::make(1, 60), true},
+                     video.format());
+    EXPECT_EQ(wait(exportOf(tiny)).error, QStringLiteral("Clip file was empty."));
 
     // Frames the writer refuses every one of (no usable time stamps) make no clip at all.
     ReplayBuffer timeless;
     for (int64_t i = 0; i < 10; ++i) {
         ReplayBuffer::EncodedFrame frame = video.frame(i);
         frame.pts = MediaTime::invalid();
-        timeless.storeEncodedFrame(std::move(frame), video.format());
+        timeless.appendVideo(std::move(frame), video.format());
     }
-    EXPECT_EQ(wait(timeless.exportClip()).error,
+    EXPECT_EQ(wait(exportOf(timeless)).error,
               QStringLiteral("Could not write video into the clip."));
 
     EXPECT_EQ(recordingsFiles(), QStringList());
@@ -79,7 +79,7 @@ TEST_F(ClipExportTest, UnwritableRecordingsFolderKeepsTheBuffer)
         ASSERT_TRUE(blocker.open(QIODevice::WriteOnly));
     }
 
-    const Outcome blocked = wait(buffer.exportClip());
+    const Outcome blocked = wait(exportOf(buffer));
     EXPECT_TRUE(blocked.error.startsWith(QStringLiteral("Could not save Clip ")))
         << blocked.error.toStdString();
     EXPECT_TRUE(blocked.error.endsWith(QStringLiteral(": Not a directory.")))
@@ -88,7 +88,7 @@ TEST_F(ClipExportTest, UnwritableRecordingsFolderKeepsTheBuffer)
     expectUntouched(buffer, 240, 400);
 
     ASSERT_TRUE(QFile::remove(folder));
-    const Outcome retried = wait(buffer.exportClip());
+    const Outcome retried = wait(exportOf(buffer));
     ASSERT_EQ(retried.error, QString());
     EXPECT_EQ(probe::decodeErrors(retried.path), QString());
 }
@@ -141,7 +141,7 @@ TEST_F(ClipExportTest, TemporaryFolderOnAnotherFileSystem)
     storeFrames(buffer, 0, 360);
     storeAudio(buffer, PcmTestSource {}, 0, 6);
     setenv("TMPDIR", QFile::encodeName(roomy).constData(), 1);
-    const Outcome copied = wait(buffer.exportClip());
+    const Outcome copied = wait(exportOf(buffer));
     ASSERT_EQ(copied.error, QString());
     EXPECT_EQ(recordingsFiles(), QStringList {QFileInfo(copied.path).fileName()});
     EXPECT_EQ(tempFiles(), QStringList());
@@ -150,7 +150,7 @@ TEST_F(ClipExportTest, TemporaryFolderOnAnotherFileSystem)
     TemporaryMount fullMount(full, "size=64k");
     ASSERT_TRUE(fullMount.mounted()) << fullMount.error();
     setenv("TMPDIR", QFile::encodeName(full).constData(), 1);
-    const Outcome failed = wait(buffer.exportClip());
+    const Outcome failed = wait(exportOf(buffer));
     EXPECT_TRUE(failed.error.contains(QStringLiteral("No space left on device")))
         << failed.error.toStdString();
     EXPECT_EQ(tempFiles(), QStringList());

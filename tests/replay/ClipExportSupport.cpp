@@ -2,6 +2,7 @@
 
 #include "core/Paths.h"
 #include "media/RecorderError.h"
+#include "replay/ClipExport.h"
 
 #include <QFile>
 
@@ -13,7 +14,7 @@ void ClipExportTest::storeFrames(ReplayBuffer &buffer, int64_t first, int64_t en
     for (int64_t i = first; i < end; ++i) {
         ReplayBuffer::EncodedFrame frame = video.frame(i, origin());
         const bool key = frame.isKey;
-        buffer.storeEncodedFrame(std::move(frame), key ? video.format() : nullptr);
+        buffer.appendVideo(std::move(frame), key ? video.format() : nullptr);
     }
 }
 
@@ -45,4 +46,9 @@ ClipExportTest::Outcome ClipExportTest::wait(QFuture<QString> future)
     } catch (const RecorderError &error) {
         return {{}, error.text()};
     }
+}
+
+QFuture<QString> ClipExportTest::exportOf(const ReplayBuffer &buffer)
+{
+    return ClipExport::exportClip(buffer.snapshot());
 }

@@ -32,6 +32,8 @@ protected:
         QString error; // the error's text, on failure
     };
     static Outcome wait(QFuture<QString> future);
+    // Starts the export of what `buffer` holds now.
+    static QFuture<QString> exportOf(const ReplayBuffer &buffer);
 
     H264TestSource video {320, 240, 1'000'000};
 };

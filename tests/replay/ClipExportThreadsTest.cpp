@@ -24,7 +24,7 @@ TEST_F(ClipExportTest, ExportsWhileCaptureKeepsAppending)
         for (int64_t f = 240; !stop; ++f) {
             ReplayBuffer::EncodedFrame frame = video.frame(f, origin());
             const bool key = frame.isKey;
-            buffer.storeEncodedFrame(std::move(frame), key ? video.format() : nullptr);
+            buffer.appendVideo(std::move(frame), key ? video.format() : nullptr);
             for (; packet * 60 < (f + 1) * 100; ++packet)
                 buffer.appendAudio(tone.sampleBuffer(packet, origin()));
             ++stored;
@@ -36,7 +36,7 @@ TEST_F(ClipExportTest, ExportsWhileCaptureKeepsAppending)
     QStringList clips;
     for (int save = 0; save < 3; ++save) {
         const int64_t before = stored;
-        const Outcome outcome = wait(buffer.exportClip());
+        const Outcome outcome = wait(exportOf(buffer));
         ASSERT_EQ(outcome.error, QString());
         EXPECT_GT(stored - before, 0) << "capture stalled during save " << save;
         clips << outcome.path;

@@ -41,7 +41,7 @@ inline int64_t feedVideo(ReplayBuffer &buffer, int64_t first, double seconds, in
 {
     const int64_t end = first + int64_t(seconds * 60);
     for (int64_t i = first; i < end; ++i)
-        buffer.storeEncodedFrame(frame(i, i % keyInterval == 0), videoFormat());
+        buffer.appendVideo(frame(i, i % keyInterval == 0), videoFormat());
     return end;
 }
 

@@ -26,7 +26,7 @@ TEST_F(ReplayBufferThreads, SnapshotsStayConsistentWhileThreeStreamsAppend)
     std::atomic<bool> done = false;
     std::thread video([&] {
         for (int64_t i = 0; i < frames; ++i)
-            buffer.storeEncodedFrame(frame(i, i % 120 == 0, 2000), videoFormat());
+            buffer.appendVideo(frame(i, i % 120 == 0, 2000), videoFormat());
     });
     auto audioThread = [&](bool mic) {
         return std::thread([&, mic] {
@@ -49,7 +49,7 @@ TEST_F(ReplayBufferThreads, SnapshotsStayConsistentWhileThreeStreamsAppend)
             EXPECT_TRUE(snap.video.front().isKey);
             const MediaTime span = snap.video.back().pts - snap.video.front().pts;
             EXPECT_LE(span.seconds(), 17.0 + 1e-9);
-            const MediaTime audioCutoff = snap.video.front().pts - MediaTime::make(120, 600);
+            const MediaTime audioCutoff = snap.video.front().pts - ReplayBuffer::audioLead;
             for (const auto *list : {&snap.audio, &snap.mic})
                 for (const auto &packet : *list)
                     ASSERT_GE(packet.pts, audioCutoff);
@@ -66,7 +66,6 @@ TEST_F(ReplayBufferThreads, SnapshotsStayConsistentWhileThreeStreamsAppend)
 
     EXPECT_GT(snapshots, 0);
     EXPECT_EQ(passedOn, frames);
-    EXPECT_EQ(buffer.framesEncoded(), frames);
     EXPECT_GE(buffer.bufferedDuration(), 15.0);
     EXPECT_LE(buffer.bufferedDuration(), 17.0);
 }

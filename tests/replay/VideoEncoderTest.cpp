@@ -1,6 +1,4 @@
 #include "replay/VideoEncoder.h"
-#include "core/ClipSettings.h"
-#include "core/Paths.h"
 #include "media/RecorderError.h"
 #include "replay/ReplayBuffer.h"
 
@@ -13,11 +11,11 @@ extern "C" {
 }
 
 #include <algorithm>
-#include <atomic>
 #include <chrono>
+#include <condition_variable>
 #include <cstdlib>
 #include <memory>
-#include <thread>
+#include <mutex>
 #include <vector>
 
 using namespace std::chrono_literals;
@@ -66,25 +64,57 @@ private:
     int m_height;
 };
 
-template<typename Predicate> bool waitFor(Predicate done, std::chrono::milliseconds timeout = 10s)
+// The encoder feeding a replay buffer, wired as the capture engine wires them.
+class Pipeline
 {
-    const auto end = std::chrono::steady_clock::now() + timeout;
-    while (!done()) {
-        if (std::chrono::steady_clock::now() > end)
-            return false;
-        std::this_thread::sleep_for(1ms);
-    }
-    return true;
-}
+public:
+    ~Pipeline() { close(); }
 
-// Hands frames over one at a time, waiting for each to come back, so none finds the encoder's
-// queue full.
-void encodeInStep(ReplayBuffer &buffer, const VideoFrame &frame)
-{
-    const int64_t before = buffer.framesEncoded();
-    buffer.encodeVideo(frame);
-    ASSERT_TRUE(waitFor([&] { return buffer.framesEncoded() > before; }));
-}
+    void open(int64_t width, int64_t height)
+    {
+        close();
+        encoder = std::make_unique<VideoEncoder>(
+            width, height, [this](EncodedFrame frame, VideoFormatPtr keyFormat) {
+                buffer.appendVideo(std::move(frame), std::move(keyFormat));
+                std::scoped_lock lock(m_lock);
+                ++m_returned;
+                m_changed.notify_all();
+            });
+    }
+    void close()
+    {
+        encoder.reset();
+        buffer.invalidate();
+    }
+
+    int64_t returned()
+    {
+        std::scoped_lock lock(m_lock);
+        return m_returned;
+    }
+    // Waits until the encoder has returned `count` frames in all.
+    bool waitForReturned(int64_t count)
+    {
+        std::unique_lock lock(m_lock);
+        return m_changed.wait_for(lock, 10s, [&] { return m_returned >= count; });
+    }
+    // Hands frames over one at a time, waiting for each to come back, so none finds the
+    // encoder's queue full.
+    void encodeInStep(const VideoFrame &frame)
+    {
+        const int64_t before = returned();
+        encoder->encode(frame);
+        ASSERT_TRUE(waitForReturned(before + 1));
+    }
+
+    ReplayBuffer buffer;
+    std::unique_ptr<VideoEncoder> encoder;
+
+private:
+    std::mutex m_lock;
+    std::condition_variable m_changed;
+    int64_t m_returned = 0;
+};
 
 // The NAL unit types of a length-prefixed sample, or nothing when it is not well formed.
 std::vector<int> nalTypes(const Bytes &sample)
@@ -158,10 +188,11 @@ Decoded decode(const ReplayBuffer::Snapshot &snap)
     return out;
 }
 
-QString startFailure(ReplayBuffer &buffer, int64_t width, int64_t height)
+// The encoder's start, as the text of its error, or "(started)".
+QString startFailure(int64_t width, int64_t height)
 {
     try {
-        buffer.prepare(width, height);
+        VideoEncoder encoder(width, height, [](EncodedFrame, VideoFormatPtr) {});
     } catch (const RecorderError &error) {
         return error.kind() == RecorderError::Kind::writerFailed ? error.text() : QString();
     }
@@ -183,13 +214,13 @@ protected:
 
 TEST_F(VideoEncoderTest, StoresDecodableHighProfileFramesWithExactTimes)
 {
-    ReplayBuffer buffer;
-    buffer.prepare(320, 240);
-    EXPECT_EQ(buffer.encoderName(), "libx264");
-    std::atomic<int> passedOn = 0;
-    buffer.setOnVideoFrame([&](const ReplayBuffer::EncodedFrame &, const VideoFormatPtr &format) {
-        passedOn += format != nullptr;
-    });
+    Pipeline pipeline;
+    pipeline.open(320, 240);
+    EXPECT_EQ(pipeline.encoder->name(), "libx264");
+    EXPECT_TRUE(pipeline.encoder->choice().startsWith(QStringLiteral("libx264 at 320x240")));
+    int passedOn = 0;
+    pipeline.buffer.setOnVideoFrame(
+        [&](const EncodedFrame &, const VideoFormatPtr &format) { passedOn += format != nullptr; });
 
     // 300 frames on a 90 kHz clock from an arbitrary start; every seventh without a duration.
     MovingPicture pictures(320, 240);
@@ -197,14 +228,13 @@ TEST_F(VideoEncoderTest, StoresDecodableHighProfileFramesWithExactTimes)
     for (int i = 0; i < 300; ++i) {
         sent.push_back(MediaTime::make(987'654'321 + int64_t(i) * 1500, 90000));
         const MediaTime duration = i % 7 ? MediaTime::make(1500, 90000) : MediaTime::invalid();
-        encodeInStep(buffer, pictures.frame(i, sent.back(), duration));
+        pipeline.encodeInStep(pictures.frame(i, sent.back(), duration));
     }
 
-    EXPECT_EQ(buffer.framesIn, 300);
-    EXPECT_EQ(buffer.framesEncoded(), 300);
-    // The callback runs after the frame is stored, so it may trail the count by a moment.
-    EXPECT_TRUE(waitFor([&] { return passedOn == 300; }));
-    const auto snap = buffer.snapshot();
+    EXPECT_EQ(pipeline.returned(), 300);
+    // The buffer passes a frame on before the sink counts it.
+    EXPECT_EQ(passedOn, 300);
+    const auto snap = pipeline.buffer.snapshot();
     ASSERT_EQ(snap.video.size(), 300u);
     EXPECT_TRUE(snap.video[0].isKey);
     size_t lastKey = 0;
@@ -246,13 +276,13 @@ TEST_F(VideoEncoderTest, StoresDecodableHighProfileFramesWithExactTimes)
 
 TEST_F(VideoEncoderTest, KeyFramesComeEveryTwoSecondsHoweverSparseTheFrames)
 {
-    ReplayBuffer buffer;
-    buffer.prepare(160, 96);
+    Pipeline pipeline;
+    pipeline.open(160, 96);
     MovingPicture pictures(160, 96);
     // A mostly still screen: a frame every 0.3 s for 12 s, far fewer than 120 frames.
     for (int i = 0; i < 40; ++i)
-        encodeInStep(buffer, pictures.frame(i, replay_test::nanos(100 + i * 0.3)));
-    const auto snap = buffer.snapshot();
+        pipeline.encodeInStep(pictures.frame(i, replay_test::nanos(100 + i * 0.3)));
+    const auto snap = pipeline.buffer.snapshot();
     ASSERT_EQ(snap.video.size(), 40u);
     MediaTime lastKey = snap.video[0].pts;
     int keys = 0;
@@ -268,113 +298,69 @@ TEST_F(VideoEncoderTest, KeyFramesComeEveryTwoSecondsHoweverSparseTheFrames)
     EXPECT_LE(keys, 8) << "key frames should not come more often than needed";
 }
 
-TEST_F(VideoEncoderTest, PrepareAndInvalidateEmptyTheBufferAndStopStoring)
+TEST_F(VideoEncoderTest, EncodesOnlyNewPicturesOfItsSizeAndNothingOnceClosed)
 {
-    ClipSettings::setMaxDuration(15);
-    ReplayBuffer buffer;
-    buffer.prepare(320, 240);
-    MovingPicture pictures(320, 240);
-    for (int i = 0; i < 30; ++i)
-        encodeInStep(buffer, pictures.frame(i, replay_test::frameTime(i)));
-    replay_test::AudioFeed audio;
-    buffer.appendAudio(audio.at(0.1));
-    buffer.appendMic(audio.at(0.1));
-    ASSERT_EQ(buffer.videoCount(), 30);
-
-    // A new session at another size: everything from the old one is gone.
-    buffer.prepare(160, 96);
-    EXPECT_EQ(buffer.videoCount(), 0);
-    EXPECT_EQ(buffer.audioCount(), 0);
-    EXPECT_EQ(buffer.framesIn, 0);
-    EXPECT_EQ(buffer.framesEncoded(), 0);
-    auto snap = buffer.snapshot();
-    EXPECT_TRUE(snap.mic.empty());
-    EXPECT_FALSE(snap.videoFormat || snap.audioFormat || snap.micFormat);
-    // Frames of the old size no longer fit and are refused; idle frames and frames without
-    // pixels are not even counted.
-    buffer.encodeVideo(pictures.frame(30, replay_test::frameTime(30)));
-    VideoFrame idle = MovingPicture(160, 96).frame(0, replay_test::frameTime(31));
-    idle.status = VideoFrame::Status::idle;
-    buffer.encodeVideo(idle);
-    buffer.encodeVideo(VideoFrame {});
-    EXPECT_EQ(buffer.framesIn, 1);
+    Pipeline pipeline;
+    pipeline.open(160, 96);
     MovingPicture small(160, 96);
+    // Idle frames and frames without pixels carry nothing new; frames of another size do not
+    // fit. None of them comes back.
+    VideoFrame idle = small.frame(0, replay_test::frameTime(0));
+    idle.status = VideoFrame::Status::idle;
+    pipeline.encoder->encode(idle);
+    pipeline.encoder->encode(VideoFrame {});
+    pipeline.encoder->encode(MovingPicture(320, 240).frame(1, replay_test::frameTime(1)));
     for (int i = 0; i < 10; ++i)
-        encodeInStep(buffer, small.frame(i, replay_test::frameTime(100 + i)));
-    snap = buffer.snapshot();
+        pipeline.encodeInStep(small.frame(i, replay_test::frameTime(10 + i)));
+    EXPECT_EQ(pipeline.returned(), 10);
+    auto snap = pipeline.buffer.snapshot();
     ASSERT_EQ(snap.video.size(), 10u);
+    EXPECT_EQ(snap.video.front().pts, replay_test::frameTime(10));
     EXPECT_EQ(snap.videoFormat->width, 160);
 
-    // Frames still inside the encoder when it is torn down never reach the buffer.
+    // Frames still inside the encoder when it is closed never come out of it.
     for (int i = 0; i < VideoEncoder::maxWaiting; ++i)
-        buffer.encodeVideo(small.frame(10 + i, replay_test::frameTime(110 + i)));
-    buffer.invalidate();
-    EXPECT_EQ(buffer.encoderName(), "");
-    EXPECT_EQ(buffer.videoCount(), 0);
-    const int64_t handedOver = buffer.framesIn;
-    buffer.encodeVideo(small.frame(20, replay_test::frameTime(120)));
-    std::this_thread::sleep_for(100ms);
-    EXPECT_EQ(buffer.videoCount(), 0);
-    EXPECT_EQ(buffer.framesIn, handedOver);
+        pipeline.encoder->encode(small.frame(10 + i, replay_test::frameTime(20 + i)));
+    pipeline.encoder.reset();
+    const int64_t returned = pipeline.returned();
+    EXPECT_LE(returned, 10 + VideoEncoder::maxWaiting);
+    pipeline.buffer.invalidate();
+    EXPECT_EQ(pipeline.buffer.videoCount(), 0);
+    EXPECT_EQ(pipeline.returned(), returned);
 }
 
-TEST_F(VideoEncoderTest, EncodersThatCannotStartReportWhyAndLeaveNoSession)
+TEST_F(VideoEncoderTest, EncodersThatCannotStartSayWhy)
 {
-    ReplayBuffer buffer;
-    const QString invalid = QStringLiteral("Could not start the video encoder (%1).");
-    EXPECT_EQ(startFailure(buffer, 0, 240), invalid.arg(AVERROR(EINVAL)));
-    EXPECT_EQ(startFailure(buffer, 320, -2), invalid.arg(AVERROR(EINVAL)));
-    EXPECT_EQ(startFailure(buffer, int64_t(1) << 32, 240), invalid.arg(AVERROR(EINVAL)));
+    const QString invalid = QStringLiteral("Could not start the video encoder (%1): %2.");
+    EXPECT_EQ(startFailure(0, 240),
+              invalid.arg(AVERROR(EINVAL)).arg(QStringLiteral("no encoder takes 0x240 pixels")));
+    EXPECT_EQ(startFailure(320, -2),
+              invalid.arg(AVERROR(EINVAL)).arg(QStringLiteral("no encoder takes 320x-2 pixels")));
+    EXPECT_EQ(
+        startFailure(int64_t(1) << 32, 240),
+        invalid.arg(AVERROR(EINVAL)).arg(QStringLiteral("no encoder takes 4294967296x240 pixels")));
 
     setenv("VANTREL_ENCODER", "h264_nonesuch", 1);
-    EXPECT_EQ(startFailure(buffer, 320, 240), invalid.arg(AVERROR_ENCODER_NOT_FOUND));
+    EXPECT_EQ(startFailure(320, 240),
+              invalid.arg(AVERROR_ENCODER_NOT_FOUND)
+                  .arg(QStringLiteral("h264_nonesuch: no such encoder")));
     // Without their hardware (as on the test machines) the other families fail with a libav
-    // status instead of crashing or hanging; with it, they simply open.
+    // status and their reason instead of crashing or hanging; with it, they simply open.
     for (const char *name : {"h264_vaapi", "h264_nvenc", "h264_qsv"}) {
         setenv("VANTREL_ENCODER", name, 1);
-        const QString outcome = startFailure(buffer, 320, 240);
+        const QString outcome = startFailure(320, 240);
         if (outcome != QStringLiteral("(started)")) {
             EXPECT_TRUE(outcome.startsWith(QStringLiteral("Could not start the video encoder (-")))
                 << name << ": " << outcome.toStdString();
+            EXPECT_TRUE(outcome.contains(QStringLiteral("): %1: ").arg(QLatin1String(name))))
+                << name << ": " << outcome.toStdString();
         }
-        buffer.invalidate();
     }
-    EXPECT_EQ(buffer.encoderName(), "");
-    buffer.encodeVideo(MovingPicture(320, 240).frame(0, replay_test::frameTime(0)));
-    EXPECT_EQ(buffer.framesIn, 0);
-    EXPECT_EQ(buffer.videoCount(), 0);
 
-    // Every start says in the log file which encoder it chose, or why none.
+    // Left to choose, it says which family it took and why it passed the others over.
     unsetenv("VANTREL_ENCODER");
-    buffer.prepare(320, 240);
-    const QString log = readTextFile(Paths::logFile());
-    EXPECT_TRUE(log.contains(
-        QStringLiteral("video encoder: none opened at 320x240 (h264_nonesuch: no such encoder)")))
-        << log.toStdString();
-    EXPECT_TRUE(log.contains(QStringLiteral("video encoder %1 at 320x240")
-                                 .arg(QString::fromStdString(buffer.encoderName()))))
-        << log.toStdString();
-}
-
-TEST_F(VideoEncoderTest, OnlyTheFirstFiveFailedSubmissionsAreLogged)
-{
-    ReplayBuffer buffer;
-    buffer.prepare(320, 240);
-    MovingPicture wrongSize(160, 96);
-    testing::internal::CaptureStderr();
-    for (int i = 0; i < 8; ++i)
-        buffer.encodeVideo(wrongSize.frame(i, replay_test::frameTime(i)));
-    const std::string logged = testing::internal::GetCapturedStderr();
-    std::string expected;
-    for (int i = 0; i < 5; ++i)
-        expected += "Vantrel: encode status " + std::to_string(AVERROR(EINVAL)) + "\n";
-    EXPECT_EQ(logged, expected);
-    EXPECT_EQ(buffer.framesIn, 8);
-    EXPECT_EQ(buffer.framesEncoded(), 0);
-
-    // The count starts again with the next session.
-    buffer.prepare(320, 240);
-    testing::internal::CaptureStderr();
-    buffer.encodeVideo(wrongSize.frame(0, replay_test::frameTime(0)));
-    EXPECT_EQ(testing::internal::GetCapturedStderr(), "Vantrel: encode status -22\n");
+    VideoEncoder chosen(320, 240, [](EncodedFrame, VideoFormatPtr) {});
+    EXPECT_TRUE(chosen.choice().startsWith(
+        QStringLiteral("%1 at 320x240").arg(QString::fromStdString(chosen.name()))))
+        << chosen.choice().toStdString();
 }
