@@ -133,7 +133,7 @@ int main(int argc, char **argv)
         const int64_t saveFrom = monotonicNanoseconds();
         QString clip;
         try {
-            clip = engine.saveClip().result();
+            clip = engine.saveClip().result().path;
         } catch (const std::exception &e) {
             std::fprintf(stderr, "bench_armed_cpu: save failed: %s\n", e.what());
             return 1;

@@ -116,10 +116,10 @@ void writePeerInputs(Case &c, const QString &folder)
 double runOurs(Case &c)
 {
     const auto start = std::chrono::steady_clock::now();
-    QFuture<QString> future = ClipExport::exportClip(c.buffer->snapshot());
+    QFuture<WrittenFile> future = ClipExport::exportClip(c.buffer->snapshot());
     future.waitForFinished();
     const double elapsed = bench::secondsSince(start);
-    QFile::remove(future.result());
+    QFile::remove(future.result().path);
     return elapsed;
 }
 

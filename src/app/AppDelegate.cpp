@@ -291,17 +291,15 @@ QCoro::Task<void> AppDelegate::runStop()
 {
     QPointer<AppDelegate> self(this);
     HotkeyManager::shared().setArmed(false);
-    const std::optional<QString> kept = co_await m_engine->stop(true);
+    const SessionOutcome session = co_await m_engine->stop(true);
     if (!self)
         co_return;
     m_model.setIsClipping(false);
     m_userStopping = false;
-    if (kept) {
-        m_model.setStatus(QStringLiteral("Saved ") + QFileInfo(*kept).fileName());
+    const QString said = StatusTexts::forSession(session);
+    m_model.setStatus(said.isEmpty() ? idleStatus() : said);
+    if (session.file)
         m_library->refreshClips(false);
-    } else {
-        m_model.setStatus(idleStatus());
-    }
     refreshStatusItem();
 }
 
@@ -323,21 +321,25 @@ void AppDelegate::saveClip()
 QCoro::Task<void> AppDelegate::runSave()
 {
     QPointer<AppDelegate> self(this);
-    QString path;
+    WrittenFile clip;
     QString failure;
     try {
-        path = co_await m_engine->saveClip();
+        clip = co_await m_engine->saveClip();
     } catch (const std::exception &error) {
         failure = StatusTexts::forError(error);
     }
     if (!self)
         co_return;
     if (failure.isEmpty()) {
-        m_model.setStatus(QStringLiteral("Saved %1.").arg(QFileInfo(path).fileName()));
+        // A clip the writer would not take all of is still a clip in the library, but it does
+        // not sound like a success.
+        if (!clip.shortfall.isComplete())
+            ClipSound::playError();
+        m_model.setStatus(StatusTexts::forSavedClip(clip));
         m_model.setTab(AppModel::Tab::library);
         m_library->refreshClips(true);
         if (hooks.share)
-            hooks.share(QUrl::fromLocalFile(path));
+            hooks.share(QUrl::fromLocalFile(clip.path));
     } else {
         ClipSound::playError();
         m_model.setStatus(failure);

@@ -3,6 +3,8 @@
 #include "input/ClipHotkey.h"
 #include "media/RecorderError.h"
 
+#include <QFileInfo>
+
 namespace StatusTexts {
 
 QString forError(const std::exception &error)
@@ -20,6 +22,35 @@ QString forError(const std::exception &error)
     default:
         return recorder->text();
     }
+}
+
+namespace {
+
+QString incomplete(const WrittenFile &file)
+{
+    return QStringLiteral("%1 is incomplete: %2 could not be written.")
+        .arg(QFileInfo(file.path).fileName(), file.shortfall.text());
+}
+
+} // namespace
+
+QString forSavedClip(const WrittenFile &clip)
+{
+    if (!clip.shortfall.isComplete())
+        return incomplete(clip);
+    return QStringLiteral("Saved %1.").arg(QFileInfo(clip.path).fileName());
+}
+
+QString forSession(const SessionOutcome &session)
+{
+    if (session.file) {
+        if (!session.file->shortfall.isComplete())
+            return incomplete(*session.file);
+        return QStringLiteral("Saved ") + QFileInfo(session.file->path).fileName();
+    }
+    if (!session.failure.isEmpty())
+        return QStringLiteral("The session recording could not be saved: %1").arg(session.failure);
+    return {};
 }
 
 } // namespace StatusTexts

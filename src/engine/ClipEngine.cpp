@@ -395,13 +395,12 @@ void ClipEngine::clearBufferCallbacks()
     m_buffer.setOnMicPacket({});
 }
 
-QFuture<std::optional<QString>> ClipEngine::stop(bool saveSession)
+QFuture<SessionOutcome> ClipEngine::stop(bool saveSession)
 {
     return beginStop(saveSession, {});
 }
 
-QFuture<std::optional<QString>> ClipEngine::beginStop(bool saveSession,
-                                                      std::function<void()> afterwards)
+QFuture<SessionOutcome> ClipEngine::beginStop(bool saveSession, std::function<void()> afterwards)
 {
     std::shared_ptr<StopTask> stop;
     bool isNew = false;
@@ -441,7 +440,7 @@ QFuture<std::optional<QString>> ClipEngine::beginStop(bool saveSession,
     return stop->future;
 }
 
-std::optional<QString> ClipEngine::performStop(bool saveSession)
+SessionOutcome ClipEngine::performStop(bool saveSession)
 {
     // From here on samples are dropped, and the stream's own stop callback is ignored.
     m_ignoringStreamStop = true;
@@ -452,10 +451,15 @@ std::optional<QString> ClipEngine::performStop(bool saveSession)
         std::scoped_lock lock(m_stateLock);
         recorder = m_sessionRecorder;
     }
-    std::optional<QString> session;
+    SessionOutcome session;
     if (recorder) {
         // The recorder's queue answers; the stream keeps delivering meanwhile, and drops.
         session = recorder->finish(saveSession).result();
+        if (session.file && !session.file->shortfall.isComplete())
+            log(QStringLiteral("session file %1 is missing %2")
+                    .arg(session.file->path, session.file->shortfall.text()));
+        if (!session.failure.isEmpty())
+            log(QStringLiteral("session file lost: %1").arg(session.failure));
         std::scoped_lock lock(m_stateLock);
         if (m_sessionRecorder == recorder)
             m_sessionRecorder.reset();
@@ -510,9 +514,9 @@ void ClipEngine::logCaptureCounts(const QString &when) const
             .arg(counts.unchanged));
 }
 
-QFuture<QString> ClipEngine::saveClip()
+QFuture<WrittenFile> ClipEngine::saveClip()
 {
-    return SharedPool::task<QString>([this] {
+    return SharedPool::task<WrittenFile>([this] {
         if (!m_armed)
             throw RecorderError::notArmed();
         log(QString::asprintf("saveClip buffer=%.1fs videos=%d audio=%d",
@@ -533,12 +537,15 @@ QFuture<QString> ClipEngine::saveClip()
             }
         }
         // Both answer from their own queues, not from the pool.
-        QString clip;
+        WrittenFile clip;
         {
             const auto written =
                 qScopeGuard([this] { logCaptureCounts(QStringLiteral("save written")); });
             clip = ClipExport::exportClip(m_buffer.snapshot(), options).result();
         }
-        return ClipFinish::publish(clip).result();
+        if (!clip.shortfall.isComplete())
+            log(QStringLiteral("clip %1 is missing %2").arg(clip.path, clip.shortfall.text()));
+        clip.path = ClipFinish::publish(clip.path).result();
+        return clip;
     });
 }

@@ -2,6 +2,7 @@
 
 #include "capture/ScreenStream.h"
 #include "replay/ReplayBuffer.h"
+#include "replay/WrittenFile.h"
 
 #include <QFuture>
 #include <QPromise>
@@ -66,12 +67,13 @@ public:
     // Arms. Fails with a RecorderError (or the encoder's preparation error). Does nothing when
     // already armed. The start is given 8 seconds.
     QFuture<void> start();
-    // Disarms and answers the session file kept in the recordings folder, if any. Concurrent
-    // callers share one teardown and its result, whatever `saveSession` each passed; the result
-    // stays until the next start().
-    QFuture<std::optional<QString>> stop(bool saveSession = true);
-    // Exports the buffer's last seconds and answers the published clip.
-    QFuture<QString> saveClip();
+    // Disarms and answers the session file kept in the recordings folder, if any, with what it
+    // lacks, or why a file that was to be kept was lost. Concurrent callers share one teardown
+    // and its result, whatever `saveSession` each passed; the result stays until the next
+    // start().
+    QFuture<SessionOutcome> stop(bool saveSession = true);
+    // Exports the buffer's last seconds and answers the published clip with what it lacks.
+    QFuture<WrittenFile> saveClip();
 
     double bufferedDuration() const { return m_buffer.bufferedDuration(); }
     bool isArmed() const { return m_armed.load(); }
@@ -117,8 +119,8 @@ private:
     // stop's follow-up runs once it is over.
     struct StopTask
     {
-        QPromise<std::optional<QString>> promise;
-        QFuture<std::optional<QString>> future;
+        QPromise<SessionOutcome> promise;
+        QFuture<SessionOutcome> future;
         bool done = false; // guarded by m_stopLock, like the list
         std::vector<std::function<void()>> afterwards;
     };
@@ -130,8 +132,8 @@ private:
     void startCapture(Capture &capture);
     [[noreturn]] void failStart(const std::shared_ptr<Capture> &capture,
                                 const std::exception_ptr &error);
-    QFuture<std::optional<QString>> beginStop(bool saveSession, std::function<void()> afterwards);
-    std::optional<QString> performStop(bool saveSession);
+    QFuture<SessionOutcome> beginStop(bool saveSession, std::function<void()> afterwards);
+    SessionOutcome performStop(bool saveSession);
     void streamDidStop(const std::string &error);
     void clearBufferCallbacks();
     void track(QFuture<void> task);

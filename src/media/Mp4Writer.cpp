@@ -9,10 +9,13 @@
 #include <QFile>
 
 #include <atomic>
+#include <cstdlib>
 #include <cstring>
+#include <cxxabi.h>
 #include <limits>
 #include <mutex>
 #include <stdexcept>
+#include <typeinfo>
 #include <vector>
 
 namespace {
@@ -472,7 +475,59 @@ bool Mp4Writer::isReadyForMoreMediaData(Input input) const
     return d->isReady(d->track(input));
 }
 
-bool Mp4Writer::append(Input input, const MediaSample &sample)
+namespace {
+
+void report(Mp4Writer::AppendError *error, int code, const QString &description)
+{
+    if (error)
+        *error = {QStringLiteral("Vantrel"), code, description};
+}
+
+std::string typeName(const std::type_info &type)
+{
+    int status = 0;
+    std::unique_ptr<char, decltype(&std::free)> demangled(
+        abi::__cxa_demangle(type.name(), nullptr, nullptr, &status), &std::free);
+    return status == 0 && demangled ? demangled.get() : type.name();
+}
+
+// Runs one append, turning a fault into the code-1 error and a refusal into the code-2 one.
+template<typename Append> bool guarded(Mp4Writer::AppendError *error, Append append)
+{
+    try {
+        try {
+            if (append())
+                return true;
+            report(error, Mp4Writer::AppendError::refused,
+                   QStringLiteral("Could not write a frame into the clip."));
+        } catch (const std::exception &e) {
+            const char *what = e.what();
+            report(error, Mp4Writer::AppendError::fault,
+                   QString::fromUtf8(what && *what ? what : typeName(typeid(e)).c_str()));
+        } catch (...) {
+            const std::type_info *type = abi::__cxa_current_exception_type();
+            report(error, Mp4Writer::AppendError::fault,
+                   QString::fromStdString(type ? typeName(*type) : "unknown exception"));
+        }
+    } catch (...) {
+        // Naming the fault failed (no memory for the text); the append still failed.
+    }
+    return false;
+}
+
+} // namespace
+
+bool Mp4Writer::append(Input input, const MediaSample &sample, AppendError *error)
+{
+    return guarded(error, [&] { return appendOrThrow(input, sample); });
+}
+
+bool Mp4Writer::appendEncoded(Input input, const AVPacket &packet, AppendError *error)
+{
+    return guarded(error, [&] { return appendEncodedOrThrow(input, packet); });
+}
+
+bool Mp4Writer::appendOrThrow(Input input, const MediaSample &sample)
 {
     Core::Track &track = d->track(input);
     if (sample.kind != track.kind)
@@ -496,7 +551,7 @@ bool Mp4Writer::append(Input input, const MediaSample &sample)
     return true;
 }
 
-bool Mp4Writer::appendEncoded(Input input, const AVPacket &packet)
+bool Mp4Writer::appendEncodedOrThrow(Input input, const AVPacket &packet)
 {
     Core::Track &track = d->track(input);
     if (!track.isEncoded())

@@ -34,9 +34,10 @@ class SerialQueue;
 // Failures. Refusals are return values: an input that cannot be added, a sample the writer will
 // not take (not writing, input finished, malformed sample, a video time that does not move
 // forward), a file that cannot be started. A writer that fails while writing (a full disk) turns
-// to `Status::failed` with `error()` set and refuses everything after. Faults are exceptions:
-// calls out of order (appending before startSession) or with the wrong input, and running out
-// of memory.
+// to `Status::failed` with `error()` set and refuses everything after. Faults are calls out of
+// order (appending before startSession) or with the wrong input, and running out of memory: the
+// set-up calls throw them, the appends never throw and report them as an AppendError instead, so
+// a feeder on a callback can never be taken down by one sample.
 //
 // Lifecycle: construct, add inputs, startWriting, startSession, append (or pump through
 // requestMediaDataWhenReady), markAsFinished, finishWriting. Destroying a writer that has not
@@ -51,6 +52,18 @@ public:
     struct Input
     {
         int index = -1;
+    };
+
+    // Why an append was not taken. Domain "Vantrel"; code 1 (fault): the writer faulted, and the
+    // description is the fault's message; code 2 (refused): the input would not take the sample,
+    // "Could not write a frame into the clip.".
+    struct AppendError
+    {
+        enum Code { fault = 1, refused = 2 };
+
+        QString domain;
+        int code = 0;
+        QString description;
     };
 
     struct AudioSettings
@@ -91,12 +104,13 @@ public:
 
     bool isReadyForMoreMediaData(Input input) const;
     // Video goes into the muxer at once (the payload is shared, not copied); audio goes to its
-    // track's encoder. False when refused, see above.
-    bool append(Input input, const MediaSample &sample);
+    // track's encoder. Never throws: false when the sample was not taken, with `error` (when
+    // given) saying why.
+    bool append(Input input, const MediaSample &sample, AppendError *error = nullptr);
     // One packet for an input made by addEncodedAudioInput, stamped in its sample rate from the
-    // session's start; times before zero are decoder pre-roll, which players skip. False when
-    // refused (not writing, finished, empty, a time that does not move forward).
-    bool appendEncoded(Input input, const AVPacket &packet);
+    // session's start; times before zero are decoder pre-roll, which players skip. Refused when
+    // not writing, finished, empty or not moving time forward. Never throws, like append.
+    bool appendEncoded(Input input, const AVPacket &packet, AppendError *error = nullptr);
     // Calls `pump` on the queue whenever `input` is ready for more data, until the input is
     // finished. The pump appends while isReadyForMoreMediaData and returns when it is not.
     void requestMediaDataWhenReady(Input input, std::function<void()> pump);
@@ -113,6 +127,9 @@ public:
     QString path() const;
 
 private:
+    bool appendOrThrow(Input input, const MediaSample &sample);
+    bool appendEncodedOrThrow(Input input, const AVPacket &packet);
+
     struct Core;
     std::shared_ptr<Core> d;
 };

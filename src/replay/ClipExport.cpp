@@ -50,10 +50,10 @@ template<typename List> MediaTime endOf(const List &packets)
     return packets.empty() ? MediaTime::invalid() : packets.back().pts + packets.back().duration;
 }
 
-QFuture<QString> failedFuture(const RecorderError &error)
+QFuture<WrittenFile> failedFuture(const RecorderError &error)
 {
-    QPromise<QString> promise;
-    QFuture<QString> future = promise.future();
+    QPromise<WrittenFile> promise;
+    QFuture<WrittenFile> future = promise.future();
     promise.start();
     promise.setException(error);
     promise.finish();
@@ -77,7 +77,7 @@ QString newClipURL()
         .filePath(QStringLiteral("Clip %1 %2.mp4").arg(stamp, newUuidText().left(6)));
 }
 
-QFuture<QString> exportClip(const ReplayBuffer::Snapshot &snapshot, Options options)
+QFuture<WrittenFile> exportClip(const ReplayBuffer::Snapshot &snapshot, Options options)
 {
     const auto &video = snapshot.video;
     size_t first = 0;
@@ -118,8 +118,8 @@ QFuture<QString> exportClip(const ReplayBuffer::Snapshot &snapshot, Options opti
     plan.onWriterDone = std::move(options.onWriterDone);
     QFile::remove(plan.tempPath);
 
-    QPromise<QString> promise;
-    QFuture<QString> future = promise.future();
+    QPromise<WrittenFile> promise;
+    QFuture<WrittenFile> future = promise.future();
     promise.start();
     ClipExportJob::start(std::move(plan), std::move(promise), exportQueue());
     return future;

@@ -1,6 +1,7 @@
 #pragma once
 
 #include "replay/ReplayBuffer.h"
+#include "replay/WrittenFile.h"
 
 #include <QFuture>
 #include <QString>
@@ -34,10 +35,10 @@ struct Options
     int64_t framesEncoded = 0;
 };
 
-// Writes the clip of `snapshot` and answers with its path, or fails with a RecorderError whose
-// text the user sees. The file is written on the export queue, so capture goes on appending to
-// the buffer meanwhile. The future completes exactly once.
-QFuture<QString> exportClip(const ReplayBuffer::Snapshot &snapshot, Options options = {});
+// Writes the clip of `snapshot` and answers with its path and what it lacks of the snapshot, or
+// fails with a RecorderError whose text the user sees. The file is written on the export queue,
+// so capture goes on appending to the buffer meanwhile. The future completes exactly once.
+QFuture<WrittenFile> exportClip(const ReplayBuffer::Snapshot &snapshot, Options options = {});
 
 // "Clip yyyy-MM-dd HH-mm-ss XXXXXX.mp4" in the recordings folder: local time and the first six
 // characters of a new UUID, so two clips in the same second still differ.

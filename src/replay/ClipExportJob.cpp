@@ -24,14 +24,14 @@ Mp4Writer::AudioSettings aacInput(const AudioFormatPtr &format)
 
 } // namespace
 
-void ClipExportJob::start(Plan plan, QPromise<QString> promise, SerialQueue &queue)
+void ClipExportJob::start(Plan plan, QPromise<WrittenFile> promise, SerialQueue &queue)
 {
     auto job = std::make_shared<ClipExportJob>(std::move(plan), std::move(promise), queue);
     job->m_self = job;
     queue.async([job] { job->writeMP4(); });
 }
 
-ClipExportJob::ClipExportJob(Plan plan, QPromise<QString> promise, SerialQueue &queue)
+ClipExportJob::ClipExportJob(Plan plan, QPromise<WrittenFile> promise, SerialQueue &queue)
     : m_plan(std::move(plan))
     , m_promise(std::move(promise))
     , m_queue(queue)
@@ -75,12 +75,15 @@ void ClipExportJob::writeMP4()
         release();
         return;
     }
-    m_video.bridge = {m_writer.get(), *video};
+    m_video.input = *video;
     m_video.added = true;
-    // An audio track that cannot be added is left out of the clip.
-    if (!m_plan.audio.empty() && m_plan.audioFormat)
+    m_video.wanted = true;
+    // An audio track that cannot be added is left out of the clip, and the answer says so.
+    m_audio.wanted = !m_plan.audio.empty() && m_plan.audioFormat;
+    m_mic.wanted = !m_plan.mic.empty() && m_plan.micFormat;
+    if (m_audio.wanted)
         addAudio(m_audio, m_plan.audioHistory, m_plan.audioFormat, "audio");
-    if (!m_plan.mic.empty() && m_plan.micFormat)
+    if (m_mic.wanted)
         addAudio(m_mic, m_plan.micHistory, m_plan.micFormat, "mic");
 
     if (!m_writer->startWriting()) {
@@ -99,11 +102,11 @@ void ClipExportJob::writeMP4()
 
     m_remaining.emplace(1 + (m_audio.added ? 1 : 0) + (m_mic.added ? 1 : 0));
     // The job outlives its writer, so the pumps may hold it plainly.
-    m_writer->requestMediaDataWhenReady(m_video.bridge.input, [this] { pump(Track::video); });
+    m_writer->requestMediaDataWhenReady(m_video.input, [this] { pump(Track::video); });
     if (m_audio.added)
-        m_writer->requestMediaDataWhenReady(m_audio.bridge.input, [this] { pump(Track::audio); });
+        m_writer->requestMediaDataWhenReady(m_audio.input, [this] { pump(Track::audio); });
     if (m_mic.added)
-        m_writer->requestMediaDataWhenReady(m_mic.bridge.input, [this] { pump(Track::mic); });
+        m_writer->requestMediaDataWhenReady(m_mic.input, [this] { pump(Track::mic); });
 }
 
 void ClipExportJob::addAudio(Feed &feed, const Plan::Reuse &reuse, const AudioFormatPtr &format,
@@ -114,7 +117,7 @@ void ClipExportJob::addAudio(Feed &feed, const Plan::Reuse &reuse, const AudioFo
             reuse.history->clip(m_plan.sourceBase, reuse.end, reuseWait);
         const auto input = clip ? m_writer->addEncodedAudioInput(*clip->parameters) : std::nullopt;
         if (input) {
-            feed.bridge = {m_writer.get(), *input};
+            feed.input = *input;
             feed.added = true;
             feed.encoded = std::move(clip->packets);
             Log::system(QStringLiteral("export %1: %2 AAC packets taken from the session")
@@ -126,7 +129,7 @@ void ClipExportJob::addAudio(Feed &feed, const Plan::Reuse &reuse, const AudioFo
                         .arg(QLatin1String(name)));
     }
     if (const auto input = m_writer->addAudioInput(aacInput(format), false)) {
-        feed.bridge = {m_writer.get(), *input};
+        feed.input = *input;
         feed.added = true;
     }
 }
@@ -148,56 +151,51 @@ void ClipExportJob::pump(Track track)
 {
     Feed &feed = track == Track::video ? m_video : (track == Track::audio ? m_audio : m_mic);
     const size_t count = feedSize(track);
-    while (m_writer->isReadyForMoreMediaData(feed.bridge.input)) {
+    while (m_writer->isReadyForMoreMediaData(feed.input)) {
         if (feed.next >= count) {
             finishInput(feed);
             return;
         }
         const size_t index = feed.next++;
+        Mp4Writer::AppendError error;
+        bool written = false;
         if (feed.reused()) {
-            bool written = false;
-            try {
-                written = m_writer->appendEncoded(feed.bridge.input, *feed.encoded[index]);
-            } catch (const std::exception &) {
+            written = m_writer->appendEncoded(feed.input, *feed.encoded[index], &error);
+        } else {
+            std::optional<MediaSample> sample;
+            switch (track) {
+            case Track::video:
+                sample = makeVideoSample(m_plan.frames[index], m_plan.videoFormat);
+                break;
+            case Track::audio:
+                sample = makeAudioSample(m_plan.audio[index], m_plan.audioFormat);
+                break;
+            case Track::mic:
+                sample = makeAudioSample(m_plan.mic[index], m_plan.micFormat);
+                break;
             }
-            if (!written && track == Track::audio)
-                m_failedAudio.increment();
+            written = sample && m_writer->append(feed.input, *sample, &error);
+        }
+        if (written)
             continue;
-        }
-        VTLError error {};
-        switch (track) {
-        case Track::video: {
-            const auto sample = makeVideoSample(m_plan.frames[index], m_plan.videoFormat);
-            if (!sample) {
-                m_failedVideo.increment();
-            } else if (!VTLAppendSample(&feed.bridge, &*sample, &error)) {
-                m_failedVideo.increment();
-                const QString text = vtlErrorText(error);
-                Log::system(QStringLiteral("video append failed: %1")
-                                .arg(text.isEmpty() ? QStringLiteral("unknown") : text));
-            }
-            break;
-        }
-        case Track::audio: {
-            const auto sample = makeAudioSample(m_plan.audio[index], m_plan.audioFormat);
-            if (!sample || !VTLAppendSample(&feed.bridge, &*sample, &error))
-                m_failedAudio.increment();
-            break;
-        }
-        case Track::mic: {
-            // A microphone packet that cannot be written is simply skipped.
-            if (const auto sample = makeAudioSample(m_plan.mic[index], m_plan.micFormat))
-                VTLAppendSample(&feed.bridge, &*sample, nullptr);
-            break;
-        }
-        }
+        feed.failed.increment();
+        // One line for the first record a track loses: a writer that refuses one usually
+        // refuses many, and the count comes at the end.
+        if (feed.failed.count() == 1)
+            Log::system(QStringLiteral("%1 append failed: %2")
+                            .arg(track == Track::video
+                                     ? QStringLiteral("video")
+                                     : (track == Track::audio ? QStringLiteral("audio")
+                                                              : QStringLiteral("mic")),
+                                 error.description.isEmpty() ? QStringLiteral("unknown")
+                                                             : error.description));
     }
 }
 
 void ClipExportJob::finishInput(Feed &feed)
 {
     feed.finished.resume([&] {
-        m_writer->markAsFinished(feed.bridge.input);
+        m_writer->markAsFinished(feed.input);
         if (m_remaining->decrement() == 0)
             finishIfNeeded();
     });
@@ -206,18 +204,38 @@ void ClipExportJob::finishInput(Feed &feed)
 void ClipExportJob::finishIfNeeded()
 {
     m_timeLimit.cancel();
-    const int64_t failedVideo = m_failedVideo.count();
-    Log::system(QStringLiteral("video append failed=%1 / %2, audio failed=%3 / %4")
-                    .arg(failedVideo)
-                    .arg(m_plan.frames.size())
-                    .arg(m_failedAudio.count())
-                    .arg(feedSize(Track::audio)));
+    const int64_t failedVideo = m_video.failed.count();
+    Log::system(
+        QStringLiteral("video append failed=%1 / %2, audio failed=%3 / %4, mic failed=%5 / %6")
+            .arg(failedVideo)
+            .arg(m_plan.frames.size())
+            .arg(m_audio.failed.count())
+            .arg(feedSize(Track::audio))
+            .arg(m_mic.failed.count())
+            .arg(feedSize(Track::mic)));
     if (failedVideo == int64_t(m_plan.frames.size())) {
         fail(QStringLiteral("Could not write video into the clip."));
         release();
         return;
     }
     m_writer->finishWriting([this] { onWriterFinished(); });
+}
+
+Shortfall ClipExportJob::shortfall() const
+{
+    Shortfall out;
+    out.frames = int64_t(m_plan.frames.size());
+    out.framesLost = m_video.failed.count();
+    const auto track = [&](const Feed &feed, Track which, size_t snapshotPackets, int64_t &lost,
+                           int64_t &packets) {
+        if (!feed.wanted)
+            return;
+        packets = feed.added ? int64_t(feedSize(which)) : int64_t(snapshotPackets);
+        lost = feed.added ? feed.failed.count() : packets;
+    };
+    track(m_audio, Track::audio, m_plan.audio.size(), out.audioLost, out.audioPackets);
+    track(m_mic, Track::mic, m_plan.mic.size(), out.micLost, out.micPackets);
+    return out;
 }
 
 void ClipExportJob::onWriterFinished()
@@ -236,7 +254,7 @@ void ClipExportJob::onWriterFinished()
             const QString moveError = FileMove::moveReplacing(m_plan.tempPath, m_plan.finalPath);
             QFile::remove(m_plan.tempPath);
             if (moveError.isEmpty())
-                m_promise.addResult(m_plan.finalPath);
+                m_promise.addResult(WrittenFile {m_plan.finalPath, shortfall()});
             else
                 m_promise.setException(RecorderError::writerFailed(moveError));
             m_promise.finish();

@@ -3,11 +3,11 @@
 #include "core/ResumeBox.h"
 #include "core/SerialQueue.h"
 #include "media/Mp4Writer.h"
-#include "media/VTLBridge.h"
 #include "replay/Counter.h"
 #include "replay/EncodedAudioHistory.h"
 #include "replay/Remaining.h"
 #include "replay/ReplayBuffer.h"
+#include "replay/WrittenFile.h"
 
 #include <QPromise>
 #include <QString>
@@ -21,7 +21,9 @@
 // One clip being written: the writer, its three feeds, the time limit and the answer. Lives on
 // the export queue, where every one of its steps runs, and keeps itself alive until the writer
 // has finished or been given up, which may be after the caller was answered (a time limit that
-// fired first). The caller is answered exactly once, through `m_answer`.
+// fired first). The caller is answered exactly once, through `m_answer`, with the clip and what
+// it lacks of the snapshot (frames and packets the writer would not take are counted, and a
+// track that could not be added loses all of its packets) or with a RecorderError.
 class ClipExportJob : public std::enable_shared_from_this<ClipExportJob>
 {
 public:
@@ -50,21 +52,22 @@ public:
         std::function<void()> onWriterDone;
     };
 
-    // Writes `plan` on `queue` and answers `promise` (already started) with the final path or a
-    // RecorderError.
-    static void start(Plan plan, QPromise<QString> promise, SerialQueue &queue);
+    // Writes `plan` on `queue` and answers `promise` (already started).
+    static void start(Plan plan, QPromise<WrittenFile> promise, SerialQueue &queue);
 
-    ClipExportJob(Plan plan, QPromise<QString> promise, SerialQueue &queue);
+    ClipExportJob(Plan plan, QPromise<WrittenFile> promise, SerialQueue &queue);
     ~ClipExportJob();
 
 private:
     // One writer input with what feeds it. `finished` runs the input's finishing once.
     struct Feed
     {
-        VTLWriterInput bridge;
+        Mp4Writer::Input input;
+        bool wanted = false; // the snapshot holds something for it
         bool added = false;
         size_t next = 0;
         ResumeBox finished;
+        Counter failed; // records the writer would not take
         std::vector<FFmpeg::PacketPtr> encoded; // the packets it copies, for a reused track
 
         bool reused() const { return !encoded.empty(); }
@@ -78,6 +81,7 @@ private:
     void pump(Track track);
     void finishInput(Feed &feed);
     void finishIfNeeded();
+    Shortfall shortfall() const;
     void onWriterFinished();
     void fail(const QString &message);
     // Lets go of the job once the writer is done with; it is destroyed in a later queue task, so
@@ -85,15 +89,13 @@ private:
     void release();
 
     Plan m_plan;
-    QPromise<QString> m_promise; // answered inside m_answer only
+    QPromise<WrittenFile> m_promise; // answered inside m_answer only
     SerialQueue &m_queue;
     std::shared_ptr<ClipExportJob> m_self;
     ResumeBox m_answer;
     std::unique_ptr<Mp4Writer> m_writer;
     SerialQueue::Delayed m_timeLimit;
     std::optional<Remaining> m_remaining;
-    Counter m_failedVideo;
-    Counter m_failedAudio;
     Feed m_video;
     Feed m_audio;
     Feed m_mic;

@@ -1,7 +1,6 @@
 #include "replay/SessionRecorder.h"
 
 #include "core/Paths.h"
-#include "media/VTLBridge.h"
 #include "replay/FileMove.h"
 
 #include <QDateTime>
@@ -39,7 +38,7 @@ SessionRecorder::~SessionRecorder()
         if (abandoned)
             QFile::remove(m_url);
         if (!m_finishCompleted)
-            completeFinish(std::nullopt);
+            completeFinish({});
     });
 }
 
@@ -91,7 +90,6 @@ void SessionRecorder::drain()
     if (m_writer->status() != Mp4Writer::Status::writing || !m_videoFormat)
         return;
 
-    VTLWriterInput video {m_writer.get(), *m_videoInput};
     while (!m_pendingVideo.empty() && m_writer->isReadyForMoreMediaData(*m_videoInput)) {
         const ReplayBuffer::EncodedFrame frame = std::move(m_pendingVideo.front());
         m_pendingVideo.pop_front();
@@ -99,26 +97,30 @@ void SessionRecorder::drain()
         // timeline begins there and refuses them. Either way they are skipped quietly.
         if (frame.pts < m_startPTS)
             continue;
-        if (const auto sample = makeVideoSample(frame, m_videoFormat))
-            VTLAppendSample(&video, &*sample, nullptr);
+        ++m_shortfall.frames;
+        const auto sample = makeVideoSample(frame, m_videoFormat);
+        if (!sample || !m_writer->append(*m_videoInput, *sample))
+            ++m_shortfall.framesLost;
     }
-    appendPending(m_pendingAudio, m_audioInput);
-    appendPending(m_pendingMic, m_micInput);
+    appendPending(m_pendingAudio, m_audioInput, m_shortfall.audioPackets, m_shortfall.audioLost);
+    appendPending(m_pendingMic, m_micInput, m_shortfall.micPackets, m_shortfall.micLost);
 }
 
 void SessionRecorder::appendPending(std::deque<ReplayBuffer::AudioPacket> &pending,
-                                    std::optional<Mp4Writer::Input> input)
+                                    std::optional<Mp4Writer::Input> input, int64_t &packets,
+                                    int64_t &lost)
 {
-    if (!input)
-        return;
-    VTLWriterInput target {m_writer.get(), *input};
-    while (!pending.empty() && m_writer->isReadyForMoreMediaData(*input)) {
+    // Without its input (the writer would not add the track) a packet is lost at once, rather
+    // than held for a track that never comes.
+    while (!pending.empty() && (!input || m_writer->isReadyForMoreMediaData(*input))) {
         const ReplayBuffer::AudioPacket packet = std::move(pending.front());
         pending.pop_front();
         if (m_startPTS.isValid() && packet.pts < m_startPTS)
             continue;
-        if (const auto sample = makeAudioSample(packet, packet.format))
-            VTLAppendSample(&target, &*sample, nullptr);
+        ++packets;
+        const auto sample = input ? makeAudioSample(packet, packet.format) : std::nullopt;
+        if (!sample || !m_writer->append(*input, *sample))
+            ++lost;
     }
 }
 
@@ -135,16 +137,20 @@ void SessionRecorder::startWriter(const VideoFormatPtr &format, MediaTime at)
                           .arg(QUuid::createUuid().toString(QUuid::WithoutBraces).toUpper()));
     QFile::remove(url);
 
-    // Any failure leaves the recorder without a writer; it tries again at the next sample.
+    // Any failure leaves the recorder without a writer; it tries again at the next sample, and
+    // remembers why for the answer of a finish that comes first.
     std::unique_ptr<Mp4Writer> writer;
     try {
         writer = std::make_unique<Mp4Writer>(url, m_queue);
-    } catch (const std::exception &) {
+    } catch (const std::exception &error) {
+        m_startFailure = QString::fromUtf8(error.what());
         return;
     }
     const std::optional<Mp4Writer::Input> video = writer->addVideoInput(format, true);
-    if (!video)
+    if (!video) {
+        m_startFailure = QStringLiteral("The video track could not be added.");
         return;
+    }
     const std::optional<Mp4Writer::Input> audio = writer->addAudioInput(aacInput(), true);
     const std::optional<Mp4Writer::Input> mic =
         m_includeMic ? writer->addAudioInput(aacInput(), true) : std::nullopt;
@@ -153,6 +159,7 @@ void SessionRecorder::startWriter(const VideoFormatPtr &format, MediaTime at)
     if (mic)
         writer->keepEncodedAudio(*mic, m_micHistory);
     if (!writer->startWriting()) {
+        m_startFailure = writer->error();
         writer.reset();
         QFile::remove(url);
         return;
@@ -166,14 +173,14 @@ void SessionRecorder::startWriter(const VideoFormatPtr &format, MediaTime at)
     m_url = url;
 }
 
-QFuture<std::optional<QString>> SessionRecorder::finish(bool keep)
+QFuture<SessionOutcome> SessionRecorder::finish(bool keep)
 {
     auto waiter = std::make_shared<QPromise<Result>>();
     waiter->start();
     QFuture<Result> answer = waiter->future();
     m_queue.async([this, keep, waiter] {
         if (m_finishCompleted) {
-            waiter->addResult(keep ? m_finishResult : std::nullopt);
+            waiter->addResult(keep ? m_finishResult : Result());
             waiter->finish();
             return;
         }
@@ -189,7 +196,11 @@ QFuture<std::optional<QString>> SessionRecorder::finish(bool keep)
                 m_writer->markAsFinished(*input);
         }
         if (!m_writer || m_url.isEmpty()) {
-            completeFinish(std::nullopt);
+            // A file that was to be kept but never started says why, when something stopped it.
+            Result result;
+            if (keep && !m_startFailure.isEmpty())
+                result.failure = m_startFailure;
+            completeFinish(result);
             return;
         }
         // The completion runs on this queue; the recorder outlives it (see the destructor).
@@ -204,12 +215,19 @@ void SessionRecorder::conclude(bool keep)
     // The writer itself stays until the recorder goes: this runs inside its completion.
     const bool completed = m_writer->status() == Mp4Writer::Status::completed;
     if (keep && completed && size >= 1001) {
-        const Result moved = moveSessionIntoLibrary(m_url);
-        completeFinish(moved ? moved : Result(m_url));
+        const std::optional<QString> moved = moveSessionIntoLibrary(m_url);
+        completeFinish({WrittenFile {moved.value_or(m_url), m_shortfall}, {}});
         return;
     }
     QFile::remove(m_url);
-    completeFinish(std::nullopt);
+    Result result;
+    // Too short to keep is no failure; a writer that failed is.
+    if (keep && !completed) {
+        const QString error = m_writer->error();
+        result.failure =
+            error.isEmpty() ? QStringLiteral("The session file could not be finished.") : error;
+    }
+    completeFinish(result);
 }
 
 void SessionRecorder::completeFinish(Result result)
@@ -224,7 +242,7 @@ void SessionRecorder::completeFinish(Result result)
     }
 }
 
-SessionRecorder::Result SessionRecorder::moveSessionIntoLibrary(const QString &source)
+std::optional<QString> SessionRecorder::moveSessionIntoLibrary(const QString &source)
 {
     const QString stamp =
         QDateTime::currentDateTime().toString(QStringLiteral("yyyy-MM-dd HH-mm-ss"));

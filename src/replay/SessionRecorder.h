@@ -6,6 +6,7 @@
 #include "media/Mp4Writer.h"
 #include "replay/EncodedAudioHistory.h"
 #include "replay/ReplayBuffer.h"
+#include "replay/WrittenFile.h"
 
 #include <QFuture>
 #include <QPromise>
@@ -39,11 +40,12 @@ public:
     void appendAudio(const ReplayBuffer::AudioPacket &packet);
     void appendMic(const ReplayBuffer::AudioPacket &packet);
 
-    // Ends the recording and answers the file kept in the recordings folder, or none (not kept,
-    // never started, too short, or the writer failed). Later appends are ignored. Every caller
-    // of an overlapping finish gets the first one's answer; a finish after completion gets the
-    // stored answer when it asks to keep, and none otherwise.
-    QFuture<std::optional<QString>> finish(bool keep = true);
+    // Ends the recording and answers the file kept in the recordings folder with what it lacks
+    // (frames and packets the writer would not take), or no file: not kept, never started or too
+    // short, or lost to an error, which the answer's failure then names. Later appends are
+    // ignored. Every caller of an overlapping finish gets the first one's answer; a finish after
+    // completion gets the stored answer when it asks to keep, and nothing otherwise.
+    QFuture<SessionOutcome> finish(bool keep = true);
 
     // The AAC the file gets of the system audio and of the microphone (none without one), kept
     // for clips to copy rather than encode the same audio again.
@@ -55,17 +57,17 @@ public:
     static constexpr size_t maxPendingAudio = 400;
 
 private:
-    using Result = std::optional<QString>;
+    using Result = SessionOutcome;
     using Waiter = std::shared_ptr<QPromise<Result>>;
 
     void drain();
     void startWriter(const VideoFormatPtr &format, MediaTime at);
     void conclude(bool keep);
     void completeFinish(Result result);
-    static Result moveSessionIntoLibrary(const QString &source);
+    static std::optional<QString> moveSessionIntoLibrary(const QString &source);
     static Mp4Writer::AudioSettings aacInput();
     void appendPending(std::deque<ReplayBuffer::AudioPacket> &pending,
-                       std::optional<Mp4Writer::Input> input);
+                       std::optional<Mp4Writer::Input> input, int64_t &packets, int64_t &lost);
 
     const bool m_includeMic;
     const std::shared_ptr<EncodedAudioHistory> m_audioHistory;
@@ -82,6 +84,8 @@ private:
     std::deque<ReplayBuffer::AudioPacket> m_pendingMic;
     QString m_url; // the temporary file being written
     MediaTime m_startPTS; // invalid until the file starts
+    Shortfall m_shortfall; // of what reached the file's time span
+    QString m_startFailure; // why the file could not be started, the last time it was tried
     bool m_finished = false; // no more samples are taken
     bool m_finishing = false;
     Result m_finishResult;

@@ -109,7 +109,7 @@ TEST_F(ClipEngineStart, GivesUpWhenTheStreamNeverStarts)
     ASSERT_TRUE(late);
     late(std::nullopt);
     EXPECT_FALSE(engine.isArmed());
-    EXPECT_EQ(engine.stop(true).result(), std::nullopt);
+    EXPECT_EQ(engine.stop(true).result(), SessionOutcome());
     EXPECT_TRUE(QDir(Paths::recordings()).isEmpty());
 }
 
@@ -155,7 +155,7 @@ TEST_F(ClipEngineStart, IsAwaitedFromTheMainThreadWithoutBlockingIt)
     ClipEngine engine([&] { return std::make_unique<HangingService>(state); });
 
     std::optional<RecorderError::Kind> saveError;
-    std::optional<QString> stopped = QStringLiteral("not answered");
+    SessionOutcome stopped {std::nullopt, QStringLiteral("not answered")};
     bool onMainThread = false;
     auto owner = [&]() -> QCoro::Task<> {
         try {
@@ -174,6 +174,6 @@ TEST_F(ClipEngineStart, IsAwaitedFromTheMainThreadWithoutBlockingIt)
     app.exec();
 
     EXPECT_EQ(saveError, RecorderError::Kind::notArmed);
-    EXPECT_EQ(stopped, std::nullopt);
+    EXPECT_EQ(stopped, SessionOutcome());
     EXPECT_TRUE(onMainThread);
 }

@@ -201,14 +201,22 @@ TEST_F(ClipEngineTest, SavesTheLastSecondsAndKeepsTheSessionOnStop)
             },
             60000))
             << engine.bufferedDuration();
-        clip = engine.saveClip().result();
+        const WrittenFile saved = engine.saveClip().result();
+        EXPECT_TRUE(saved.shortfall.isComplete()) << saved.shortfall.text().toStdString();
+        clip = saved.path;
 
         // Two stops at once share one teardown and its answer; the second one's "don't keep"
         // has no effect.
         auto first = engine.stop(true);
         auto second = engine.stop(false);
-        session = first.result();
-        EXPECT_EQ(second.result(), session);
+        const SessionOutcome outcome = first.result();
+        EXPECT_EQ(second.result(), outcome);
+        EXPECT_EQ(outcome.failure, QString());
+        if (outcome.file) {
+            EXPECT_TRUE(outcome.file->shortfall.isComplete())
+                << outcome.file->shortfall.text().toStdString();
+            session = outcome.file->path;
+        }
         EXPECT_FALSE(engine.isArmed());
 
         try {
@@ -297,7 +305,7 @@ TEST_F(ClipEngineTest, LosingTheDisplayServerStopsAndDropsTheSession)
     EXPECT_TRUE(logText().contains(QStringLiteral("stream stopped: ")));
     EXPECT_TRUE(recordings().isEmpty()) << qPrintable(recordings().join(u' '));
     EXPECT_TRUE(leftovers().isEmpty()) << qPrintable(leftovers().join(u' '));
-    EXPECT_EQ(engine.stop(true).result(), std::nullopt);
+    EXPECT_EQ(engine.stop(true).result(), SessionOutcome());
     EXPECT_EQ(failureKind(QFuture<void>(engine.saveClip())), RecorderError::Kind::notArmed);
 
     // Arming against the dead server fails with a message rather than a crash.

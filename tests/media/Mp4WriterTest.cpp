@@ -1,7 +1,6 @@
 #include "media/Mp4Writer.h"
 #include "core/SerialQueue.h"
 #include "media/RecorderError.h"
-#include "media/VTLBridge.h"
 #include "replay/ReplayBuffer.h"
 #include "support/H264TestSource.h"
 #include "support/MediaProbe.h"
@@ -193,35 +192,40 @@ TEST_F(Mp4WriterTest, RefusesWhatItCannotWriteAndSaysWhy)
         const Mp4Writer::Input input = *writer.addVideoInput(video.format(), false);
         ASSERT_TRUE(writer.startWriting());
         EXPECT_FALSE(writer.addAudioInput({}, false)); // too late once writing
-        VTLWriterInput bridge {&writer, input};
         const auto first = *makeVideoSample(video.frame(0), video.format());
 
-        VTLError error {};
-        EXPECT_FALSE(VTLAppendSample(&bridge, &first, &error)); // before startSession: a fault
-        EXPECT_STREQ(error.domain, "Vantrel");
-        EXPECT_EQ(error.code, 1);
-        EXPECT_STREQ(error.description, "Mp4Writer: append before startSession");
-        EXPECT_FALSE(VTLAppendSample(&bridge, &first, nullptr));
+        // Faults never escape an append: they come back as code 1 with their message.
+        Mp4Writer::AppendError error;
+        EXPECT_FALSE(writer.append(input, first, &error)); // before startSession
+        EXPECT_EQ(error.domain, QStringLiteral("Vantrel"));
+        EXPECT_EQ(error.code, Mp4Writer::AppendError::fault);
+        EXPECT_EQ(error.description, QStringLiteral("Mp4Writer: append before startSession"));
+        EXPECT_FALSE(writer.append(input, first));
 
         writer.startSession(MediaTime::zero());
         MediaSample wrongKind = first;
         wrongKind.kind = MediaSample::Kind::audio;
         error = {};
-        EXPECT_FALSE(VTLAppendSample(&bridge, &wrongKind, &error));
-        EXPECT_EQ(error.code, 1);
-        EXPECT_STREQ(error.description, "Mp4Writer: an audio sample for a video input");
+        EXPECT_FALSE(writer.append(input, wrongKind, &error));
+        EXPECT_EQ(error.code, Mp4Writer::AppendError::fault);
+        EXPECT_EQ(error.description,
+                  QStringLiteral("Mp4Writer: an audio sample for a video input"));
+        error = {};
+        EXPECT_FALSE(writer.append(Mp4Writer::Input {7}, first, &error));
+        EXPECT_EQ(error.description, QStringLiteral("Mp4Writer: no such input"));
 
         for (int64_t f = 0; f < 240; ++f) {
             const auto sample = *makeVideoSample(video.frame(f), video.format());
-            EXPECT_TRUE(VTLAppendSample(&bridge, &sample, nullptr));
+            EXPECT_TRUE(writer.append(input, sample));
         }
-        // A frame that does not move time forward is refused, and the writer carries on.
+        // A frame that does not move time forward is refused (code 2), and the writer carries
+        // on.
         const auto again = *makeVideoSample(video.frame(200), video.format());
         error = {};
-        EXPECT_FALSE(VTLAppendSample(&bridge, &again, &error));
-        EXPECT_EQ(error.code, 2);
-        EXPECT_STREQ(error.description, "Could not write a frame into the clip.");
-        EXPECT_FALSE(VTLAppendSample(&bridge, &again, nullptr));
+        EXPECT_FALSE(writer.append(input, again, &error));
+        EXPECT_EQ(error.domain, QStringLiteral("Vantrel"));
+        EXPECT_EQ(error.code, Mp4Writer::AppendError::refused);
+        EXPECT_EQ(error.description, QStringLiteral("Could not write a frame into the clip."));
         EXPECT_EQ(writer.status(), Mp4Writer::Status::writing);
 
         writer.markAsFinished(input);
@@ -233,23 +237,6 @@ TEST_F(Mp4WriterTest, RefusesWhatItCannotWriteAndSaysWhy)
     const QJsonObject v = probe::streams(probe::ffprobe(path), "video")[0].toObject();
     EXPECT_EQ(v["nb_frames"].toString(), "240");
     EXPECT_EQ(probe::decodeErrors(path), QString());
-
-    VTLError error {};
-    EXPECT_TRUE(vtlRun([] {}, &error));
-    EXPECT_FALSE(
-        vtlRun([] { throw RecorderError::writerFailed(QStringLiteral("Disk gone.")); }, &error));
-    EXPECT_STREQ(error.domain, "Vantrel");
-    EXPECT_EQ(error.code, 1);
-    EXPECT_STREQ(error.description, "Disk gone.");
-    struct Unnamed
-    {
-    };
-    EXPECT_FALSE(vtlRun([] { throw Unnamed(); }, &error));
-    EXPECT_TRUE(std::string(error.description).find("Unnamed") != std::string::npos)
-        << error.description;
-    EXPECT_FALSE(vtlRun([] { throw std::runtime_error(std::string(2000, 'x')); }, nullptr));
-    EXPECT_FALSE(vtlRun([] { throw std::runtime_error(std::string(2000, 'x')); }, &error));
-    EXPECT_EQ(std::string(error.description), std::string(511, 'x'));
 }
 
 } // namespace

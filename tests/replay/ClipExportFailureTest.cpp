@@ -8,11 +8,8 @@
 #include <QFile>
 #include <QFileInfo>
 
-#include <cerrno>
 #include <cstdlib>
-#include <cstring>
 #include <future>
-#include <sys/mount.h>
 #include <sys/stat.h>
 
 namespace {
@@ -64,6 +61,47 @@ TEST_F(ClipExportTest, SaysWhyNothingCouldBeSaved)
     EXPECT_EQ(tempFiles(), QStringList());
 }
 
+// A clip the writer would not take all of is saved with what it could take, and the answer says
+// what is missing: frames that do not move time forward, audio without the bytes for its
+// samples, and a microphone track at a rate no AAC encoder takes, which cannot be added at all.
+TEST_F(ClipExportTest, AClipMissingFramesOrAudioSaysWhatItLacks)
+{
+    ReplayBuffer buffer;
+    storeFrames(buffer, 0, 120);
+    for (int64_t i : {50, 60, 70})
+        buffer.appendVideo(video.frame(i, origin()), nullptr);
+    storeFrames(buffer, 120, 240);
+    storeAudio(buffer, PcmTestSource {}, 0, 4);
+    AudioSampleBuffer hollow = PcmTestSource {}.sampleBuffer(400, origin());
+    hollow.numSamples = 48000; // far more than its bytes hold
+    buffer.appendAudio(hollow);
+    PcmTestSource odd;
+    for (int64_t p = 0; p < 50; ++p) {
+        AudioSampleBuffer sample = odd.sampleBuffer(p, origin());
+        sample.format = std::make_shared<const AudioFormat>(AudioFormat {1'000'000, 2});
+        buffer.appendMic(sample);
+    }
+
+    const Outcome outcome = wait(exportOf(buffer));
+    ASSERT_EQ(outcome.error, QString());
+    EXPECT_EQ(outcome.shortfall, (Shortfall {3, 243, 1, 401, 50, 50}));
+    EXPECT_EQ(outcome.shortfall.text(),
+              QStringLiteral("3 of 243 frames, 1 of 401 system audio packets and 50 of 50 "
+                             "microphone packets"));
+    const QJsonObject info = probe::ffprobe(outcome.path);
+    EXPECT_EQ(probe::streams(info, "video")[0].toObject()["nb_frames"].toString(), "240");
+    EXPECT_EQ(probe::streams(info, "audio").size(), 1);
+    EXPECT_EQ(probe::decodeErrors(outcome.path), QString());
+
+    // A clip the writer took whole lacks nothing.
+    ReplayBuffer whole;
+    storeFrames(whole, 0, 120);
+    storeAudio(whole, PcmTestSource {}, 0, 2);
+    const Outcome complete = wait(exportOf(whole));
+    EXPECT_TRUE(complete.shortfall.isComplete());
+    EXPECT_EQ(complete.shortfall.text(), QString());
+}
+
 // A recordings folder that cannot be written (here a plain file in its place, since root is not
 // stopped by permissions) fails the save with the reason, leaves no temporary file, and leaves
 // the buffer ready for the next try.
@@ -92,32 +130,6 @@ TEST_F(ClipExportTest, UnwritableRecordingsFolderKeepsTheBuffer)
     ASSERT_EQ(retried.error, QString());
     EXPECT_EQ(probe::decodeErrors(retried.path), QString());
 }
-
-class TemporaryMount
-{
-public:
-    explicit TemporaryMount(const QString &path, const char *options)
-        : m_path(QFile::encodeName(path))
-    {
-        QDir().mkpath(path);
-        if (::mount("tmpfs", m_path.constData(), "tmpfs", 0, options) == 0)
-            m_mounted = true;
-        else
-            m_error = std::strerror(errno);
-    }
-    ~TemporaryMount()
-    {
-        if (m_mounted)
-            ::umount2(m_path.constData(), MNT_DETACH);
-    }
-    bool mounted() const { return m_mounted; }
-    const std::string &error() const { return m_error; }
-
-private:
-    QByteArray m_path;
-    bool m_mounted = false;
-    std::string m_error;
-};
 
 dev_t deviceOf(const QString &path)
 {

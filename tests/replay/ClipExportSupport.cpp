@@ -37,18 +37,19 @@ QStringList ClipExportTest::tempFiles() const
     return QDir(QDir::tempPath()).entryList(QDir::Files | QDir::Hidden);
 }
 
-ClipExportTest::Outcome ClipExportTest::wait(QFuture<QString> future)
+ClipExportTest::Outcome ClipExportTest::wait(QFuture<WrittenFile> future)
 {
     try {
         // Both the wait and the result throw the export's error.
         future.waitForFinished();
-        return {future.result(), {}};
+        const WrittenFile clip = future.result();
+        return {clip.path, clip.shortfall, {}};
     } catch (const RecorderError &error) {
-        return {{}, error.text()};
+        return {{}, {}, error.text()};
     }
 }
 
-QFuture<QString> ClipExportTest::exportOf(const ReplayBuffer &buffer)
+QFuture<WrittenFile> ClipExportTest::exportOf(const ReplayBuffer &buffer)
 {
     return ClipExport::exportClip(buffer.snapshot());
 }

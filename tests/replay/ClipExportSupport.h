@@ -1,6 +1,7 @@
 #pragma once
 
 #include "replay/ReplayBuffer.h"
+#include "replay/WrittenFile.h"
 #include "support/H264TestSource.h"
 #include "support/TestEnvironment.h"
 
@@ -29,11 +30,12 @@ protected:
     struct Outcome
     {
         QString path; // the clip, on success
+        Shortfall shortfall; // what it lacks
         QString error; // the error's text, on failure
     };
-    static Outcome wait(QFuture<QString> future);
+    static Outcome wait(QFuture<WrittenFile> future);
     // Starts the export of what `buffer` holds now.
-    static QFuture<QString> exportOf(const ReplayBuffer &buffer);
+    static QFuture<WrittenFile> exportOf(const ReplayBuffer &buffer);
 
     H264TestSource video {320, 240, 1'000'000};
 };

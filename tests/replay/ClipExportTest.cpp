@@ -126,8 +126,8 @@ TEST_F(ClipExportTest, TwoSavesAtOnceMakeTwoClips)
     ReplayBuffer buffer;
     storeFrames(buffer, 0, 360);
     storeAudio(buffer, PcmTestSource {}, 0, 6);
-    QFuture<QString> first = ClipExport::exportClip(buffer.snapshot());
-    QFuture<QString> second = ClipExport::exportClip(buffer.snapshot());
+    QFuture<WrittenFile> first = ClipExport::exportClip(buffer.snapshot());
+    QFuture<WrittenFile> second = ClipExport::exportClip(buffer.snapshot());
     const Outcome a = wait(first), b = wait(second);
     ASSERT_EQ(a.error, QString());
     ASSERT_EQ(b.error, QString());
@@ -176,7 +176,9 @@ TEST_F(ClipExportTest, CopiesTheSessionsAudioInStepWithTheVideo)
             if (p >= 150)
                 buffer.appendAudio(source.sampleBuffer(p, origin()));
         }
-        session = recorder.finish(true).result();
+        const SessionOutcome outcome = recorder.finish(true).result();
+        if (outcome.file)
+            session = outcome.file->path;
     }
     ASSERT_TRUE(session);
 

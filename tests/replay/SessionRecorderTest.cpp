@@ -67,12 +67,18 @@ TEST_F(SessionRecorderTest, StartsAtTheFirstKeyFrameAndIsKept)
         auto second = recorder.finish(false);
         recorder.appendVideo(video.frame(500, origin), video.format()); // ignored: finished
 
-        kept = first.result();
-        ASSERT_TRUE(kept.has_value());
-        EXPECT_EQ(second.result(), kept);
+        const SessionOutcome outcome = first.result();
+        ASSERT_TRUE(outcome.file.has_value());
+        kept = outcome.file->path;
+        // Everything from the key frame on went in: 300 frames and their 5 s of audio.
+        EXPECT_TRUE(outcome.file->shortfall.isComplete());
+        EXPECT_EQ(outcome.file->shortfall.frames, 300);
+        EXPECT_EQ(outcome.file->shortfall.audioPackets, 500);
+        EXPECT_EQ(outcome.failure, QString());
+        EXPECT_EQ(second.result(), outcome);
         // A finish after completion: the file again when keeping, none when not.
-        EXPECT_EQ(recorder.finish(true).result(), kept);
-        EXPECT_EQ(recorder.finish(false).result(), std::nullopt);
+        EXPECT_EQ(recorder.finish(true).result(), outcome);
+        EXPECT_EQ(recorder.finish(false).result(), SessionOutcome());
     }
     EXPECT_EQ(QFileInfo(*kept).dir().path(), QDir(Paths::recordings()).path());
     EXPECT_TRUE(QFileInfo(*kept).fileName().contains(QRegularExpression(
@@ -101,12 +107,12 @@ TEST_F(SessionRecorderTest, LeavesNoFileWhenNotKept)
         // No key frame ever came: no file was started.
         SessionRecorder recorder(true);
         feed(recorder, 1, 100);
-        EXPECT_EQ(recorder.finish(true).result(), std::nullopt);
+        EXPECT_EQ(recorder.finish(true).result(), SessionOutcome());
     }
     {
         SessionRecorder recorder(true);
         feed(recorder, 0, 240);
-        EXPECT_EQ(recorder.finish(false).result(), std::nullopt);
+        EXPECT_EQ(recorder.finish(false).result(), SessionOutcome());
     }
     {
         // Dropped while writing, without a finish.
@@ -115,4 +121,50 @@ TEST_F(SessionRecorderTest, LeavesNoFileWhenNotKept)
     }
     EXPECT_TRUE(recordings().isEmpty()) << qPrintable(recordings().join(u' '));
     EXPECT_TRUE(leftovers().isEmpty()) << qPrintable(leftovers().join(u' '));
+}
+
+// What the writer will not take is counted, not dropped in silence: frames that do not move time
+// forward and audio without the bytes for its samples make a file that says it is incomplete.
+TEST_F(SessionRecorderTest, CountsWhatTheWriterRefuses)
+{
+    SessionOutcome outcome;
+    {
+        SessionRecorder recorder(false);
+        feed(recorder, 0, 120);
+        // Three frames again, at times already written.
+        for (int64_t i : {50, 60, 70})
+            recorder.appendVideo(video.frame(i, origin), video.format());
+        feed(recorder, 120, 240);
+        AudioPacket hollow = tone.packet(nextPacket++, origin);
+        hollow.numSamples = 48000; // far more than its bytes hold
+        recorder.appendAudio(hollow);
+        outcome = recorder.finish(true).result();
+    }
+    ASSERT_TRUE(outcome.file.has_value());
+    EXPECT_EQ(outcome.file->shortfall, (Shortfall {3, 243, 1, nextPacket, 0, 0}));
+    EXPECT_EQ(outcome.file->shortfall.text(),
+              QStringLiteral("3 of 243 frames and 1 of %1 system audio packets").arg(nextPacket));
+    EXPECT_EQ(probe::decodeErrors(outcome.file->path), QString());
+}
+
+// A session file lost to a full disk is no quiet "nothing to keep": the answer says why, and
+// nothing is left behind.
+TEST_F(SessionRecorderTest, AFullDiskLosesTheFileAndSaysWhy)
+{
+    const QString full = QDir(home()).filePath(QStringLiteral("full"));
+    TemporaryMount mount(full, "size=64k");
+    if (!mount.mounted())
+        GTEST_SKIP() << "cannot mount a tmpfs here (" << mount.error() << ")";
+    setenv("TMPDIR", QFile::encodeName(full).constData(), 1);
+    SessionOutcome outcome;
+    {
+        SessionRecorder recorder(false);
+        feed(recorder, 0, 240);
+        outcome = recorder.finish(true).result();
+    }
+    EXPECT_FALSE(outcome.file.has_value());
+    EXPECT_TRUE(outcome.failure.contains(QStringLiteral("No space left on device")))
+        << outcome.failure.toStdString();
+    EXPECT_TRUE(recordings().isEmpty());
+    EXPECT_TRUE(QDir(full).entryList(QDir::Files).isEmpty());
 }

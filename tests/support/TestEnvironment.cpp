@@ -3,7 +3,10 @@
 #include <QDir>
 #include <QFile>
 
+#include <cerrno>
 #include <cstdlib>
+#include <cstring>
+#include <sys/mount.h>
 
 void TempHomeTest::SetUp()
 {
@@ -29,4 +32,20 @@ QString readTextFile(const QString &path)
     if (!file.open(QIODevice::ReadOnly))
         return {};
     return QString::fromUtf8(file.readAll());
+}
+
+TemporaryMount::TemporaryMount(const QString &path, const char *options)
+    : m_path(QFile::encodeName(path))
+{
+    QDir().mkpath(path);
+    if (::mount("tmpfs", m_path.constData(), "tmpfs", 0, options) == 0)
+        m_mounted = true;
+    else
+        m_error = std::strerror(errno);
+}
+
+TemporaryMount::~TemporaryMount()
+{
+    if (m_mounted)
+        ::umount2(m_path.constData(), MNT_DETACH);
 }
