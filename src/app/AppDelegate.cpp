@@ -269,9 +269,10 @@ void AppDelegate::relaunchOnceForScreen()
         return;
     }
     m_model.setIsClipping(false);
-    m_model.setStatus(QStringLiteral(
-        "Turn on Screen Recording for Vantrel in your desktop’s privacy settings, then Arm "
-        "again. You only have to allow it once."));
+    // Only a backend whose screen access takes effect in a new process asks for a relaunch (a
+    // desktop portal's consent); under X11 the screen is always open and nothing relaunches.
+    m_model.setStatus(QStringLiteral("Allow Vantrel to share your screen when your desktop asks, "
+                                     "then Arm again. You only have to allow it once."));
     HotkeyManager::shared().openScreenRecordingSettings();
     refreshStatusItem();
 }

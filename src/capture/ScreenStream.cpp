@@ -32,15 +32,15 @@ std::unique_ptr<ScreenCaptureService> ScreenCaptureService::create()
     if (forced && *forced) {
         if (std::string_view(forced) == "x11")
             return std::make_unique<X11ScreenCaptureService>();
-        throw NoDisplayServer("VANTREL_SCREEN_BACKEND=" + std::string(forced) +
-                              " is not a screen capture backend; the one available is x11.");
+        throw std::runtime_error("VANTREL_SCREEN_BACKEND=" + std::string(forced) +
+                                 " is not a screen capture backend; the one available is x11.");
     }
     // Under Wayland, DISPLAY usually points at XWayland, whose root window shows only the X11
     // programs: the capture would be mostly black, so say so instead.
     const char *session = std::getenv("XDG_SESSION_TYPE");
     const char *wayland = std::getenv("WAYLAND_DISPLAY");
     if ((session && std::string_view(session) == "wayland") || (wayland && *wayland))
-        throw NoDisplayServer("Screen capture in a Wayland session is not available yet. Set "
-                              "VANTREL_SCREEN_BACKEND=x11 to capture the X11 windows only.");
+        throw std::runtime_error("Screen capture in a Wayland session is not available yet. Set "
+                                 "VANTREL_SCREEN_BACKEND=x11 to capture the X11 windows only.");
     return std::make_unique<X11ScreenCaptureService>();
 }

@@ -110,11 +110,3 @@ public:
     // sentence for the user when there is none (unknown backend, no display, a Wayland session).
     static std::unique_ptr<ScreenCaptureService> create();
 };
-
-// Thrown by the backends when there is no display server to capture from (none reachable, or
-// none of a kind they can capture). Unlike a permission that is not yet in force, starting again
-// does not help; the engine says so rather than restart the program.
-struct NoDisplayServer : std::runtime_error
-{
-    using std::runtime_error::runtime_error;
-};

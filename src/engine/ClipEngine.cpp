@@ -22,7 +22,6 @@
 
 namespace {
 
-constexpr auto startLimit = std::chrono::milliseconds(8000);
 constexpr int maxSide = 1920;
 
 // Where the start limit's timer runs: one small queue for the process, so that no pool thread
@@ -207,14 +206,11 @@ void ClipEngine::arm()
             throw std::runtime_error("no screen capture service");
         content = capture->service->shareableContent();
         pointer = capture->service->pointerLocation();
-    } catch (const NoDisplayServer &e) {
-        log(QStringLiteral("shareable failed: %1").arg(QString::fromUtf8(e.what())));
-        throw RecorderError::noDisplay();
     } catch (const std::exception &e) {
+        // The backend's sentence says what is wrong (no display server, one that cannot be
+        // reached); starting again, let alone restarting the program, does not change that.
         log(QStringLiteral("shareable failed: %1").arg(QString::fromUtf8(e.what())));
-        if (screenAccessGranted())
-            throw RecorderError::needsRelaunch();
-        throw RecorderError::notReady();
+        throw RecorderError::writerFailed(QString::fromUtf8(e.what()));
     }
     log(QStringLiteral("shareable displays=%1").arg(content.displays.size()));
 
@@ -351,9 +347,13 @@ void ClipEngine::startCapture(Capture &capture)
     auto start = std::make_shared<Start>();
     std::future<std::exception_ptr> outcome = start->outcome.get_future();
 
-    auto timer = timerQueue().asyncAfter(startLimit, [start] {
-        start->box.resume(
-            [&] { start->outcome.set_value(std::make_exception_ptr(RecorderError::notReady())); });
+    const std::chrono::milliseconds limit = m_startLimit.load();
+    auto timer = timerQueue().asyncAfter(limit, [start, limit] {
+        start->box.resume([&] {
+            start->outcome.set_value(std::make_exception_ptr(RecorderError::writerFailed(
+                QStringLiteral("The screen capture did not start within %1 seconds.")
+                    .arg(double(limit.count()) / 1000.0))));
+        });
     });
     capture.stream->startCapture([start, timer](std::optional<std::string> error) mutable {
         timer.cancel();
@@ -383,9 +383,15 @@ void ClipEngine::failStart(const std::shared_ptr<Capture> &capture, const std::e
     if (recorder)
         recorder->finish(false).waitForFinished();
     closeEncoder();
-    if (screenAccessGranted())
-        throw RecorderError::needsRelaunch();
-    throw RecorderError::writerFailed(describe(error));
+    // The user reads the stream's own sentence ("Could not connect to the audio server: …");
+    // under X11 there is no access that a restart could complete, so none is asked for.
+    try {
+        std::rethrow_exception(error);
+    } catch (const RecorderError &) {
+        throw;
+    } catch (...) {
+        throw RecorderError::writerFailed(textOf(error));
+    }
 }
 
 void ClipEngine::clearBufferCallbacks()

@@ -10,6 +10,7 @@
 #include <QString>
 
 #include <atomic>
+#include <chrono>
 #include <exception>
 #include <functional>
 #include <memory>
@@ -64,8 +65,10 @@ public:
     ClipEngine(const ClipEngine &) = delete;
     ClipEngine &operator=(const ClipEngine &) = delete;
 
-    // Arms. Fails with a RecorderError (or the encoder's preparation error). Does nothing when
-    // already armed. The start is given 8 seconds.
+    // Arms. Fails with a RecorderError whose sentence says what stood in the way: no screen
+    // access (notReady), no display to capture, a display, audio server or encoder that could
+    // not be opened, a stream that did not start within the start limit. Does nothing when
+    // already armed.
     QFuture<void> start();
     // Disarms and answers the session file kept in the recordings folder, if any, with what it
     // lacks, or why a file that was to be kept was lost. Concurrent callers share one teardown
@@ -80,6 +83,8 @@ public:
     void setOnStopped(StoppedCallback callback);
     // Set before the first start.
     void setScreenAccess(ScreenAccessCheck access);
+    // How long a stream may take to start; 8 seconds unless set otherwise (tests).
+    void setStartLimit(std::chrono::milliseconds limit) { m_startLimit = limit; }
 
     ReplayBuffer &buffer() { return m_buffer; }
     // Screen samples received while armed, and those of them dropped as not complete (a still
@@ -152,6 +157,7 @@ private:
     std::atomic<bool> m_ignoringStreamStop {false};
     std::atomic<int64_t> m_framesDelivered {0};
     std::atomic<int64_t> m_framesIdle {0};
+    std::atomic<std::chrono::milliseconds> m_startLimit {std::chrono::milliseconds(8000)};
     std::atomic<int64_t> m_framesIn {0};
     std::atomic<int64_t> m_framesEncoded {0};
 

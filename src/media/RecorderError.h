@@ -20,6 +20,8 @@ public:
     static RecorderError notReady() { return {Kind::notReady, {}}; }
     // A save while nothing is armed.
     static RecorderError notArmed() { return {Kind::notArmed, {}}; }
+    // Screen access was given but takes effect only in a new process; the application then
+    // relaunches once. No capture backend here needs it: under X11 the screen is always open.
     static RecorderError needsRelaunch() { return {Kind::needsRelaunch, {}}; }
     // A save before the buffer holds a key frame with its format.
     static RecorderError stillStarting() { return {Kind::stillStarting, {}}; }

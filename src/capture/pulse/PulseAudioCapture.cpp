@@ -109,7 +109,8 @@ void PulseAudioCapture::start()
     if (pa_context_connect(m_context.get(), nullptr, PA_CONTEXT_NOAUTOSPAWN, nullptr) < 0) {
         const std::string why = pa_strerror(pa_context_errno(m_context.get()));
         stop();
-        throw std::runtime_error("Could not connect to the audio server: " + why + ".");
+        throw std::runtime_error(
+            "Could not connect to the audio server (PulseAudio or PipeWire): " + why + ".");
     }
     if (pa_threaded_mainloop_start(m_loop.get()) < 0) {
         stop();
@@ -153,8 +154,9 @@ void PulseAudioCapture::startLocked()
         if (state == PA_CONTEXT_READY)
             break;
         if (!PA_CONTEXT_IS_GOOD(state))
-            throw std::runtime_error("Could not connect to the audio server: " +
-                                     std::string(pa_strerror(pa_context_errno(context))) + ".");
+            throw std::runtime_error(
+                "Could not connect to the audio server (PulseAudio or PipeWire): " +
+                std::string(pa_strerror(pa_context_errno(context))) + ".");
         if (m_timedOut)
             throw std::runtime_error("The audio server did not answer within 5 seconds.");
         pa_threaded_mainloop_wait(m_loop.get());

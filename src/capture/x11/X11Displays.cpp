@@ -14,8 +14,9 @@ Connection connect(const char *displayName)
     const std::string name = shownName ? shownName : "";
     if (!connection || xcb_connection_has_error(connection.get())) {
         if (name.empty())
-            throw NoDisplayServer("No X display to capture: DISPLAY is not set.");
-        throw NoDisplayServer("Could not connect to the X display \"" + name + "\".");
+            throw std::runtime_error("No X display to capture: DISPLAY is not set.");
+        throw std::runtime_error("Could not open the X display \"" + name +
+                                 "\": no X server answers there.");
     }
     xcb_screen_iterator_t screens = xcb_setup_roots_iterator(xcb_get_setup(connection.get()));
     for (int i = 0; i < screenNumber && screens.rem; ++i)
