@@ -42,8 +42,8 @@ struct StreamConfiguration
     int queueDepth = 3; // frames in flight at most; a frame with no free slot is skipped
     bool showsCursor = true;
     bool capturesAudio = true;
-    int sampleRate = 48000;
-    int channelCount = 2;
+    int sampleRate = AudioDefaults::sampleRate;
+    int channelCount = AudioDefaults::channels;
     bool captureMicrophone = false;
 };
 

@@ -233,8 +233,8 @@ void ClipEngine::arm()
     config.queueDepth = 3;
     config.showsCursor = true;
     config.capturesAudio = true;
-    config.sampleRate = 48000;
-    config.channelCount = 2;
+    config.sampleRate = AudioDefaults::sampleRate;
+    config.channelCount = AudioDefaults::channels;
     config.captureMicrophone = mic;
 
     auto recorder = std::make_shared<SessionRecorder>(mic);

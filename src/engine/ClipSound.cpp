@@ -45,18 +45,18 @@ void putLE(QByteArray &out, uint32_t value, int bytes)
         out.append(char((value >> (8 * i)) & 0xff));
 }
 
-void play(QString (*url)(), QPointer<QSoundEffect> &slot)
+void play(QString (*cueFile)(), QPointer<QSoundEffect> &slot)
 {
     QCoreApplication *app = QCoreApplication::instance();
     if (!app)
         return;
     if (QThread::currentThread() != app->thread()) {
         QMetaObject::invokeMethod(
-            app, [url, &slot] { play(url, slot); }, Qt::QueuedConnection);
+            app, [cueFile, &slot] { play(cueFile, slot); }, Qt::QueuedConnection);
         return;
     }
     auto *player = new QSoundEffect(app);
-    player->setSource(QUrl::fromLocalFile(url()));
+    player->setSource(QUrl::fromLocalFile(cueFile()));
     player->setVolume(1.0);
     player->play();
     // Keeping the newest player alive lets it finish; the previous one is released here.
@@ -116,14 +116,14 @@ QString writeWAV(const std::vector<int16_t> &samples)
 
 } // namespace
 
-QString clipURL()
+QString clipCuePath()
 {
     if (clipFile.isEmpty())
         clipFile = writeWAV(clipSamples());
     return clipFile;
 }
 
-QString errorURL()
+QString errorCuePath()
 {
     if (errorFile.isEmpty())
         errorFile = writeWAV(errorSamples());
@@ -132,12 +132,12 @@ QString errorURL()
 
 void playClip()
 {
-    play(&clipURL, clipPlayer);
+    play(&clipCuePath, clipPlayer);
 }
 
 void playError()
 {
-    play(&errorURL, errorPlayer);
+    play(&errorCuePath, errorPlayer);
 }
 
 } // namespace ClipSound

@@ -16,7 +16,7 @@ void playError();
 
 // The cue's WAV file ("vantrel-<UUID>.wav" in the temporary folder), written on first use and
 // reused for the rest of the process. A file that cannot be written plays as silence.
-QString clipURL();
-QString errorURL();
+QString clipCuePath();
+QString errorCuePath();
 
 } // namespace ClipSound

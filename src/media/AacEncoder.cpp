@@ -22,7 +22,7 @@ AVSampleFormat sampleFormatOf(const AudioFormat &format)
 
 int rateOf(const AudioFormat &format)
 {
-    return format.sampleRate > 0 ? format.sampleRate : 48000;
+    return format.sampleRate > 0 ? format.sampleRate : AudioDefaults::sampleRate;
 }
 
 bool sameLayout(const AudioFormat &a, const AudioFormat &b)

@@ -14,12 +14,7 @@
 class AacEncoder
 {
 public:
-    struct Settings
-    {
-        int sampleRate = 48000;
-        int channels = 2;
-        int64_t bitRate = 192000; // bits per second
-    };
+    using Settings = AacSettings;
 
     // None when libavcodec has no AAC encoder or it refuses the settings (an odd sample rate).
     static std::unique_ptr<AacEncoder> create(const Settings &settings);

@@ -49,7 +49,7 @@ AudioRun AudioTimeline::place(const MediaSample &sample, MediaTime start)
     run.start = m_end;
     const int inRate = sample.audioFormat && sample.audioFormat->sampleRate > 0
         ? sample.audioFormat->sampleRate
-        : 48000;
+        : AudioDefaults::sampleRate;
     const int64_t samples = inRate == m_rate
         ? sample.numSamples
         : av_rescale_rnd(sample.numSamples, m_rate, inRate, AV_ROUND_NEAR_INF);

@@ -75,7 +75,7 @@ struct Mp4Writer::Core : std::enable_shared_from_this<Core>
         double writtenEnd = 0; // seconds: end of what has reached the muxer
         std::unique_ptr<AudioTrackEncoder> audio; // none for an encoded track
         std::shared_ptr<EncodedAudioSink> sink; // gets a copy of every packet encoded
-        AVRational encoderClock {1, 48000}; // audio
+        AVRational encoderClock {1, AudioDefaults::sampleRate}; // audio
 
         // Audio that arrives as packets, written as it comes.
         bool isEncoded() const { return kind == MediaSample::Kind::audio && !audio; }

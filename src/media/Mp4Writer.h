@@ -66,12 +66,7 @@ public:
         QString description;
     };
 
-    struct AudioSettings
-    {
-        int sampleRate = 48000;
-        int channels = 2;
-        int64_t bitRate = 192000; // bits per second
-    };
+    using AudioSettings = AacSettings;
 
     // Sets up a writer for the file at `path` (created by startWriting). Throws RecorderError
     // when FFmpeg cannot provide an MP4 muxer.

@@ -21,7 +21,7 @@ QString newUuidText()
     return QUuid::createUuid().toString(QUuid::WithoutBraces).toUpper();
 }
 
-QString newTemporaryURL()
+QString newTemporaryPath()
 {
     return QDir(QDir::tempPath()).filePath(QStringLiteral("vantrel-%1.mp4").arg(newUuidText()));
 }
@@ -69,7 +69,7 @@ SerialQueue &exportQueue()
     return *queue;
 }
 
-QString newClipURL()
+QString newClipPath()
 {
     const QString stamp =
         QDateTime::currentDateTime().toString(QStringLiteral("yyyy-MM-dd HH-mm-ss"));
@@ -112,8 +112,8 @@ QFuture<WrittenFile> exportClip(const ReplayBuffer::Snapshot &snapshot, Options 
     plan.sourceBase = base;
     plan.audioHistory = {std::move(options.audioHistory), endOf(snapshot.audio)};
     plan.micHistory = {std::move(options.micHistory), endOf(snapshot.mic)};
-    plan.finalPath = newClipURL();
-    plan.tempPath = newTemporaryURL();
+    plan.finalPath = newClipPath();
+    plan.tempPath = newTemporaryPath();
     plan.timeLimit = options.timeLimit;
     plan.onWriterDone = std::move(options.onWriterDone);
     QFile::remove(plan.tempPath);

@@ -42,7 +42,7 @@ QFuture<WrittenFile> exportClip(const ReplayBuffer::Snapshot &snapshot, Options 
 
 // "Clip yyyy-MM-dd HH-mm-ss XXXXXX.mp4" in the recordings folder: local time and the first six
 // characters of a new UUID, so two clips in the same second still differ.
-QString newClipURL();
+QString newClipPath();
 
 // The process-wide serial queue every step of writing a clip runs on.
 SerialQueue &exportQueue();

@@ -16,9 +16,9 @@ constexpr std::chrono::milliseconds reuseWait {300};
 Mp4Writer::AudioSettings aacInput(const AudioFormatPtr &format)
 {
     Mp4Writer::AudioSettings settings;
-    settings.sampleRate = format && format->sampleRate >= 8000 ? format->sampleRate : 48000;
+    if (format && format->sampleRate >= 8000)
+        settings.sampleRate = format->sampleRate;
     settings.channels = !format || format->channels >= 2 ? 2 : 1;
-    settings.bitRate = 192000;
     return settings;
 }
 

@@ -41,8 +41,8 @@ void ReplayBuffer::appendAudioPacket(const AudioSampleBuffer &sample, bool isMic
         return;
     MediaTime duration = sample.duration;
     if (!duration.isValid() || duration.isZero()) {
-        const int rate =
-            sample.format && sample.format->sampleRate > 0 ? sample.format->sampleRate : 48000;
+        const int rate = sample.format && sample.format->sampleRate > 0 ? sample.format->sampleRate
+                                                                        : AudioDefaults::sampleRate;
         duration = MediaTime::make(n, rate);
     }
     if (!sample.format)

@@ -36,7 +36,7 @@ SessionRecorder::~SessionRecorder()
         const bool abandoned = m_writer && !m_finishCompleted;
         m_writer.reset();
         if (abandoned)
-            QFile::remove(m_url);
+            QFile::remove(m_path);
         if (!m_finishCompleted)
             completeFinish({});
     });
@@ -126,22 +126,23 @@ void SessionRecorder::appendPending(std::deque<ReplayBuffer::AudioPacket> &pendi
 
 Mp4Writer::AudioSettings SessionRecorder::aacInput()
 {
-    return {48000, 2, 192000};
+    // The capture's own rate and layout.
+    return {};
 }
 
 void SessionRecorder::startWriter(const VideoFormatPtr &format, MediaTime at)
 {
-    const QString url =
+    const QString path =
         QDir(QDir::tempPath())
             .filePath(QStringLiteral("vantrel-session-%1.mp4")
                           .arg(QUuid::createUuid().toString(QUuid::WithoutBraces).toUpper()));
-    QFile::remove(url);
+    QFile::remove(path);
 
     // Any failure leaves the recorder without a writer; it tries again at the next sample, and
     // remembers why for the answer of a finish that comes first.
     std::unique_ptr<Mp4Writer> writer;
     try {
-        writer = std::make_unique<Mp4Writer>(url, m_queue);
+        writer = std::make_unique<Mp4Writer>(path, m_queue);
     } catch (const std::exception &error) {
         m_startFailure = QString::fromUtf8(error.what());
         return;
@@ -161,7 +162,7 @@ void SessionRecorder::startWriter(const VideoFormatPtr &format, MediaTime at)
     if (!writer->startWriting()) {
         m_startFailure = writer->error();
         writer.reset();
-        QFile::remove(url);
+        QFile::remove(path);
         return;
     }
     writer->startSession(at);
@@ -170,7 +171,7 @@ void SessionRecorder::startWriter(const VideoFormatPtr &format, MediaTime at)
     m_audioInput = audio;
     m_micInput = mic;
     m_startPTS = at;
-    m_url = url;
+    m_path = path;
 }
 
 QFuture<SessionOutcome> SessionRecorder::finish(bool keep)
@@ -195,7 +196,7 @@ QFuture<SessionOutcome> SessionRecorder::finish(bool keep)
             if (input)
                 m_writer->markAsFinished(*input);
         }
-        if (!m_writer || m_url.isEmpty()) {
+        if (!m_writer || m_path.isEmpty()) {
             // A file that was to be kept but never started says why, when something stopped it.
             Result result;
             if (keep && !m_startFailure.isEmpty())
@@ -211,15 +212,15 @@ QFuture<SessionOutcome> SessionRecorder::finish(bool keep)
 
 void SessionRecorder::conclude(bool keep)
 {
-    const qint64 size = QFileInfo(m_url).size();
+    const qint64 size = QFileInfo(m_path).size();
     // The writer itself stays until the recorder goes: this runs inside its completion.
     const bool completed = m_writer->status() == Mp4Writer::Status::completed;
     if (keep && completed && size >= 1001) {
-        const std::optional<QString> moved = moveSessionIntoLibrary(m_url);
-        completeFinish({WrittenFile {moved.value_or(m_url), m_shortfall}, {}});
+        const std::optional<QString> moved = moveSessionIntoLibrary(m_path);
+        completeFinish({WrittenFile {moved.value_or(m_path), m_shortfall}, {}});
         return;
     }
-    QFile::remove(m_url);
+    QFile::remove(m_path);
     Result result;
     // Too short to keep is no failure; a writer that failed is.
     if (keep && !completed) {

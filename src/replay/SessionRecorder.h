@@ -82,7 +82,7 @@ private:
     std::deque<ReplayBuffer::EncodedFrame> m_pendingVideo;
     std::deque<ReplayBuffer::AudioPacket> m_pendingAudio;
     std::deque<ReplayBuffer::AudioPacket> m_pendingMic;
-    QString m_url; // the temporary file being written
+    QString m_path; // the temporary file being written
     MediaTime m_startPTS; // invalid until the file starts
     Shortfall m_shortfall; // of what reached the file's time span
     QString m_startFailure; // why the file could not be started, the last time it was tried

@@ -1,9 +1,11 @@
 #include "capture/pulse/AudioClock.h"
 
+#include "media/MediaFormat.h"
+
 #include <algorithm>
 
 AudioClock::AudioClock(int sampleRate, int64_t toleranceNanoseconds, int patiencePackets)
-    : m_sampleRate(sampleRate > 0 ? sampleRate : 48000)
+    : m_sampleRate(sampleRate > 0 ? sampleRate : AudioDefaults::sampleRate)
     , m_tolerance(toleranceNanoseconds)
     , m_patience(std::max(1, patiencePackets))
 {

@@ -45,7 +45,8 @@ public:
         int64_t cutSamples = 0; // cut because the timeline moved back over them (AudioClock)
     };
 
-    explicit PulseAudioCapture(int sampleRate = 48000, int channels = 2);
+    explicit PulseAudioCapture(int sampleRate = AudioDefaults::sampleRate,
+                               int channels = AudioDefaults::channels);
     ~PulseAudioCapture();
     PulseAudioCapture(const PulseAudioCapture &) = delete;
     PulseAudioCapture &operator=(const PulseAudioCapture &) = delete;
