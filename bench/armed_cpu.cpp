@@ -20,6 +20,8 @@
 #include "engine/ClipEngine.h"
 #include "media/MonotonicClock.h"
 
+#include <QCoreApplication>
+
 #include <unistd.h>
 
 #include <algorithm>
@@ -90,6 +92,8 @@ void sleepSeconds(double seconds)
 
 int main(int argc, char **argv)
 {
+    // The Wayland capture talks to the desktop portal over D-Bus, which wants an application.
+    QCoreApplication application(argc, argv);
     double seconds = 20;
     double settle = 3;
     double clipLength = 30;

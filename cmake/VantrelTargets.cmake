@@ -16,11 +16,11 @@ function(vantrel_library name)
   target_link_libraries(${name} PRIVATE vantrel_warnings)
 endfunction()
 
-# vantrel_test(NAME [GUI] SOURCES... LIBS ... LABELS ... FIXTURES ...): a GoogleTest executable whose
-# cases each become a ctest test, so every case runs in a process of its own (fresh settings,
-# fresh paths).
+# vantrel_test(NAME [GUI] SOURCES... LIBS ... LABELS ... FIXTURES ... LOCKS ...): a GoogleTest
+# executable whose cases each become a ctest test, so every case runs in a process of its own
+# (fresh settings, fresh paths).
 function(vantrel_test name)
-  cmake_parse_arguments(T "GUI" "TIMEOUT" "SOURCES;LIBS;LABELS;FIXTURES" ${ARGN})
+  cmake_parse_arguments(T "GUI" "TIMEOUT" "SOURCES;LIBS;LABELS;FIXTURES;LOCKS" ${ARGN})
   add_executable(${name} ${T_SOURCES})
   # GUI tests get a main() that makes a QApplication; the rest use GoogleTest's own.
   if(T_GUI)
@@ -43,7 +43,10 @@ function(vantrel_test name)
     string(APPEND props " FIXTURES_REQUIRED [==[${T_FIXTURES}]==]")
     # Tests that share a server run one at a time, so one test's keys or sounds never reach
     # another.
-    string(APPEND props " RESOURCE_LOCK [==[${T_FIXTURES}]==]")
+    # LOCKS adds resources of other kinds: "encoder" for the tests that encode a whole screen in
+    # real time, which starve each other (and drop audio) when two run at once on two cores.
+    set(locks ${T_FIXTURES} ${T_LOCKS})
+    string(APPEND props " RESOURCE_LOCK [==[${locks}]==]")
     set(env "VANTREL_FIXTURE_DIR=${VANTREL_FIXTURE_DIR}")
     if("xvfb" IN_LIST T_FIXTURES)
       list(APPEND env "DISPLAY=${VANTREL_TEST_DISPLAY}")
@@ -52,6 +55,24 @@ function(vantrel_test name)
     endif()
     if("pulse" IN_LIST T_FIXTURES)
       list(APPEND env "PULSE_SERVER=${VANTREL_TEST_PULSE_SERVER}")
+    endif()
+    if("service" IN_LIST T_FIXTURES)
+      list(APPEND env "VANTREL_TEST_SERVICE_URL=${VANTREL_TEST_SERVICE_URL}"
+        "VANTREL_TEST_SERVICE_CA=${VANTREL_TEST_SERVICE_CA}"
+        "VANTREL_TEST_SERVICE_DATA=${VANTREL_TEST_SERVICE_DATA}"
+        "VANTREL_TEST_SERVICE_BIN=${VANTREL_TEST_SERVICE_BIN}")
+      # The fixture starts the server binary, so a test of it needs it built.
+      add_dependencies(${name} vantrel-service)
+    endif()
+    if("wayland" IN_LIST T_FIXTURES)
+      # A client of the fixture's Wayland session: its runtime folder, compositor, bus and
+      # PipeWire's pulse server; the script and folders let a test restart the session.
+      set(w "${VANTREL_WAYLAND_DIR}")
+      list(APPEND env "XDG_RUNTIME_DIR=${w}/run" "WAYLAND_DISPLAY=${w}/wayland-socket"
+        "SWAYSOCK=${w}/sway-ipc.sock" "DBUS_SESSION_BUS_ADDRESS=unix:path=${w}/run/bus"
+        "PULSE_SERVER=unix:${w}/run/pulse/native" "XDG_CURRENT_DESKTOP=sway"
+        "XDG_SESSION_TYPE=wayland" "VANTREL_WAYLAND_SCRIPT=${VANTREL_WAYLAND_SCRIPT}"
+        "VANTREL_WAYLAND_DIR=${w}" "VANTREL_WAYLAND_CACHE=${VANTREL_WAYLAND_CACHE}")
     endif()
     string(APPEND props " ENVIRONMENT [==[${env}]==]")
   endif()

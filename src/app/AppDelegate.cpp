@@ -2,14 +2,18 @@
 
 #include "app/LoginItem.h"
 #include "app/MainMenu.h"
+#include "app/ShareActions.h"
 #include "app/SingleInstance.h"
 #include "app/StatusIcon.h"
 #include "app/StatusTexts.h"
 #include "app/WakeObserver.h"
+#include "cloud/AccountStore.h"
 #include "core/ClipSettings.h"
+#include "core/DisplaySession.h"
 #include "core/Log.h"
 #include "core/Paths.h"
 #include "core/Preferences.h"
+#include "core/ProgramVersion.h"
 #include "core/SharedPool.h"
 #include "engine/ClipSound.h"
 #include "input/ClipHotkey.h"
@@ -22,12 +26,14 @@
 #include <QApplication>
 #include <QDir>
 #include <QFileInfo>
+#include <QGuiApplication>
 #include <QMenu>
 #include <QMenuBar>
 #include <QMessageBox>
 #include <QProcess>
 #include <QSystemTrayIcon>
 #include <QTimer>
+#include <QUrlQuery>
 
 #include <qcoro/qcorofuture.h>
 #include <qcoro/qcorotask.h>
@@ -62,6 +68,18 @@ AppDelegate::AppDelegate(QObject *parent)
     // Every status line also goes to the log, so a user without the window can follow along.
     connect(&m_model, &AppModel::statusChanged, this,
             [this] { ClipEngine::log(QStringLiteral("status: ") + m_model.status()); });
+
+    m_share = new ShareActions(
+        m_model,
+        [this] {
+            if (m_library)
+                m_library->refreshClips(false);
+        },
+        this);
+    // A returning user's profile is fetched at launch; the store reads the token when made.
+    hooks.account = [] { AccountStore::shared().bootstrap(); };
+    hooks.share = [this](const QUrl &clip) { shareClip(clip); };
+    hooks.link = [this](const QUrl &link) { applyAuthLink(link); };
 }
 
 AppDelegate::~AppDelegate() = default;
@@ -74,10 +92,10 @@ QString AppDelegate::armedStatus() const
         return QStringLiteral("Recording. %1 saves the last %2 seconds from any app.")
             .arg(key)
             .arg(seconds);
-    return QStringLiteral(
-               "Recording, but %1 only works in this window. Allow Accessibility and Input "
-               "Monitoring.")
-        .arg(key);
+    const QString remedy = HotkeyManager::shared().desktopShortcutDeclined()
+        ? QStringLiteral("Allow Vantrel's shortcut in your desktop's settings.")
+        : QStringLiteral("Add yourself to the input group to use it everywhere.");
+    return QStringLiteral("Recording, but %1 only works in this window. %2").arg(key, remedy);
 }
 
 QString AppDelegate::idleStatus() const
@@ -107,7 +125,7 @@ bool AppDelegate::applicationDidFinishLaunching(const QStringList &links)
             });
 
     // Marks where this run begins in the log.
-    ClipEngine::log(QStringLiteral("launched version %1").arg(QStringLiteral(VANTREL_VERSION)));
+    ClipEngine::log(QStringLiteral("launched version %1").arg(ProgramVersion::current()));
     // Paths::recordings() creates the folder when it is missing.
     m_library = std::make_unique<ClipLibrary>(m_model, Paths::recordings());
     PermissionOnce::rememberExistingPrompts();
@@ -124,7 +142,15 @@ bool AppDelegate::applicationDidFinishLaunching(const QStringList &links)
                     openWindow();
             });
     refreshStatusItem();
-    m_statusItem->show();
+    // Some desktops have no tray (sway without a bar, GNOME without its extension): Vantrel then
+    // lives in its window and its links, and records all the same.
+    // (Asked only under Wayland: under X11 the icon waits for a tray to appear.)
+    if (!DisplaySession::isWayland() || QSystemTrayIcon::isSystemTrayAvailable())
+        m_statusItem->show();
+    else
+        ClipEngine::log(QStringLiteral("no system tray on this desktop (%1): running without a "
+                                       "tray icon")
+                            .arg(QGuiApplication::platformName()));
 
     showDashboard();
     if (hooks.update)
@@ -442,6 +468,27 @@ void AppDelegate::openUrls(const QList<QUrl> &urls)
         else if (host == QLatin1String("auth") && hooks.link)
             hooks.link(url);
     }
+}
+
+void AppDelegate::shareClip(const QUrl &clip)
+{
+    m_share->shareClip(clip);
+}
+
+void AppDelegate::shareAllClips()
+{
+    m_share->shareAllClips();
+}
+
+void AppDelegate::applyAuthLink(const QUrl &link)
+{
+    // The first "token" item counts; one without a value is ignored, as is a link without one.
+    const QString token =
+        QUrlQuery(link).queryItemValue(QStringLiteral("token"), QUrl::FullyDecoded);
+    if (token.isEmpty())
+        return;
+    AccountStore::shared().applyToken(token);
+    m_model.setStatus(QStringLiteral("Signed in."));
 }
 
 void AppDelegate::applicationWillTerminate()

@@ -19,6 +19,7 @@
 namespace QCoro {
 template<typename T> class Task;
 }
+class ShareActions;
 class SingleInstance;
 class WakeObserver;
 
@@ -48,6 +49,10 @@ public:
     void showAbout();
     void showDashboard();
     void refreshStatusItem();
+    // Uploads one clip and puts its link on the clipboard (the share hook after every save).
+    void shareClip(const QUrl &clip);
+    // Uploads every listed clip and puts one folder link on the clipboard.
+    void shareAllClips();
 
     ClipEngine &engine() { return *m_engine; }
     AppModel &model() { return m_model; }
@@ -57,7 +62,8 @@ public:
     QMenu *statusMenu() const { return m_statusMenu; }
     QSystemTrayIcon *statusItem() const { return m_statusItem; }
 
-    // Installed by the dashboard, account, sharing and update code; empty ones do nothing.
+    // Installed by the dashboard, account, sharing and update code; empty ones do nothing. The
+    // delegate installs its own account, share and link hooks when it is made.
     struct Hooks
     {
         std::function<void()> account;
@@ -76,6 +82,7 @@ private:
     void onCaptureStopped(const QString &error);
     void onWake();
     void armAtLaunchIfWanted();
+    void applyAuthLink(const QUrl &link);
     QString armedStatus() const;
     QString idleStatus() const;
 
@@ -85,6 +92,7 @@ private:
     QPointer<QSystemTrayIcon> m_statusItem;
     QPointer<QMenu> m_statusMenu;
     QPointer<QMenuBar> m_mainMenu;
+    ShareActions *m_share = nullptr;
     SingleInstance *m_singleInstance = nullptr;
     WakeObserver *m_wake = nullptr;
     bool m_saveInProgress = false;

@@ -4,6 +4,9 @@
 #include "app/AppDelegate.h"
 #include "core/Paths.h"
 #include "core/Preferences.h"
+#include "core/ProgramVersion.h"
+#include "update/ArchiveInstall.h"
+#include "update/UpdateStore.h"
 
 #include <QApplication>
 #include <QCoreApplication>
@@ -35,13 +38,17 @@ Options:
   --help       show this text
   --version    show the version
   --paths      show where clips, settings and the log live, then exit
+  --install ARCHIVE [--signature FILE]
+               install a release archive (Vantrel-VERSION-linux-x86_64.tar.gz) for this user
+               in ~/.local/opt/Vantrel, checking its signature (ARCHIVE.sig) first
 
 Environment:
-  VANTREL_SCREEN_BACKEND=x11      choose the screen capture backend
+  VANTREL_CAPTURE=x11|wayland     choose the screen capture backend (normally chosen by the session)
   VANTREL_ENCODER=libx264         force one H.264 encoder (h264_vaapi, h264_nvenc, h264_qsv, libx264)
   VANTREL_SERVICE_URL=URL         use another web service (a self-hosted one)
   VANTREL_SERVICE_CA=FILE         also trust the certificates in this PEM file for it
-  QT_QPA_PLATFORM=offscreen       run without windows or tray (capture still needs an X display)
+  VANTREL_PREFIX=DIR              where --install puts Vantrel (instead of ~/.local/opt/Vantrel)
+  QT_QPA_PLATFORM=offscreen       run without windows or tray (capture still needs a display)
 )";
 
 int signalPipe[2] = {-1, -1};
@@ -63,7 +70,7 @@ void nameTheApplication()
 {
     QCoreApplication::setOrganizationName(QStringLiteral("quillfen"));
     QCoreApplication::setApplicationName(QStringLiteral("Vantrel"));
-    QCoreApplication::setApplicationVersion(QStringLiteral(VANTREL_VERSION));
+    QCoreApplication::setApplicationVersion(ProgramVersion::current());
 }
 
 } // namespace
@@ -83,13 +90,28 @@ int run(int argc, char *argv[])
             return 0;
         }
         if (argument == QLatin1String("--version")) {
-            out << "Vantrel " << VANTREL_VERSION << '\n';
+            out << "Vantrel " << ProgramVersion::current() << '\n';
             return 0;
+        }
+        if (argument == QLatin1String("--install")) {
+            QString archive, signature;
+            if (i + 1 < argc)
+                archive = QString::fromLocal8Bit(argv[i + 1]);
+            if (i + 3 < argc && QLatin1String(argv[i + 2]) == QLatin1String("--signature"))
+                signature = QString::fromLocal8Bit(argv[i + 3]);
+            if (archive.isEmpty()) {
+                QTextStream(stderr) << "vantrel: --install needs the archive to install\n";
+                return 2;
+            }
+            QCoreApplication core(argc, argv);
+            nameTheApplication();
+            QTextStream err(stderr);
+            return ArchiveInstall::run(archive, signature, out, err);
         }
         if (argument == QLatin1String("--paths")) {
             QCoreApplication core(argc, argv);
             nameTheApplication();
-            out << "Vantrel " << VANTREL_VERSION << '\n';
+            out << "Vantrel " << ProgramVersion::current() << '\n';
             printPaths(out);
             return 0;
         }
@@ -101,10 +123,17 @@ int run(int argc, char *argv[])
     }
 
     // Without any display the program still runs: the tray and the window are skipped, the
-    // clip key works through the keyboards, and arming says why it cannot capture.
-    if (qEnvironmentVariableIsEmpty("DISPLAY") && qEnvironmentVariableIsEmpty("WAYLAND_DISPLAY") &&
-        qEnvironmentVariableIsEmpty("QT_QPA_PLATFORM"))
-        qputenv("QT_QPA_PLATFORM", "offscreen");
+    // clip key works through the keyboards, and arming says why it cannot capture. With one, a
+    // platform plugin that is missing (Qt's Wayland plugin is a package of its own) falls back to
+    // the next that works rather than end the program: recording needs none of them.
+    if (qEnvironmentVariableIsEmpty("QT_QPA_PLATFORM")) {
+        if (!qEnvironmentVariableIsEmpty("WAYLAND_DISPLAY"))
+            qputenv("QT_QPA_PLATFORM", "wayland;xcb;offscreen");
+        else if (!qEnvironmentVariableIsEmpty("DISPLAY"))
+            qputenv("QT_QPA_PLATFORM", "xcb;offscreen");
+        else
+            qputenv("QT_QPA_PLATFORM", "offscreen");
+    }
 
     QApplication app(argc, argv);
     nameTheApplication();
@@ -116,9 +145,15 @@ int run(int argc, char *argv[])
     QTextStream out(stdout);
 
     AppDelegate delegate;
+    UpdateStore &updates = UpdateStore::shared();
+    delegate.hooks.update = [&updates] { updates.applyOnLaunch(); };
+    // An install's progress and errors reach the log as the app's own status lines do.
+    QObject::connect(&updates, &UpdateStore::statusChanged, &delegate, [&updates] {
+        ClipEngine::log(QStringLiteral("update status: ") + updates.status());
+    });
     if (!delegate.applicationDidFinishLaunching(links))
         return 0; // the running instance took the links
-    out << "Vantrel " << VANTREL_VERSION << '\n';
+    out << "Vantrel " << ProgramVersion::current() << '\n';
     printPaths(out);
     out.flush();
 

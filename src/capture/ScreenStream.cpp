@@ -1,10 +1,11 @@
 #include "capture/ScreenStream.h"
 
+#include "capture/wayland/WaylandScreenCaptureService.h"
 #include "capture/x11/X11ScreenCaptureService.h"
+#include "core/DisplaySession.h"
+#include "core/Log.h"
 
-#include <cstdlib>
 #include <stdexcept>
-#include <string_view>
 
 std::optional<CaptureDisplay> chooseCaptureDisplay(const std::vector<CaptureDisplay> &displays,
                                                    std::optional<std::pair<int, int>> pointer)
@@ -28,19 +29,22 @@ std::optional<CaptureDisplay> chooseCaptureDisplay(const std::vector<CaptureDisp
 
 std::unique_ptr<ScreenCaptureService> ScreenCaptureService::create()
 {
-    const char *forced = std::getenv("VANTREL_SCREEN_BACKEND");
-    if (forced && *forced) {
-        if (std::string_view(forced) == "x11")
-            return std::make_unique<X11ScreenCaptureService>();
-        throw std::runtime_error("VANTREL_SCREEN_BACKEND=" + std::string(forced) +
-                                 " is not a screen capture backend; the one available is x11.");
+    const DisplaySession::Choice choice = DisplaySession::chooseCapture();
+    switch (choice.capture) {
+    case DisplaySession::Capture::x11:
+        Log::system(QStringLiteral("capture backend: x11, for %1").arg(choice.why));
+        return std::make_unique<X11ScreenCaptureService>();
+    case DisplaySession::Capture::wayland:
+        Log::system(QStringLiteral("capture backend: wayland, for %1").arg(choice.why));
+        return std::make_unique<WaylandScreenCaptureService>();
+    case DisplaySession::Capture::none:
+        break;
     }
-    // Under Wayland, DISPLAY usually points at XWayland, whose root window shows only the X11
-    // programs: the capture would be mostly black, so say so instead.
-    const char *session = std::getenv("XDG_SESSION_TYPE");
-    const char *wayland = std::getenv("WAYLAND_DISPLAY");
-    if ((session && std::string_view(session) == "wayland") || (wayland && *wayland))
-        throw std::runtime_error("Screen capture in a Wayland session is not available yet. Set "
-                                 "VANTREL_SCREEN_BACKEND=x11 to capture the X11 windows only.");
-    return std::make_unique<X11ScreenCaptureService>();
+    Log::system(QStringLiteral("capture backend: none, for %1").arg(choice.why));
+    if (DisplaySession::isWayland() && !DisplaySession::isForced())
+        throw std::runtime_error(
+            "This Wayland session has no screen-sharing portal. Install xdg-desktop-portal with "
+            "your desktop's portal (xdg-desktop-portal-gnome, -kde or -wlr), log in again, then "
+            "Arm again.");
+    throw std::runtime_error(choice.why.toStdString() + ".");
 }

@@ -92,7 +92,7 @@ public:
 };
 
 // The platform's capture service: lists the displays and makes streams. The backend is chosen
-// at run time (VANTREL_SCREEN_BACKEND=x11 forces X11).
+// at run time (VANTREL_CAPTURE=x11|wayland forces one).
 class ScreenCaptureService
 {
 public:
@@ -105,8 +105,19 @@ public:
     virtual std::unique_ptr<ScreenStream> makeStream(const CaptureDisplay &display,
                                                      const StreamConfiguration &config) = 0;
 
-    // The backend for this session: VANTREL_SCREEN_BACKEND names it ("x11"), otherwise X11 when
-    // an X display is there and the session is not Wayland's. Throws std::runtime_error with a
-    // sentence for the user when there is none (unknown backend, no display, a Wayland session).
+    // The backend for this session (see DisplaySession::chooseCapture), logged with the reason.
+    // Throws std::runtime_error with a sentence for the user when there is none.
     static std::unique_ptr<ScreenCaptureService> create();
+};
+
+// Thrown by a backend whose desktop asks the user before the screen may be recorded, when the
+// user cancelled or the desktop refused. Arming again (and answering) is the way out.
+struct CaptureNotAllowed : std::runtime_error
+{
+    CaptureNotAllowed(const std::string &what, bool cancelled)
+        : std::runtime_error(what)
+        , cancelled(cancelled)
+    {
+    }
+    const bool cancelled; // the user cancelled, rather than the desktop refusing
 };

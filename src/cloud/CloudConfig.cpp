@@ -1,6 +1,7 @@
 #include "cloud/CloudConfig.h"
 
 #include "core/Log.h"
+#include "core/ProgramVersion.h"
 
 namespace {
 
@@ -55,7 +56,7 @@ QString host()
 
 QString appVersion()
 {
-    return QStringLiteral(VANTREL_VERSION);
+    return ProgramVersion::current();
 }
 
 } // namespace CloudConfig

@@ -206,6 +206,14 @@ void ClipEngine::arm()
             throw std::runtime_error("no screen capture service");
         content = capture->service->shareableContent();
         pointer = capture->service->pointerLocation();
+    } catch (const CaptureNotAllowed &e) {
+        // The desktop asked and the answer was no: say so, and how to say yes next time.
+        log(QStringLiteral("shareable failed: %1").arg(QString::fromUtf8(e.what())));
+        throw RecorderError::notReady(
+            (e.cancelled ? QStringLiteral("Screen sharing was cancelled. ")
+                         : QStringLiteral("Your desktop did not share the screen. ")) +
+            QStringLiteral("Allow Vantrel to share your screen when your desktop asks, then Arm "
+                           "again. You only have to allow it once."));
     } catch (const std::exception &e) {
         // The backend's sentence says what is wrong (no display server, one that cannot be
         // reached); starting again, let alone restarting the program, does not change that.

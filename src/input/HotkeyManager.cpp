@@ -1,11 +1,13 @@
 #include "input/HotkeyManager.h"
 
+#include "core/DisplaySession.h"
 #include "core/Log.h"
 #include "input/ClipHotkey.h"
 #include "input/InputAccess.h"
 #include "input/PermissionNotifier.h"
 #include "input/PermissionOnce.h"
 #include "input/PermissionTexts.h"
+#include "input/PortalShortcut.h"
 #include "input/ScreenAccess.h"
 #include "input/X11HotkeyGrab.h"
 #include "input/XInputKeyMonitor.h"
@@ -118,6 +120,7 @@ void HotkeyManager::registerHotkey()
     }
     installKeyboardReader();
     installRawMonitor();
+    installPortalShortcut();
     refreshGlobalState();
 }
 
@@ -128,6 +131,7 @@ void HotkeyManager::unregister()
     m_grab.reset();
     m_globalMonitor.reset();
     m_localMonitor.reset();
+    m_portalShortcut.reset();
     // Joins the reader thread: no key from it arrives after this.
     m_tap.reset();
     if (m_worksInOtherApps) {
@@ -212,6 +216,26 @@ void HotkeyManager::installRawMonitor()
         m_globalMonitor = std::move(monitor);
 }
 
+void HotkeyManager::installPortalShortcut()
+{
+    // Under X11 the grab already sees every key; asking the desktop too would only show the user
+    // a question for nothing.
+    if (!isEnabled(Path::portalShortcut) || m_portalShortcut || !DisplaySession::isWayland())
+        return;
+    m_portalShortcut = std::make_unique<PortalShortcut>();
+    m_portalShortcut->onPressed = [this] {
+        handleKey(Path::portalShortcut,
+                  {ClipHotkey::keyCode(), KeyInput::Action::press, ClipHotkey::modifiers()});
+    };
+    m_portalShortcut->onReleased = [this] {
+        handleKey(Path::portalShortcut,
+                  {ClipHotkey::keyCode(), KeyInput::Action::release, ClipHotkey::modifiers()});
+    };
+    m_portalShortcut->onStateChanged = [this] { refreshGlobalState(); };
+    // Without the interface the object stays, unavailable, so that it is not asked again.
+    m_portalShortcut->install(ClipHotkey::displayName());
+}
+
 void HotkeyManager::pathLost(Path path)
 {
     Log::system(QStringLiteral("hotkey lost the X server"));
@@ -242,6 +266,8 @@ bool HotkeyManager::isPathInstalled(Path path) const
         return m_globalMonitor && m_globalMonitor->isInstalled();
     case Path::window:
         return m_localMonitor && m_localMonitor->isInstalled();
+    case Path::portalShortcut:
+        return m_portalShortcut && m_portalShortcut->state() == PortalShortcut::State::bound;
     }
     return false;
 }
@@ -257,6 +283,8 @@ QString HotkeyManager::installedPathsText() const
         names << QStringLiteral("xinput2 raw");
     if (isPathInstalled(Path::window))
         names << QStringLiteral("window");
+    if (isPathInstalled(Path::portalShortcut))
+        names << QStringLiteral("portal shortcut");
     return names.isEmpty() ? QStringLiteral("none") : names.join(QStringLiteral(", "));
 }
 
@@ -268,7 +296,7 @@ void HotkeyManager::refreshGlobalState()
         m_loggedPaths = paths;
     }
     const bool global = isPathInstalled(Path::x11Grab) || isPathInstalled(Path::keyboards) ||
-        isPathInstalled(Path::xinputRaw);
+        isPathInstalled(Path::xinputRaw) || isPathInstalled(Path::portalShortcut);
     if (global == m_worksInOtherApps)
         return;
     m_worksInOtherApps = global;
@@ -281,6 +309,25 @@ void HotkeyManager::refreshGlobalState()
                     onBecameGlobal();
             },
             Qt::QueuedConnection);
+}
+
+QString HotkeyManager::keyNotice() const
+{
+    if (m_worksInOtherApps)
+        return {};
+    // The desktop offers a global shortcut, but it is not bound: the user declined it, or it
+    // waits in the desktop's settings.
+    if (desktopShortcutDeclined())
+        return QStringLiteral("Allow Vantrel's shortcut in your desktop's settings.");
+    if (DisplaySession::isWayland())
+        return QStringLiteral("Under Wayland, Vantrel needs to read the keyboard: add yourself to "
+                              "the input group, then log in again.");
+    return QStringLiteral("Add yourself to the input group to use it everywhere.");
+}
+
+bool HotkeyManager::desktopShortcutDeclined() const
+{
+    return m_portalShortcut && m_portalShortcut->state() == PortalShortcut::State::refused;
 }
 
 void HotkeyManager::startPermissionPoll()
@@ -316,6 +363,8 @@ void HotkeyManager::bindingChanged()
     if (m_grab && m_grab->isGrabbed())
         m_grab->ungrab();
     installGrab();
+    if (m_portalShortcut && m_portalShortcut->state() != PortalShortcut::State::unavailable)
+        m_portalShortcut->install(ClipHotkey::displayName());
     refreshGlobalState();
 }
 

@@ -15,6 +15,7 @@
 #include <mutex>
 #include <optional>
 
+class PortalShortcut;
 class QTimer;
 class X11HotkeyGrab;
 class XInputKeyMonitor;
@@ -28,7 +29,9 @@ class XInputKeyMonitor;
 //   - the keyboard reader on the thread "vt-hotkey-tap" (needs read access to /dev/input; works
 //     without any display server),
 //   - XInput2 raw key events (every X11 client),
-//   - the event filter on our own windows (also does capture mode).
+//   - the event filter on our own windows (also does capture mode),
+//   - in a Wayland session, the desktop's global shortcut through the portal (GlobalShortcuts),
+//     where the desktop offers one: a key pressed anywhere without reading the keyboards.
 // A small debounce under `stateLock` collapses them into one fire.
 //
 // Threads: every public operation, `onPress`, `onBecameGlobal` and the capture handler run on
@@ -41,8 +44,14 @@ class HotkeyManager : public QObject
 
 public:
     using Clock = std::chrono::steady_clock;
-    enum class Path : unsigned { keyboards = 1, x11Grab = 2, xinputRaw = 4, window = 8 };
-    static constexpr unsigned allPaths = 15;
+    enum class Path : unsigned {
+        keyboards = 1,
+        x11Grab = 2,
+        xinputRaw = 4,
+        window = 8,
+        portalShortcut = 16
+    };
+    static constexpr unsigned allPaths = 31;
 
     // Created on first use, which must be on the main thread.
     static HotkeyManager &shared();
@@ -79,8 +88,13 @@ public:
     void openScreenRecordingSettings();
 
     bool isPathInstalled(Path path) const;
-    // "keyboards, x11 grab, xinput2 raw, window", or "none".
+    // "keyboards, x11 grab, xinput2 raw, window, portal shortcut", or "none".
     QString installedPathsText() const;
+    // What the user can do for the clip key to work in every application; empty when it does.
+    QString keyNotice() const;
+    // The desktop offers its global shortcut, but the clip key is not bound there (the user
+    // declined, or the desktop failed).
+    bool desktopShortcutDeclined() const;
 
     // For tests and benchmarks: the clock of the debounce, its minimum interval between fires,
     // the paths that may be installed, and how keyboards are recognised.
@@ -104,6 +118,7 @@ private:
     void installGrab();
     void installKeyboardReader();
     void installRawMonitor();
+    void installPortalShortcut();
     void installAll();
     void refreshGlobalState();
     void startPermissionPoll();
@@ -128,6 +143,7 @@ private:
     std::unique_ptr<WindowKeyFilter> m_localMonitor;
     std::unique_ptr<XInputKeyMonitor> m_globalMonitor;
     std::unique_ptr<EvdevHotkeyTap> m_tap;
+    std::unique_ptr<PortalShortcut> m_portalShortcut;
     QTimer *m_pollTimer = nullptr;
 
     // stateLock guards clipKeyHeld, lastFire, m_now and m_minInterval.
@@ -141,7 +157,7 @@ private:
 
     // Volume keys down, one bit per key, as each path last saw them (a path that missed a
     // release cannot clear another's).
-    std::array<std::atomic<unsigned>, 4> m_volumeKeysDown {};
+    std::array<std::atomic<unsigned>, 5> m_volumeKeysDown {};
 
     unsigned m_enabledPaths = allPaths;
     EvdevHotkeyTap::KeyboardProbe m_keyboardProbe;

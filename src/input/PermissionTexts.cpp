@@ -14,11 +14,12 @@ const QString kInputGroupHow = QStringLiteral(
 PermissionNotice screenRecording(bool isFirstPrompt)
 {
     return {PermissionNotice::Kind::ScreenRecording, isFirstPrompt,
-            QStringLiteral("Screen recording needs an X11 session"),
+            QStringLiteral("Screen recording needs the desktop portal"),
             QStringLiteral(
-                "This session runs on Wayland, and Vantrel records the screen through X11 for now. "
-                "Choose an X11 session on the login screen (for example \"GNOME on Xorg\" or "
-                "\"Plasma (X11)\"), log in again and arm Instant Replay.")};
+                "This session runs on Wayland, where programs record the screen through the "
+                "desktop portal, and this desktop has none that can share the screen. Install "
+                "xdg-desktop-portal and your desktop's own portal (xdg-desktop-portal-gnome, "
+                "xdg-desktop-portal-kde or xdg-desktop-portal-wlr), log in again and arm again.")};
 }
 
 PermissionNotice inputMonitoring(bool isFirstPrompt, bool x11KeysWork)

@@ -1,17 +1,19 @@
 #include "input/ScreenAccess.h"
 
+#include "core/DisplaySession.h"
 #include "input/PermissionOnce.h"
-
-#include <QString>
 
 namespace ScreenAccess {
 
 bool isGranted()
 {
-    // XWayland would let an X11 capture start, but it would see only the X11 windows and black
-    // elsewhere; better to say so than to record black.
-    return qEnvironmentVariable("XDG_SESSION_TYPE") != QLatin1String("wayland") &&
-        qEnvironmentVariableIsEmpty("WAYLAND_DISPLAY");
+    // An X11 session lets every client read the screen. A Wayland desktop asks the user itself
+    // when Vantrel arms (and remembers the answer), so there is nothing to grant beforehand, as
+    // long as its portal is there to ask: without it nothing can be recorded (XWayland would let
+    // an X11 capture start, but it would record black around the X11 windows).
+    if (!DisplaySession::isWayland())
+        return true;
+    return DisplaySession::chooseCapture().capture != DisplaySession::Capture::none;
 }
 
 bool request()

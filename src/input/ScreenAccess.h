@@ -1,8 +1,9 @@
 #pragma once
 
-// Whether the program may record the screen. An X11 session lets every client read the screen,
-// so there is nothing to grant there; a Wayland session would need the desktop portal's consent,
-// which this program does not ask for yet, so it counts as not granted.
+// Whether the program may record the screen. An X11 session lets every client read the screen;
+// a Wayland session records through the desktop portal, whose consent is asked when arming and
+// remembered by its restore token, so only a Wayland session without that portal counts as not
+// granted.
 namespace ScreenAccess {
 
 // Never shows anything.

@@ -15,6 +15,8 @@ QString RecorderError::text() const
     case Kind::noDisplay:
         return QStringLiteral("Could not find a display to capture.");
     case Kind::notReady:
+        if (!m_detail.isEmpty())
+            return m_detail;
         return QStringLiteral("Vantrel needs Screen Recording turned on, then Arm Replay again.");
     case Kind::notArmed:
         return QStringLiteral("Arm Instant Replay first, then press the clip key to save a clip.");

@@ -17,11 +17,14 @@ public:
         return {Kind::writerFailed, message};
     }
     static RecorderError noDisplay() { return {Kind::noDisplay, {}}; }
-    static RecorderError notReady() { return {Kind::notReady, {}}; }
+    // `why`, when given, replaces the general sentence: what happened and what to do about it
+    // (a desktop that asked the user and was told no).
+    static RecorderError notReady(const QString &why = {}) { return {Kind::notReady, why}; }
     // A save while nothing is armed.
     static RecorderError notArmed() { return {Kind::notArmed, {}}; }
     // Screen access was given but takes effect only in a new process; the application then
-    // relaunches once. No capture backend here needs it: under X11 the screen is always open.
+    // relaunches once. No capture backend here needs it: the X11 screen is always open, and a
+    // Wayland desktop's consent holds for the process that asked.
     static RecorderError needsRelaunch() { return {Kind::needsRelaunch, {}}; }
     // A save before the buffer holds a key frame with its format.
     static RecorderError stillStarting() { return {Kind::stillStarting, {}}; }

@@ -37,18 +37,20 @@ TEST(ScreenCapture, CreateNamesWhatIsMissing)
     };
     unsetenv("WAYLAND_DISPLAY");
     unsetenv("XDG_SESSION_TYPE");
-    setenv("VANTREL_SCREEN_BACKEND", "pipewire", 1);
-    EXPECT_NE(message().find("VANTREL_SCREEN_BACKEND=pipewire"), std::string::npos);
+    setenv("VANTREL_CAPTURE", "pipewire", 1);
+    EXPECT_NE(message().find("VANTREL_CAPTURE=pipewire"), std::string::npos);
 
-    setenv("VANTREL_SCREEN_BACKEND", "x11", 1);
+    setenv("VANTREL_CAPTURE", "x11", 1);
     unsetenv("DISPLAY");
     EXPECT_EQ(message(), "No X display to capture: DISPLAY is not set.");
     setenv("DISPLAY", ":999", 1);
     EXPECT_EQ(message(), "Could not open the X display \":999\": no X server answers there.");
 
-    unsetenv("VANTREL_SCREEN_BACKEND");
+    // A Wayland session without the portal: DISPLAY is XWayland, which would record black.
+    unsetenv("VANTREL_CAPTURE");
     setenv("XDG_SESSION_TYPE", "wayland", 1);
-    EXPECT_NE(message().find("Wayland"), std::string::npos);
+    setenv("DBUS_SESSION_BUS_ADDRESS", "unix:path=/nonexistent", 1);
+    EXPECT_NE(message().find("Wayland session has no screen-sharing portal"), std::string::npos);
 }
 
 // Premultiplied "over", clipped at every edge of the frame.

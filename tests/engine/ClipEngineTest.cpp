@@ -30,21 +30,6 @@
 
 namespace {
 
-// One decoded video frame at `seconds`, as 8-bit gray at 160×90.
-QByteArray grayFrame(const QString &path, double seconds)
-{
-    QProcess ffmpeg;
-    ffmpeg.setStandardErrorFile(QProcess::nullDevice());
-    ffmpeg.start(QStringLiteral("ffmpeg"),
-                 {QStringLiteral("-v"), QStringLiteral("error"), QStringLiteral("-ss"),
-                  QString::number(seconds), QStringLiteral("-i"), path, QStringLiteral("-frames:v"),
-                  QStringLiteral("1"), QStringLiteral("-vf"),
-                  QStringLiteral("scale=160:90,format=gray"), QStringLiteral("-f"),
-                  QStringLiteral("rawvideo"), QStringLiteral("-")});
-    ffmpeg.waitForFinished(30000);
-    return ffmpeg.readAllStandardOutput();
-}
-
 // What ffmpeg says decoding the whole file. The frames carry their capture times, so they are
 // passed through at those times rather than forced onto a constant rate.
 QString decodeErrors(const QString &path)
@@ -59,16 +44,6 @@ QString decodeErrors(const QString &path)
     if (!ffmpeg.waitForFinished(120000))
         return QStringLiteral("ffmpeg did not finish");
     return QString::fromUtf8(ffmpeg.readAll()).trimmed();
-}
-
-double meanAbsoluteDifference(const QByteArray &a, const QByteArray &b)
-{
-    if (a.size() != b.size() || a.isEmpty())
-        return -1;
-    double sum = 0;
-    for (qsizetype i = 0; i < a.size(); ++i)
-        sum += std::abs(int(uint8_t(a[i])) - int(uint8_t(b[i])));
-    return sum / double(a.size());
 }
 
 double rms(const std::vector<float> &samples)
@@ -251,10 +226,10 @@ TEST_F(ClipEngineTest, SavesTheLastSecondsAndKeepsTheSessionOnStop)
     EXPECT_EQ(decodeErrors(clip), QString());
 
     // Every sampled frame differs from the one before: the screen's motion made it in.
-    QByteArray previous = grayFrame(clip, 1.0);
+    QByteArray previous = probe::grayFrame(clip, 1.0);
     for (double t : {1.25, 4.0, 4.1, 9.0, 14.0}) {
-        const QByteArray frame = grayFrame(clip, t);
-        EXPECT_GT(meanAbsoluteDifference(previous, frame), 1.0) << "at " << t << " s";
+        const QByteArray frame = probe::grayFrame(clip, t);
+        EXPECT_GT(probe::meanDifference(previous, frame), 1.0) << "at " << t << " s";
         previous = frame;
     }
     const auto audio = probe::decodeAudio(clip, 0);

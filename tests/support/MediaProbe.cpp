@@ -3,6 +3,7 @@
 #include <QJsonDocument>
 #include <QProcess>
 
+#include <cstdlib>
 #include <cstring>
 
 namespace probe {
@@ -88,6 +89,30 @@ QStringList audioPacketHashes(const QString &path, int index)
 double number(const QJsonValue &value)
 {
     return value.isDouble() ? value.toDouble() : value.toString().toDouble();
+}
+
+QByteArray grayFrame(const QString &path, double seconds)
+{
+    QProcess ffmpeg;
+    ffmpeg.setStandardErrorFile(QProcess::nullDevice());
+    ffmpeg.start(QStringLiteral("ffmpeg"),
+                 {QStringLiteral("-v"), QStringLiteral("error"), QStringLiteral("-ss"),
+                  QString::number(seconds), QStringLiteral("-i"), path, QStringLiteral("-frames:v"),
+                  QStringLiteral("1"), QStringLiteral("-vf"),
+                  QStringLiteral("scale=160:90,format=gray"), QStringLiteral("-f"),
+                  QStringLiteral("rawvideo"), QStringLiteral("-")});
+    ffmpeg.waitForFinished(30000);
+    return ffmpeg.readAllStandardOutput();
+}
+
+double meanDifference(const QByteArray &a, const QByteArray &b)
+{
+    if (a.size() != b.size() || a.isEmpty())
+        return -1;
+    double sum = 0;
+    for (qsizetype i = 0; i < a.size(); ++i)
+        sum += std::abs(int(uint8_t(a[i])) - int(uint8_t(b[i])));
+    return sum / double(a.size());
 }
 
 } // namespace probe

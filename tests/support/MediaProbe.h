@@ -27,6 +27,12 @@ std::vector<float> decodeAudio(const QString &path, int index);
 // A hash of each packet of audio stream `index`, in file order: equal hashes, equal bytes.
 QStringList audioPacketHashes(const QString &path, int index);
 
+// One decoded video frame at `seconds`, as 8-bit gray at 160×90; empty when it cannot be had.
+QByteArray grayFrame(const QString &path, double seconds);
+
+// The mean difference of two gray frames per pixel (0 to 255); -1 when they cannot be compared.
+double meanDifference(const QByteArray &a, const QByteArray &b);
+
 // A number held as text in ffprobe's JSON ("0.016667").
 double number(const QJsonValue &value);
 

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <QString>
+#include <QStringList>
 #include <QTemporaryDir>
 
 #include <gtest/gtest.h>
@@ -47,3 +48,6 @@ private:
     bool m_mounted = false;
     std::string m_error;
 };
+
+// The files below `folder` whose bytes contain `secret` (a token that must not be on disk).
+QStringList filesHolding(const QString &folder, const QByteArray &secret);

@@ -138,7 +138,7 @@ protected:
 
 TEST_F(X11Capture, DeliversSixtyFramesASecondOfRealMotionWithMonotonicTimes)
 {
-    setenv("VANTREL_SCREEN_BACKEND", "x11", 1);
+    setenv("VANTREL_CAPTURE", "x11", 1);
     std::unique_ptr<ScreenCaptureService> service = ScreenCaptureService::create();
     const ShareableContent content = service->shareableContent();
     ASSERT_EQ(content.displays.size(), 1u);

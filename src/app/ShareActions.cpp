@@ -1,0 +1,150 @@
+#include "app/ShareActions.h"
+
+#include "app/AppModel.h"
+#include "engine/ClipEngine.h"
+#include "cloud/AccountStore.h"
+#include "cloud/ClipCloud.h"
+#include "cloud/CloudConfig.h"
+#include "cloud/HostedClips.h"
+
+#include <QClipboard>
+#include <QFileInfo>
+#include <QGuiApplication>
+#include <QPointer>
+
+#include <qcoro/qcorotask.h>
+
+namespace {
+
+bool fileExists(const QUrl &clip)
+{
+    return QFileInfo(clip.toLocalFile()).isFile();
+}
+
+void copyToClipboard(const QString &text)
+{
+    // setText replaces whatever the clipboard held.
+    QGuiApplication::clipboard()->setText(text, QClipboard::Clipboard);
+}
+
+} // namespace
+
+ShareActions::ShareActions(AppModel &model, std::function<void()> refreshClips, QObject *parent)
+    : QObject(parent)
+    , m_model(model)
+    , m_refreshClips(std::move(refreshClips))
+{
+}
+
+void ShareActions::shareClip(const QUrl &clip)
+{
+    if (!fileExists(clip)) {
+        m_model.setStatus(QStringLiteral("That clip file is gone."));
+        if (m_refreshClips)
+            m_refreshClips();
+        return;
+    }
+    const AccountStore &account = AccountStore::shared();
+    if (!account.isSignedIn()) {
+        m_model.setStatus(QStringLiteral("Saved. Sign in to share a link."));
+        return;
+    }
+    setUploading(clip, true);
+    m_model.setStatus(
+        QStringLiteral("Uploading %1…").arg(QFileInfo(clip.toLocalFile()).fileName()));
+    runShare(clip, *account.token());
+}
+
+QCoro::Task<void> ShareActions::runShare(QUrl clip, QString token)
+{
+    QPointer<ShareActions> self(this);
+    try {
+        const SharedClip shared = co_await ClipCloud::upload(clip, token);
+        if (!self)
+            co_return;
+        HostedClips::remember(clip, shared.id);
+        const QString link = shared.url.toString(QUrl::FullyEncoded);
+        recordShare(clip, link);
+        copyToClipboard(link);
+        m_model.setStatus(QStringLiteral("Link copied — paste it anywhere."));
+    } catch (const std::exception &error) {
+        if (!self)
+            co_return;
+        m_model.setStatus(QString::fromUtf8(error.what()));
+    }
+    setUploading(clip, false);
+}
+
+void ShareActions::shareAllClips()
+{
+    QList<QUrl> clips;
+    for (const ClipFile &clip : m_model.clips()) {
+        if (fileExists(clip.id))
+            clips << clip.id;
+    }
+    if (clips.isEmpty()) {
+        m_model.setStatus(QStringLiteral("No clips to send."));
+        return;
+    }
+    const AccountStore &account = AccountStore::shared();
+    if (!account.isSignedIn()) {
+        m_model.setStatus(QStringLiteral("Sign in to share a folder link."));
+        return;
+    }
+    m_model.setSharingAll(true);
+    m_model.setStatus(QStringLiteral("Uploading %1 clips…").arg(clips.size()));
+    runShareAll(clips, *account.token());
+}
+
+QCoro::Task<void> ShareActions::runShareAll(QList<QUrl> clips, QString token)
+{
+    QPointer<ShareActions> self(this);
+    try {
+        // One at a time, in list order: the pack lists them in the order they went up.
+        QStringList ids;
+        for (const QUrl &clip : clips) {
+            const SharedClip shared = co_await ClipCloud::upload(clip, token);
+            if (!self)
+                co_return;
+            HostedClips::remember(clip, shared.id);
+            recordShare(clip, shared.url.toString(QUrl::FullyEncoded));
+            ids << shared.id;
+        }
+        const QUrl pack =
+            co_await ClipCloud::createPack(QStringLiteral("Vantrel clips"), ids, token);
+        if (!self)
+            co_return;
+        const QString link = pack.toString(QUrl::FullyEncoded);
+        m_model.setPackLink(link);
+        copyToClipboard(link);
+        ClipEngine::log(QStringLiteral("shared %1 clips as %2").arg(clips.size()).arg(link));
+        m_model.setStatus(QStringLiteral("Folder link copied — %1 clips on %2.")
+                              .arg(clips.size())
+                              .arg(CloudConfig::host()));
+    } catch (const std::exception &error) {
+        if (!self)
+            co_return;
+        m_model.setStatus(QString::fromUtf8(error.what()));
+    }
+    m_model.setSharingAll(false);
+}
+
+void ShareActions::recordShare(const QUrl &clip, const QString &link)
+{
+    QMap<QUrl, QString> shares = m_model.shares();
+    shares.insert(clip, link);
+    m_model.setShares(shares);
+    // The links are public pages; the log keeps them for a user who missed the clipboard.
+    ClipEngine::log(
+        QStringLiteral("shared %1 as %2").arg(QFileInfo(clip.toLocalFile()).fileName(), link));
+}
+
+void ShareActions::setUploading(const QUrl &clip, bool uploading)
+{
+    QSet<QUrl> inFlight = m_model.uploading();
+    if (uploading)
+        inFlight.insert(clip);
+    else
+        inFlight.remove(clip);
+    m_model.setUploading(inFlight);
+}

@@ -1,0 +1,36 @@
+#pragma once
+
+#include <QList>
+#include <QObject>
+#include <QString>
+#include <QUrl>
+
+#include <functional>
+
+namespace QCoro {
+template<typename T> class Task;
+}
+class AppModel;
+
+// The delegate's two ways of sharing: one clip as a link (also after every save), or every
+// listed clip as one folder link. Progress and outcomes go to the status line, the links into
+// the model and onto the clipboard as text. Main thread only; the uploads resume there.
+class ShareActions : public QObject
+{
+    Q_OBJECT
+public:
+    // `refreshClips` re-reads the library, for a clip that vanished behind the program's back.
+    ShareActions(AppModel &model, std::function<void()> refreshClips, QObject *parent = nullptr);
+
+    void shareClip(const QUrl &clip);
+    void shareAllClips();
+
+private:
+    QCoro::Task<void> runShare(QUrl clip, QString token);
+    QCoro::Task<void> runShareAll(QList<QUrl> clips, QString token);
+    void recordShare(const QUrl &clip, const QString &link);
+    void setUploading(const QUrl &clip, bool uploading);
+
+    AppModel &m_model;
+    std::function<void()> m_refreshClips;
+};

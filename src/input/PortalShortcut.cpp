@@ -1,0 +1,240 @@
+#include "input/PortalShortcut.h"
+
+#include "core/DesktopPortal.h"
+#include "core/Log.h"
+#include "core/PortalResponse.h"
+
+#include <QDBusArgument>
+#include <QDBusMessage>
+#include <QDBusMetaType>
+#include <QDBusObjectPath>
+#include <QDBusPendingCallWatcher>
+#include <QStringList>
+#include <QTimer>
+
+namespace {
+
+const QString globalShortcuts = QStringLiteral("org.freedesktop.portal.GlobalShortcuts");
+const QString shortcutId = QStringLiteral("save-clip");
+// The desktop may show a dialog for the binding; the user gets this long to answer it.
+constexpr int answerTimeMs = 120000;
+
+// One entry of BindShortcuts' a(sa{sv}).
+struct Shortcut
+{
+    QString id;
+    QVariantMap properties;
+};
+
+QDBusArgument &operator<<(QDBusArgument &argument, const Shortcut &shortcut)
+{
+    argument.beginStructure();
+    argument << shortcut.id << shortcut.properties;
+    argument.endStructure();
+    return argument;
+}
+
+const QDBusArgument &operator>>(const QDBusArgument &argument, Shortcut &shortcut)
+{
+    argument.beginStructure();
+    argument >> shortcut.id >> shortcut.properties;
+    argument.endStructure();
+    return argument;
+}
+
+} // namespace
+
+Q_DECLARE_METATYPE(Shortcut)
+
+PortalShortcut::PortalShortcut(QObject *parent)
+    : QObject(parent)
+    , m_bus(DesktopPortal::connect(QStringLiteral("shortcuts")))
+{
+    qDBusRegisterMetaType<Shortcut>();
+    qDBusRegisterMetaType<QList<Shortcut>>();
+    for (const char *signal : {"Activated", "Deactivated"}) {
+        const bool listening = m_bus.connect(
+            DesktopPortal::service, DesktopPortal::objectPath, globalShortcuts,
+            QLatin1String(signal), this,
+            signal[0] == 'A' ? SLOT(activated(QDBusMessage)) : SLOT(deactivated(QDBusMessage)));
+        if (!listening)
+            Log::system(QStringLiteral("global shortcut: cannot listen to %1: %2")
+                            .arg(QLatin1String(signal), m_bus.lastError().message()));
+    }
+}
+
+PortalShortcut::~PortalShortcut()
+{
+    closeSession();
+    QDBusConnection::disconnectFromBus(m_bus.name());
+}
+
+QString PortalShortcut::preferredTrigger(const QString &displayText)
+{
+    QStringList parts = displayText.split(QLatin1Char('+'), Qt::SkipEmptyParts);
+    // "Ctrl++" names the plus key itself.
+    if (displayText.endsWith(QLatin1String("++")))
+        parts.append(QStringLiteral("plus"));
+    for (QString &part : parts) {
+        if (part == QLatin1String("Ctrl"))
+            part = QStringLiteral("CTRL");
+        else if (part == QLatin1String("Alt"))
+            part = QStringLiteral("ALT");
+        else if (part == QLatin1String("Shift"))
+            part = QStringLiteral("SHIFT");
+        else if (part == QLatin1String("Super"))
+            part = QStringLiteral("LOGO");
+        else if (part.size() == 1)
+            part = part.toLower();
+    }
+    return parts.join(QLatin1Char('+'));
+}
+
+bool PortalShortcut::install(const QString &displayText)
+{
+    if (!DesktopPortal::interfaceVersion(m_bus, globalShortcuts)) {
+        setState(State::unavailable, QStringLiteral("the desktop portal offers no GlobalShortcuts"));
+        return false;
+    }
+    m_preferred = preferredTrigger(displayText);
+    closeSession();
+    const int generation = ++m_generation;
+    setState(State::binding);
+    request(QStringLiteral("CreateSession"), {},
+            {{QStringLiteral("session_handle_token"), DesktopPortal::newToken()}},
+            [this, generation](uint code, const QVariantMap &results) {
+                if (generation != m_generation)
+                    return;
+                m_session = results.value(QStringLiteral("session_handle")).toString();
+                if (code != 0 || m_session.isEmpty()) {
+                    setState(State::refused,
+                             QStringLiteral("CreateSession answered %1").arg(code));
+                    return;
+                }
+                bind();
+            });
+    return true;
+}
+
+void PortalShortcut::bind()
+{
+    const int generation = m_generation;
+    const QList<Shortcut> shortcuts {
+        {shortcutId,
+         {{QStringLiteral("description"), QStringLiteral("Save a clip of the last seconds")},
+          {QStringLiteral("preferred_trigger"), m_preferred}}}};
+    request(QStringLiteral("BindShortcuts"),
+            {QVariant::fromValue(QDBusObjectPath(m_session)), QVariant::fromValue(shortcuts),
+             QString()},
+            {}, [this, generation](uint code, const QVariantMap &results) {
+                if (generation != m_generation)
+                    return;
+                if (code != 0) {
+                    setState(State::refused,
+                             QStringLiteral("BindShortcuts answered %1").arg(code));
+                    return;
+                }
+                QList<Shortcut> bound;
+                const QVariant list = results.value(QStringLiteral("shortcuts"));
+                if (list.canConvert<QDBusArgument>())
+                    list.value<QDBusArgument>() >> bound;
+                for (const Shortcut &shortcut : bound) {
+                    if (shortcut.id == shortcutId)
+                        m_trigger =
+                            shortcut.properties.value(QStringLiteral("trigger_description"))
+                                .toString();
+                }
+                setState(State::bound);
+            });
+}
+
+void PortalShortcut::uninstall()
+{
+    ++m_generation;
+    closeSession();
+    setState(State::idle);
+}
+
+void PortalShortcut::closeSession()
+{
+    if (m_session.isEmpty())
+        return;
+    m_bus.send(QDBusMessage::createMethodCall(DesktopPortal::service, m_session,
+                                              QStringLiteral("org.freedesktop.portal.Session"),
+                                              QStringLiteral("Close")));
+    m_session.clear();
+    m_trigger.clear();
+}
+
+void PortalShortcut::setState(State state, const QString &failure)
+{
+    m_failure = failure;
+    if (state == m_state)
+        return;
+    m_state = state;
+    if (state == State::bound)
+        Log::system(QStringLiteral("global shortcut bound through the desktop portal: %1 (asked %2)")
+                        .arg(m_trigger.isEmpty() ? QStringLiteral("no trigger yet") : m_trigger,
+                             m_preferred));
+    else if (!failure.isEmpty())
+        Log::system(QStringLiteral("global shortcut: %1").arg(failure));
+    if (onStateChanged)
+        onStateChanged();
+}
+
+void PortalShortcut::request(const QString &method, QList<QVariant> arguments,
+                             QVariantMap options,
+                             std::function<void(uint, const QVariantMap &)> then)
+{
+    const QString token = DesktopPortal::newToken();
+    options.insert(QStringLiteral("handle_token"), token);
+    arguments.append(options);
+    const QString path = DesktopPortal::requestPath(m_bus, token);
+    auto *response = new PortalResponse;
+    response->setParent(this);
+    m_bus.connect(DesktopPortal::service, path, QStringLiteral("org.freedesktop.portal.Request"),
+                  QStringLiteral("Response"), response, SLOT(respond(uint, QVariantMap)));
+    connect(response, &PortalResponse::answeredNow, this, [this, response, path, then] {
+        m_bus.disconnect(DesktopPortal::service, path,
+                         QStringLiteral("org.freedesktop.portal.Request"),
+                         QStringLiteral("Response"), response, SLOT(respond(uint, QVariantMap)));
+        response->deleteLater();
+        then(response->code(), response->results());
+    });
+    QTimer::singleShot(answerTimeMs, response, [response] { response->respond(2, {}); });
+
+    QDBusMessage call = QDBusMessage::createMethodCall(DesktopPortal::service,
+                                                       DesktopPortal::objectPath, globalShortcuts,
+                                                       method);
+    call.setArguments(arguments);
+    auto *watcher = new QDBusPendingCallWatcher(m_bus.asyncCall(call), response);
+    connect(watcher, &QDBusPendingCallWatcher::finished, response,
+            [response, method](QDBusPendingCallWatcher *finished) {
+                finished->deleteLater();
+                if (finished->isError()) {
+                    Log::system(QStringLiteral("global shortcut: %1 failed: %2")
+                                    .arg(method, finished->error().message()));
+                    response->respond(2, {});
+                }
+            });
+}
+
+bool PortalShortcut::isOurs(const QDBusMessage &message) const
+{
+    const QList<QVariant> arguments = message.arguments();
+    return arguments.size() >= 2 && !m_session.isEmpty() &&
+        arguments[0].value<QDBusObjectPath>().path() == m_session &&
+        arguments[1].toString() == shortcutId;
+}
+
+void PortalShortcut::activated(const QDBusMessage &message)
+{
+    if (isOurs(message) && onPressed)
+        onPressed();
+}
+
+void PortalShortcut::deactivated(const QDBusMessage &message)
+{
+    if (isOurs(message) && onReleased)
+        onReleased();
+}

@@ -1,0 +1,251 @@
+#include "service/ApiRoutes.h"
+
+#include "service/Authentication.h"
+#include "service/ClipUpload.h"
+#include "service/HttpReply.h"
+#include "service/ReleaseVersion.h"
+#include "service/RequestBody.h"
+#include "service/Secrets.h"
+#include "service/TextRules.h"
+
+using httplib::ContentReader;
+using httplib::Request;
+using httplib::Response;
+using nlohmann::json;
+
+namespace {
+
+void startDevice(ServiceContext &context, const Request &req, Response &res,
+                 const ContentReader &reader)
+{
+    RequestBody::discard(req, reader);
+    if (!context.deviceStarts.allow(req.remote_addr))
+        return HttpReply::tooManyRequests(res, context.deviceStarts.retryAfterSeconds());
+    const int64_t now = unixNow();
+    context.records.purgeDeviceCodes(now - 24 * 3600);
+    for (int attempt = 0; attempt < 8; ++attempt) {
+        const std::string code = Secrets::deviceCode();
+        if (context.records.addDeviceCode(code, now, now + context.limits.deviceCodeSeconds))
+            return HttpReply::json(res, 200,
+                                   {{"code", code}, {"url", context.link("/device?code=" + code)}});
+    }
+    HttpReply::error(res, 503, "Could not make a sign-in code. Try again.");
+}
+
+// The answer for a code that is neither pending nor approved.
+void deviceCodeGone(Response &res, DeviceCodeState state)
+{
+    switch (state) {
+    case DeviceCodeState::expired:
+        return HttpReply::error(res, 410, "This sign-in code has expired. Start signing in again.");
+    case DeviceCodeState::claimed:
+        return HttpReply::error(res, 410,
+                                "This sign-in code was already used. Start signing in again.");
+    default:
+        return HttpReply::error(res, 404,
+                                "This sign-in code is not known. Start signing in again.");
+    }
+}
+
+void pollDevice(ServiceContext &context, const Request &req, Response &res)
+{
+    if (!context.devicePolls.allow(req.remote_addr))
+        return HttpReply::tooManyRequests(res, context.devicePolls.retryAfterSeconds());
+    const std::string code = req.matches[1];
+    const int64_t now = unixNow();
+    const DeviceCodeState state = context.records.deviceCodeState(code, now);
+    if (state == DeviceCodeState::pending) {
+        res.status = 204;
+        res.set_header("Cache-Control", "no-store");
+        return;
+    }
+    if (state != DeviceCodeState::approved)
+        return deviceCodeGone(res, state);
+    const std::string token = Secrets::newToken();
+    const DeviceCodeState claimed =
+        context.records.claimDeviceCode(code, Secrets::tokenHash(token), now);
+    if (claimed != DeviceCodeState::approved)
+        return deviceCodeGone(res, claimed);
+    HttpReply::json(res, 200, {{"token", token}});
+}
+
+void me(ServiceContext &context, const Request &req, Response &res)
+{
+    const std::optional<UserRecord> user = Authentication::bearer(context, req, res);
+    if (!user)
+        return;
+    HttpReply::json(res, 200,
+                    {{"id", user->id},
+                     {"vantrel_code", user->vantrelCode},
+                     {"name", user->name},
+                     {"email", user->email},
+                     {"avatar_url", ""},
+                     {"discord_linked", false},
+                     {"google_linked", false},
+                     {"google_login", false},
+                     {"discord_oauth", false}});
+}
+
+// The user of a request that carries a body. A refused sender's body is read out and dropped,
+// so that its connection stays in step for the next request.
+std::optional<UserRecord> signedInSender(ServiceContext &context, const Request &req, Response &res,
+                                         const ContentReader &reader)
+{
+    std::optional<UserRecord> user = Authentication::bearer(context, req, res);
+    if (!user) {
+        const Response refusal = res;
+        RequestBody::discard(req, reader);
+        res = refusal;
+    }
+    return user;
+}
+
+void uploadClip(ServiceContext &context, const Request &req, Response &res,
+                const ContentReader &reader)
+{
+    const std::optional<UserRecord> user = signedInSender(context, req, res, reader);
+    if (!user)
+        return;
+    ClipUpload upload(context, *user);
+    const ClipUpload::Outcome outcome = upload.run(req, res, reader);
+    if (outcome.status != 200)
+        return HttpReply::error(res, outcome.status, outcome.detail);
+    HttpReply::json(res, 200,
+                    {{"id", outcome.clip.id},
+                     {"url", context.link("/c/" + outcome.clip.id)},
+                     {"name", outcome.clip.name}});
+}
+
+// Reads a small JSON object body; answers the error itself and returns none when it is not one.
+std::optional<json> readJsonObject(ServiceContext &context, const Request &req, Response &res,
+                                   const ContentReader &reader)
+{
+    std::string body;
+    switch (RequestBody::readSmall(req, reader, context.limits.maxSmallBodyBytes, body)) {
+    case RequestBody::Outcome::tooLarge:
+        HttpReply::error(res, 413,
+                         "The request is larger than " +
+                             std::to_string(context.limits.maxSmallBodyBytes / 1024) + " KiB.");
+        return std::nullopt;
+    case RequestBody::Outcome::broken:
+        HttpReply::error(res, 400, "The request body is incomplete.");
+        return std::nullopt;
+    case RequestBody::Outcome::ok:
+        break;
+    }
+    json value = json::parse(body, nullptr, false);
+    if (value.is_discarded()) {
+        HttpReply::error(res, 400, "The request body is not valid JSON.");
+        return std::nullopt;
+    }
+    if (!value.is_object()) {
+        HttpReply::error(res, 400, "The request body must be a JSON object.");
+        return std::nullopt;
+    }
+    return value;
+}
+
+void createPack(ServiceContext &context, const Request &req, Response &res,
+                const ContentReader &reader)
+{
+    const std::optional<UserRecord> user = signedInSender(context, req, res, reader);
+    if (!user)
+        return;
+    const std::optional<json> body = readJsonObject(context, req, res, reader);
+    if (!body)
+        return;
+    for (const auto &[key, value] : body->items())
+        if (key != "title" && key != "clip_ids")
+            return HttpReply::error(res, 400, "Unknown field \"" + key + "\".");
+    const auto title = body->find("title");
+    if (title == body->end() || !title->is_string())
+        return HttpReply::error(res, 400, "\"title\" must be a string.");
+    const std::optional<std::string> cleanTitle = TextRules::cleanLine(title->get<std::string>());
+    if (!cleanTitle)
+        return HttpReply::error(res, 400, "\"title\" is not valid text.");
+    if (TextRules::characterCount(*cleanTitle) > size_t(context.limits.maxNameCharacters))
+        return HttpReply::error(res, 400,
+                                "The title is longer than " +
+                                    std::to_string(context.limits.maxNameCharacters) +
+                                    " characters.");
+    const auto ids = body->find("clip_ids");
+    if (ids == body->end() || !ids->is_array())
+        return HttpReply::error(res, 400, "\"clip_ids\" must be a list of clip ids.");
+    if (ids->size() > size_t(context.limits.maxPackClips))
+        return HttpReply::error(res, 400,
+                                "A folder holds at most " +
+                                    std::to_string(context.limits.maxPackClips) + " clips.");
+
+    PackRecord pack;
+    for (const json &id : *ids) {
+        if (!id.is_string())
+            return HttpReply::error(res, 400, "\"clip_ids\" must be a list of clip ids.");
+        const std::string clipId = id.get<std::string>();
+        const std::optional<ClipRecord> clip =
+            clipId.size() <= 64 ? context.records.clip(clipId) : std::nullopt;
+        if (!clip)
+            return HttpReply::error(
+                res, 404, "There is no clip with the id \"" + clipId.substr(0, 64) + "\".");
+        if (clip->userId != user->id)
+            return HttpReply::error(res, 403,
+                                    "The clip \"" + clipId + "\" belongs to someone else.");
+        pack.clipIds.push_back(clipId);
+    }
+    pack.id = Secrets::randomId(12);
+    pack.userId = user->id;
+    pack.title = cleanTitle->empty() ? "Vantrel clips" : *cleanTitle;
+    pack.createdAt = unixNow();
+    context.records.addPack(pack);
+    HttpReply::json(res, 200, {{"url", context.link("/p/" + pack.id)}});
+}
+
+void version(ServiceContext &context, const Request &, Response &res)
+{
+    std::vector<ReleaseRecord> releases = context.records.releases();
+    // A release whose archive is gone is not offered.
+    std::erase_if(releases, [&](const ReleaseRecord &release) {
+        return !context.files.exists(FileKind::release, release.fileName);
+    });
+    const std::optional<ReleaseRecord> newest = ReleaseVersion::newest(releases);
+    if (!newest)
+        return HttpReply::error(res, 404, "No release has been published yet.");
+    HttpReply::json(res, 200,
+                    {{"version", newest->version},
+                     {"notes", newest->notes},
+                     {"linux_url", "/download/" + newest->fileName},
+                     {"linux_sig", newest->signatureBase64}});
+}
+
+void ads(ServiceContext &context, const Request &, Response &res)
+{
+    const std::string stored = context.records.ads();
+    res.status = 200;
+    res.set_header("Cache-Control", "no-cache");
+    res.set_content(stored.empty() ? std::string(R"({"slots":[]})") : stored, "application/json");
+}
+
+} // namespace
+
+namespace ApiRoutes {
+
+void install(httplib::Server &server, ServiceContext &context)
+{
+    ServiceContext *c = &context;
+    server.Post("/v1/auth/device",
+                [c](const Request &req, Response &res, const ContentReader &reader) {
+                    startDevice(*c, req, res, reader);
+                });
+    server.Get(R"(/v1/auth/device/([^/]{1,32}))",
+               [c](const Request &req, Response &res) { pollDevice(*c, req, res); });
+    server.Get("/v1/me", [c](const Request &req, Response &res) { me(*c, req, res); });
+    server.Post("/v1/clips", [c](const Request &req, Response &res, const ContentReader &reader) {
+        uploadClip(*c, req, res, reader);
+    });
+    server.Post("/v1/packs", [c](const Request &req, Response &res, const ContentReader &reader) {
+        createPack(*c, req, res, reader);
+    });
+    server.Get("/v1/version", [c](const Request &req, Response &res) { version(*c, req, res); });
+    server.Get("/v1/ads", [c](const Request &req, Response &res) { ads(*c, req, res); });
+}
+
+} // namespace ApiRoutes

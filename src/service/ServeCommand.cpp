@@ -1,0 +1,155 @@
+#include "service/ServeCommand.h"
+
+#include "service/ClipProbe.h"
+#include "service/CommandLine.h"
+#include "service/DiskFileStore.h"
+#include "service/ServiceServer.h"
+#include "service/SqliteRecordStore.h"
+#include "service/StoreRecovery.h"
+
+#include <csignal>
+#include <cstdio>
+#include <fcntl.h>
+#include <filesystem>
+#include <pthread.h>
+#include <sys/file.h>
+#include <thread>
+#include <unistd.h>
+
+namespace {
+
+struct ListenAddress
+{
+    std::string host;
+    int port = 0;
+};
+
+ListenAddress parseListen(const std::string &text)
+{
+    const size_t colon = text.rfind(':');
+    if (colon == std::string::npos || colon == 0)
+        throw CommandLine::Error("--listen takes HOST:PORT, such as 127.0.0.1:8443.");
+    ListenAddress address;
+    address.host = text.substr(0, colon);
+    if (address.host.size() > 2 && address.host.front() == '[' && address.host.back() == ']')
+        address.host = address.host.substr(1, address.host.size() - 2);
+    address.port = CommandLine::parseInteger(text.substr(colon + 1), "listen", 0, 65535);
+    return address;
+}
+
+bool isLoopback(const std::string &host)
+{
+    return host == "127.0.0.1" || host == "localhost" || host == "::1";
+}
+
+std::string parsePublicUrl(std::string url)
+{
+    const bool web = url.rfind("https://", 0) == 0 || url.rfind("http://", 0) == 0;
+    if (!web || url.find_first_of("?# \"<>") != std::string::npos ||
+        url.size() <= (url[4] == 's' ? 8u : 7u))
+        throw CommandLine::Error("--public-url takes the address people reach the service at, "
+                                 "such as https://clips.example.org.");
+    while (url.back() == '/')
+        url.pop_back();
+    return url;
+}
+
+// One server per data folder: a second one would clean up the first one's uploads.
+int lockDataFolder(const std::string &folder)
+{
+    const std::string path = folder + "/serve.lock";
+    const int fd = ::open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600);
+    if (fd < 0 || ::flock(fd, LOCK_EX | LOCK_NB) != 0)
+        throw std::runtime_error("Another vantrel-service is serving " + folder + " already.");
+    return fd;
+}
+
+} // namespace
+
+namespace ServeCommand {
+
+int run(const std::vector<std::string> &arguments)
+{
+    const CommandLine line(arguments,
+                           {"data", "listen", "public-url", "tls-cert", "tls-key", "max-upload",
+                            "code-lifetime", "poll-rate", "token-rate", "threads"},
+                           {"quiet"});
+    if (!line.words().empty())
+        throw CommandLine::Error("serve takes no words, only options.");
+    const std::string data = line.required("data");
+    const ListenAddress listen = parseListen(line.option("listen").value_or("127.0.0.1:8443"));
+    const std::string publicUrl = parsePublicUrl(line.required("public-url"));
+
+    ServiceLimits limits;
+    if (auto value = line.option("max-upload"))
+        limits.maxUploadBytes = CommandLine::parseSize(*value, "max-upload");
+    if (auto value = line.option("code-lifetime"))
+        limits.deviceCodeSeconds = CommandLine::parseInteger(*value, "code-lifetime", 1, 86400);
+    if (auto value = line.option("poll-rate"))
+        limits.devicePollsPerMinute = CommandLine::parseInteger(*value, "poll-rate", 1, 100000);
+    if (auto value = line.option("token-rate"))
+        limits.tokenRequestsPerMinute = CommandLine::parseInteger(*value, "token-rate", 1, 100000);
+    if (auto value = line.option("threads"))
+        limits.threads = CommandLine::parseInteger(*value, "threads", 2, 1024);
+
+    ListenConfig config;
+    config.host = listen.host;
+    config.port = listen.port;
+    config.tlsCertificate = line.option("tls-cert").value_or("");
+    config.tlsKey = line.option("tls-key").value_or("");
+    config.logRequests = !line.flag("quiet");
+    if (config.tlsCertificate.empty() != config.tlsKey.empty())
+        throw CommandLine::Error("--tls-cert and --tls-key go together.");
+    const bool tls = !config.tlsCertificate.empty();
+    if (!tls && !isLoopback(listen.host))
+        throw CommandLine::Error("Without --tls-cert and --tls-key the service serves plain HTTP, "
+                                 "and then only on 127.0.0.1.");
+
+    std::error_code error;
+    std::filesystem::create_directories(data, error);
+    if (error)
+        throw std::runtime_error("Cannot create the data folder " + data + ": " + error.message());
+    const int lock = lockDataFolder(data);
+
+    ClipProbe::silenceLibraryLog();
+    DiskFileStore files(data);
+    SqliteRecordStore records(data + "/records.sqlite3");
+    const StoreRecovery::Report repaired = StoreRecovery::repair(records, files);
+    if (repaired.abandonedFilesRemoved > 0 || repaired.recordsRemoved > 0)
+        std::fprintf(stderr, "vantrel-service: store repaired: %s\n",
+                     StoreRecovery::describe(repaired).c_str());
+
+    // SIGINT and SIGTERM are taken by one thread that stops the server; every other thread
+    // (the server's pool included) is started with them blocked.
+    sigset_t stopping;
+    sigemptyset(&stopping);
+    sigaddset(&stopping, SIGINT);
+    sigaddset(&stopping, SIGTERM);
+    pthread_sigmask(SIG_BLOCK, &stopping, nullptr);
+    std::signal(SIGPIPE, SIG_IGN);
+
+    ServiceContext context(records, files, limits, publicUrl);
+    ServiceServer server(context, config);
+    const int port = server.bind();
+    const std::string scheme = tls ? "https" : "http";
+    std::printf("vantrel-service: listening on %s://%s:%d for %s\n", scheme.c_str(),
+                listen.host.c_str(), port, publicUrl.c_str());
+    if (!tls)
+        std::printf("vantrel-service: plain HTTP without TLS, on 127.0.0.1 only; give --tls-cert "
+                    "and --tls-key to serve HTTPS\n");
+    std::fflush(stdout);
+
+    std::thread waiter([&] {
+        int signal = 0;
+        sigwait(&stopping, &signal);
+        server.stop();
+    });
+    server.run();
+    // Stopped some other way than by a signal: wake the waiter so it can be joined.
+    pthread_kill(waiter.native_handle(), SIGTERM);
+    waiter.join();
+    ::close(lock);
+    return 0;
+}
+
+} // namespace ServeCommand

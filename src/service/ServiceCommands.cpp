@@ -1,0 +1,294 @@
+#include "service/ServiceCommands.h"
+
+#include "service/CommandLine.h"
+#include "service/DiskFileStore.h"
+#include "service/ReleaseVersion.h"
+#include "service/Secrets.h"
+#include "service/ServeCommand.h"
+#include "service/ServiceContext.h"
+#include "service/SqliteRecordStore.h"
+#include "service/TextRules.h"
+
+#include <nlohmann/json.hpp>
+
+#include <cstdio>
+#include <filesystem>
+#include <fstream>
+#include <iostream>
+#include <sstream>
+#include <termios.h>
+#include <unistd.h>
+
+namespace fs = std::filesystem;
+
+namespace {
+
+using Arguments = std::vector<std::string>;
+
+struct Stores
+{
+    explicit Stores(const std::string &data)
+        : files(data)
+        , records(data + "/records.sqlite3")
+    {
+    }
+    DiskFileStore files;
+    SqliteRecordStore records;
+};
+
+std::string dataFolder(const CommandLine &line)
+{
+    const std::string folder = line.required("data");
+    std::error_code error;
+    fs::create_directories(folder, error);
+    if (error)
+        throw std::runtime_error("Cannot create the data folder " + folder + ": " +
+                                 error.message());
+    fs::permissions(folder, fs::perms::owner_all, fs::perm_options::replace, error);
+    return folder;
+}
+
+void expectWords(const CommandLine &line, size_t count, const std::string &form)
+{
+    if (line.words().size() != count)
+        throw CommandLine::Error("Usage: vantrel-service " + form);
+}
+
+// One line from standard input, without its line break; with echo off when a person types it.
+std::string readPassword()
+{
+    const bool typed = ::isatty(STDIN_FILENO);
+    termios saved {};
+    if (typed) {
+        std::fputs("Password: ", stderr);
+        ::tcgetattr(STDIN_FILENO, &saved);
+        termios quiet = saved;
+        quiet.c_lflag &= ~tcflag_t(ECHO);
+        ::tcsetattr(STDIN_FILENO, TCSANOW, &quiet);
+    }
+    std::string password;
+    std::getline(std::cin, password);
+    if (typed) {
+        ::tcsetattr(STDIN_FILENO, TCSANOW, &saved);
+        std::fputs("\n", stderr);
+    }
+    if (!password.empty() && password.back() == '\r')
+        password.pop_back();
+    return password;
+}
+
+std::string readFile(const std::string &path, uint64_t limit)
+{
+    std::ifstream in(path, std::ios::binary);
+    if (!in)
+        throw std::runtime_error("Cannot read " + path + ".");
+    std::ostringstream text;
+    text << in.rdbuf();
+    std::string content = text.str();
+    if (content.size() > limit)
+        throw std::runtime_error(path + " is larger than " + std::to_string(limit) + " bytes.");
+    return content;
+}
+
+UserRecord userFor(Stores &stores, const std::string &email)
+{
+    std::optional<UserRecord> user = stores.records.userByEmail(email);
+    if (!user)
+        throw std::runtime_error("There is no account with the email " + email + ".");
+    return *user;
+}
+
+int userAdd(const Arguments &arguments)
+{
+    const CommandLine line(arguments, {"data", "name"});
+    expectWords(line, 1, "user add EMAIL --name NAME --data DIR   (password on standard input)");
+    const std::string email = line.words()[0];
+    if (!TextRules::looksLikeEmail(email))
+        throw CommandLine::Error("\"" + email + "\" is not an email address.");
+    const std::optional<std::string> name = TextRules::cleanLine(line.required("name"));
+    if (!name || name->empty() || TextRules::characterCount(*name) > 100)
+        throw CommandLine::Error("--name takes a name of 1 to 100 characters.");
+    Stores stores(dataFolder(line));
+    if (stores.records.userByEmail(email))
+        throw std::runtime_error("An account with the email " + email + " exists already.");
+    const std::string password = readPassword();
+    if (password.size() < 8 || password.size() > 1024)
+        throw std::runtime_error("The password must have at least 8 characters.");
+
+    UserRecord user;
+    user.id = Secrets::randomId(12);
+    user.email = email;
+    user.name = *name;
+    user.passwordHash = Secrets::hashPassword(password);
+    user.createdAt = unixNow();
+    do
+        user.vantrelCode = Secrets::userCode();
+    while (stores.records.vantrelCodeTaken(user.vantrelCode));
+    if (!stores.records.addUser(user))
+        throw std::runtime_error("An account with the email " + email + " exists already.");
+    std::fprintf(stderr, "Added %s <%s>, Vantrel code %s.\n", user.name.c_str(), user.email.c_str(),
+                 user.vantrelCode.c_str());
+    return 0;
+}
+
+int tokenIssue(const Arguments &arguments)
+{
+    const CommandLine line(arguments, {"data"});
+    expectWords(line, 1, "token issue EMAIL --data DIR");
+    Stores stores(dataFolder(line));
+    const UserRecord user = userFor(stores, line.words()[0]);
+    const std::string token = Secrets::newToken();
+    stores.records.addToken(Secrets::tokenHash(token), user.id, TokenKind::app, unixNow(), 0);
+    std::printf("%s\n", token.c_str());
+    return 0;
+}
+
+int tokenRevoke(const Arguments &arguments)
+{
+    const CommandLine line(arguments, {"data", "all"});
+    Stores stores(dataFolder(line));
+    if (const std::optional<std::string> email = line.option("all")) {
+        expectWords(line, 0, "token revoke --all EMAIL --data DIR");
+        const int count = stores.records.revokeAllTokens(userFor(stores, *email).id, unixNow());
+        std::fprintf(stderr, "Revoked %d token(s) of %s.\n", count, email->c_str());
+        return 0;
+    }
+    expectWords(line, 1, "token revoke TOKEN|- --data DIR   (or --all EMAIL)");
+    std::string token = line.words()[0];
+    // "-" keeps the token out of the process list and the shell's history.
+    if (token == "-")
+        std::getline(std::cin, token);
+    if (!stores.records.revokeToken(Secrets::tokenHash(token), unixNow()))
+        throw std::runtime_error("No live token matches.");
+    std::fputs("Revoked.\n", stderr);
+    return 0;
+}
+
+int releaseAdd(const Arguments &arguments)
+{
+    const CommandLine line(arguments, {"data", "notes", "signature"});
+    expectWords(line, 2, "release add VERSION ARCHIVE --notes TEXT --signature FILE --data DIR");
+    const std::string version = line.words()[0];
+    const std::string archive = line.words()[1];
+    if (!ReleaseVersion::isValid(version))
+        throw CommandLine::Error("\"" + version + "\" is not a version such as 1.2.0.");
+    const std::optional<std::string> notes = line.option("notes");
+    if (!notes)
+        throw CommandLine::Error("--notes is required.");
+    const std::string signature = readFile(line.required("signature"), 64);
+    if (signature.size() != 64)
+        throw std::runtime_error("The signature must be the 64 raw bytes of an Ed25519 signature.");
+
+    Stores stores(dataFolder(line));
+    for (const ReleaseRecord &existing : stores.records.releases())
+        if (existing.version == version)
+            throw std::runtime_error("Release " + version + " exists already.");
+    std::ifstream in(archive, std::ios::binary);
+    if (!in)
+        throw std::runtime_error("Cannot read " + archive + ".");
+    std::unique_ptr<PendingFile> copy = stores.files.create(FileKind::release);
+    std::vector<char> buffer(1 << 20);
+    while (in.read(buffer.data(), std::streamsize(buffer.size())) || in.gcount() > 0)
+        copy->write(buffer.data(), size_t(in.gcount()));
+    if (in.bad() || copy->size() == 0)
+        throw std::runtime_error("Cannot read " + archive + ", or it is empty.");
+    copy->finish();
+
+    ReleaseRecord release;
+    release.version = version;
+    release.notes = *notes;
+    release.fileName = ReleaseVersion::archiveName(version);
+    release.signatureBase64 = Secrets::base64(signature);
+    release.sizeBytes = int64_t(copy->size());
+    release.createdAt = unixNow();
+    stores.files.commit(std::move(copy), FileKind::release, release.fileName);
+    if (!stores.records.addRelease(release)) {
+        stores.files.remove(FileKind::release, release.fileName);
+        throw std::runtime_error("Release " + version + " exists already.");
+    }
+    std::fprintf(stderr, "Published %s at /download/%s.\n", version.c_str(),
+                 release.fileName.c_str());
+    return 0;
+}
+
+int adsSet(const Arguments &arguments)
+{
+    const CommandLine line(arguments, {"data"});
+    expectWords(line, 1, "ads set FILE --data DIR");
+    const std::string text = readFile(line.words()[0], 1 << 20);
+    const nlohmann::json ads = nlohmann::json::parse(text, nullptr, false);
+    if (ads.is_discarded())
+        throw std::runtime_error(line.words()[0] + " is not valid JSON.");
+    if (!ads.is_object() || !ads.contains("slots") || !ads["slots"].is_array())
+        throw std::runtime_error(line.words()[0] +
+                                 " must be a JSON object whose \"slots\" is a list of cards.");
+    Stores stores(dataFolder(line));
+    stores.records.setAds(text);
+    std::fprintf(stderr, "Stored %zu sponsor card(s).\n", ads["slots"].size());
+    return 0;
+}
+
+} // namespace
+
+namespace ServiceCommands {
+
+std::string usage()
+{
+    return R"(Usage:
+  vantrel-service serve --data DIR --listen 127.0.0.1:8443 --public-url https://HOST
+                        [--tls-cert FILE --tls-key FILE] [--max-upload 2G]
+                        [--code-lifetime 600] [--poll-rate 60] [--token-rate 300]
+                        [--threads 64] [--quiet]
+  vantrel-service user add EMAIL --name NAME --data DIR      (password on standard input)
+  vantrel-service token issue EMAIL --data DIR               (prints a new token)
+  vantrel-service token revoke TOKEN|- --data DIR            (or --all EMAIL)
+  vantrel-service release add VERSION ARCHIVE --notes TEXT --signature FILE --data DIR
+  vantrel-service ads set FILE --data DIR
+)";
+}
+
+int run(const std::vector<std::string> &arguments)
+{
+    const auto starts = [&](std::initializer_list<const char *> words) {
+        if (arguments.size() < words.size())
+            return false;
+        size_t i = 0;
+        for (const char *word : words)
+            if (arguments[i++] != word)
+                return false;
+        return true;
+    };
+    const auto rest = [&](size_t from) {
+        return Arguments(arguments.begin() + long(from), arguments.end());
+    };
+    try {
+        if (!Secrets::initialize())
+            throw std::runtime_error("libsodium could not start.");
+        if (starts({"serve"}))
+            return ServeCommand::run(rest(1));
+        if (starts({"user", "add"}))
+            return userAdd(rest(2));
+        if (starts({"token", "issue"}))
+            return tokenIssue(rest(2));
+        if (starts({"token", "revoke"}))
+            return tokenRevoke(rest(2));
+        if (starts({"release", "add"}))
+            return releaseAdd(rest(2));
+        if (starts({"ads", "set"}))
+            return adsSet(rest(2));
+        if (starts({"--help"}) || starts({"help"})) {
+            std::fputs(usage().c_str(), stdout);
+            return 0;
+        }
+        std::fputs(usage().c_str(), stderr);
+        return 2;
+    } catch (const CommandLine::Error &e) {
+        std::fprintf(stderr, "vantrel-service: %s\n", e.what());
+        return 2;
+    } catch (const std::exception &e) {
+        std::fprintf(stderr, "vantrel-service: %s\n", e.what());
+        return 1;
+    }
+}
+
+} // namespace ServiceCommands

@@ -1,0 +1,46 @@
+#pragma once
+
+#include "service/FileStore.h"
+#include "service/RateLimiter.h"
+#include "service/RecordStore.h"
+#include "service/ServiceLimits.h"
+
+#include <semaphore>
+#include <string>
+
+// What every route of a running service shares: the stores, the limits and their counters, and
+// the address people reach it at.
+struct ServiceContext
+{
+    ServiceContext(RecordStore &records, FileStore &files, const ServiceLimits &limits,
+                   std::string publicUrl)
+        : records(records)
+        , files(files)
+        , limits(limits)
+        , publicUrl(std::move(publicUrl))
+        , devicePolls(limits.devicePollsPerMinute)
+        , deviceStarts(limits.deviceStartsPerMinute)
+        , tokenRequests(limits.tokenRequestsPerMinute)
+        , passwordAttempts(limits.passwordAttemptsPerMinute)
+    {
+    }
+
+    RecordStore &records;
+    FileStore &files;
+    const ServiceLimits limits;
+    // The public base URL without a trailing slash: "https://clips.example.org".
+    const std::string publicUrl;
+
+    RateLimiter devicePolls;
+    RateLimiter deviceStarts;
+    RateLimiter tokenRequests;
+    RateLimiter passwordAttempts;
+    // Each password check takes 64 MiB for a moment; two at a time keeps a burst of sign-ins
+    // from taking the machine's memory.
+    std::counting_semaphore<2> passwordChecks {2};
+
+    std::string link(const std::string &path) const { return publicUrl + path; }
+};
+
+// Unix time in seconds.
+int64_t unixNow();

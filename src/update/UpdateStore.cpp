@@ -1,0 +1,310 @@
+#include "update/UpdateStore.h"
+
+#include "cloud/CloudConfig.h"
+#include "cloud/SharedNetwork.h"
+#include "core/Log.h"
+#include "core/Preferences.h"
+#include "core/SharedPool.h"
+#include "update/InstalledCopy.h"
+#include "update/Relaunch.h"
+#include "update/ReleaseSignature.h"
+#include "update/UpdateError.h"
+
+#include <QCoreApplication>
+#include <QDir>
+#include <QFile>
+#include <QNetworkAccessManager>
+#include <QNetworkReply>
+#include <QNetworkRequest>
+#include <QPointer>
+
+#include <qcoro/qcorofuture.h>
+#include <qcoro/qcorosignal.h>
+#include <qcoro/qcorotask.h>
+
+#include <charconv>
+#include <memory>
+
+namespace {
+
+const QString autoInstallKey = QStringLiteral("autoInstallUpdates");
+constexpr int requestTimeoutMs = 60000;
+
+struct LaterDelete
+{
+    void operator()(QNetworkReply *reply) const { reply->deleteLater(); }
+};
+using ReplyPtr = std::unique_ptr<QNetworkReply, LaterDelete>;
+
+ReplyPtr get(const QUrl &url)
+{
+    QNetworkRequest request(url);
+    request.setTransferTimeout(requestTimeoutMs);
+    return ReplyPtr(SharedNetwork::manager().get(request));
+}
+
+// The HTTP status of a reply, 0 when it is not an HTTP reply.
+int httpStatus(QNetworkReply *reply)
+{
+    return reply->attribute(QNetworkRequest::HttpStatusCodeAttribute).toInt();
+}
+
+std::vector<long long> versionNumbers(const QString &version)
+{
+    std::vector<long long> numbers;
+    for (const QString &piece : version.split(QLatin1Char('.'), Qt::SkipEmptyParts)) {
+        QByteArray text = piece.toLatin1();
+        if (piece != QString::fromLatin1(text))
+            continue; // not plain digits
+        const char *begin = text.constData();
+        const char *end = begin + text.size();
+        if (begin != end && *begin == '+')
+            ++begin;
+        long long value = 0;
+        const auto [stop, error] = std::from_chars(begin, end, value);
+        if (begin != end && error == std::errc() && stop == end)
+            numbers.push_back(value);
+    }
+    return numbers;
+}
+
+// The release file's name in the temporary folder; any earlier one is replaced.
+QString downloadPath()
+{
+    return QDir::tempPath() + QStringLiteral("/Vantrel-update.tar.gz");
+}
+
+} // namespace
+
+UpdateStore::UpdateStore(QObject *parent)
+    : QObject(parent)
+    , m_installedRoot(InstalledCopy::runningRoot())
+{
+}
+
+UpdateStore::~UpdateStore() = default;
+
+UpdateStore &UpdateStore::shared()
+{
+    static UpdateStore *const store = new UpdateStore(QCoreApplication::instance());
+    return *store;
+}
+
+void UpdateStore::setShowSheet(bool show)
+{
+    if (m_showSheet == show)
+        return;
+    m_showSheet = show;
+    emit showSheetChanged();
+}
+
+void UpdateStore::setAvailable(std::optional<AppRelease> release)
+{
+    if (m_available == release)
+        return;
+    m_available = std::move(release);
+    emit availableChanged();
+}
+
+void UpdateStore::setStatus(const QString &status)
+{
+    if (m_status == status)
+        return;
+    m_status = status;
+    emit statusChanged();
+}
+
+void UpdateStore::setBusy(bool busy)
+{
+    if (m_busy == busy)
+        return;
+    m_busy = busy;
+    emit busyChanged();
+}
+
+bool UpdateStore::newer(const QString &a, const QString &than)
+{
+    const std::vector<long long> left = versionNumbers(a);
+    const std::vector<long long> right = versionNumbers(than);
+    for (size_t i = 0; i < std::max(left.size(), right.size()); ++i) {
+        const long long x = i < left.size() ? left[i] : 0;
+        const long long y = i < right.size() ? right[i] : 0;
+        if (x != y)
+            return x > y;
+    }
+    return false;
+}
+
+bool UpdateStore::autoInstallUpdates()
+{
+    return Preferences::open()->value(autoInstallKey, true).toBool();
+}
+
+void UpdateStore::setAutoInstallUpdates(bool on)
+{
+    Preferences::open()->setValue(autoInstallKey, on);
+}
+
+void UpdateStore::refresh()
+{
+    load();
+}
+
+void UpdateStore::applyOnLaunch()
+{
+    // An install that crashed left its staging folder (perhaps holding the old copy) behind.
+    if (const QString root = m_installedRoot; !root.isEmpty())
+        SharedPool::run([root] { InstalledCopy::removeLeftovers(root); });
+    runApplyOnLaunch();
+}
+
+QCoro::Task<void> UpdateStore::runApplyOnLaunch()
+{
+    QPointer<UpdateStore> self(this);
+    QCoro::Task<void> loaded = load();
+    co_await loaded;
+    if (self && m_available && autoInstallUpdates())
+        install();
+}
+
+QCoro::Task<void> UpdateStore::load()
+{
+    QPointer<UpdateStore> self(this);
+    ReplyPtr reply = get(CloudConfig::appending(QStringLiteral("v1/version")));
+    co_await qCoro(reply.get(), &QNetworkReply::finished);
+    if (!self)
+        co_return;
+    const int status = httpStatus(reply.get());
+    std::optional<AppRelease> release;
+    if (reply->error() == QNetworkReply::NoError && status >= 200 && status <= 299)
+        release = AppRelease::fromCheckReply(reply->readAll(), CloudConfig::website());
+    if (release && newer(release->version, CloudConfig::appVersion()))
+        setAvailable(std::move(release));
+    else
+        setAvailable(std::nullopt);
+}
+
+void UpdateStore::install()
+{
+    if (!m_available || m_busy)
+        return;
+    if (m_installedRoot.isEmpty()) {
+        setStatus(UpdateError::notInstalledCopy());
+        return;
+    }
+    setBusy(true);
+    setStatus(QStringLiteral("Downloading %1…").arg(m_available->version));
+    runInstall(*m_available);
+}
+
+QCoro::Task<void> UpdateStore::runInstall(AppRelease release)
+{
+    QPointer<UpdateStore> self(this);
+    QString failure;
+    try {
+        QCoro::Task<void> applied = apply(std::move(release));
+        co_await applied;
+    } catch (const UpdateError &error) {
+        failure = error.text();
+    } catch (const std::exception &error) {
+        failure = QString::fromUtf8(error.what());
+    }
+    if (!self || failure.isEmpty())
+        co_return;
+    Log::system(QStringLiteral("update: failed: ") + failure);
+    setStatus(failure);
+    setBusy(false);
+}
+
+QCoro::Task<void> UpdateStore::download(const AppRelease &release, const QString &path)
+{
+    QPointer<UpdateStore> self(this);
+    QFile file(path);
+    if (!file.open(QIODevice::WriteOnly | QIODevice::NewOnly))
+        throw UpdateError(QStringLiteral("Couldn’t save the update: %1").arg(file.errorString()));
+
+    ReplyPtr reply = get(release.url);
+    QNetworkReply *raw = reply.get();
+    bool writeFailed = false;
+    const auto save = [raw, &file, &writeFailed] {
+        const QByteArray chunk = raw->readAll();
+        if (!writeFailed && file.write(chunk) != chunk.size()) {
+            writeFailed = true;
+            raw->abort();
+        }
+    };
+    // Only a successful reply's body is the archive; an error page is not written anywhere.
+    connect(raw, &QNetworkReply::readyRead, this, [raw, save] {
+        const int status = httpStatus(raw);
+        if (status >= 200 && status <= 299)
+            save();
+    });
+    int shownPercent = -1;
+    const QString version = release.version;
+    connect(raw, &QNetworkReply::downloadProgress, this,
+            [this, version, &shownPercent](qint64 received, qint64 total) {
+                if (total <= 0)
+                    return;
+                const int percent = int(received * 100 / total);
+                if (percent == shownPercent)
+                    return;
+                shownPercent = percent;
+                setStatus(QStringLiteral("Downloading %1… %2%").arg(version).arg(percent));
+            });
+    co_await qCoro(raw, &QNetworkReply::finished);
+    raw->disconnect(this);
+    if (!self)
+        throw UpdateError(QStringLiteral("Vantrel is quitting."));
+
+    const int status = httpStatus(raw);
+    if (status != 0 && (status < 200 || status > 299))
+        throw UpdateError(UpdateError::cannotDownload(), status);
+    if (writeFailed)
+        throw UpdateError(QStringLiteral("Couldn’t save the update: %1").arg(file.errorString()));
+    if (raw->error() != QNetworkReply::NoError)
+        throw UpdateError(raw->errorString());
+    save();
+    if (writeFailed || !file.flush())
+        throw UpdateError(QStringLiteral("Couldn’t save the update: %1").arg(file.errorString()));
+}
+
+QCoro::Task<void> UpdateStore::apply(AppRelease release)
+{
+    QPointer<UpdateStore> self(this);
+    const QString root = m_installedRoot;
+    const QString archive = downloadPath();
+    QFile::remove(archive);
+    // The download goes whether the install works or not; a partial or rejected one is useless.
+    struct Remover
+    {
+        QString path;
+        ~Remover() { QFile::remove(path); }
+    } remover {archive};
+
+    // Every awaited operation is a named local: GCC 12 destroys temporaries of a co_await
+    // expression twice when it throws.
+    QCoro::Task<void> fetched = download(release, archive);
+    co_await fetched;
+    if (self)
+        setStatus(QStringLiteral("Installing…"));
+    Log::system(QStringLiteral("update: downloaded %1 from %2")
+                    .arg(release.version, release.url.toDisplayString()));
+
+    const QByteArray signature = release.signature;
+    QFuture<void> installed = SharedPool::task<void>([archive, signature, root] {
+        // Nothing in the archive is looked at before its signature holds.
+        if (!ReleaseSignature::verify(archive, signature))
+            throw UpdateError(UpdateError::cannotVerify());
+        InstalledCopy::installFrom(archive, root, [](const char *step) {
+            Log::system(QStringLiteral("update: %1").arg(QLatin1String(step)));
+        });
+    });
+    co_await installed;
+    QFile::remove(archive);
+    if (!self)
+        co_return;
+    setStatus(QStringLiteral("Restarting…"));
+    Relaunch::start(root + QStringLiteral("/bin/vantrel"), m_relaunchDelay);
+    // As the menu's Quit: the session in progress is finished and kept on the way out.
+    QCoreApplication::quit();
+}

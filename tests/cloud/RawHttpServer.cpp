@@ -1,0 +1,56 @@
+#include "RawHttpServer.h"
+
+#include <QTcpSocket>
+
+RawHttpServer::RawHttpServer()
+{
+    m_server.listen(QHostAddress::LocalHost);
+    connect(&m_server, &QTcpServer::newConnection, this, [this] {
+        while (QTcpSocket *socket = m_server.nextPendingConnection()) {
+            socket->setParent(this);
+            connect(socket, &QTcpSocket::readyRead, this, [this, socket] { read(socket); });
+            connect(socket, &QTcpSocket::disconnected, socket, &QObject::deleteLater);
+        }
+    });
+}
+
+QString RawHttpServer::url() const
+{
+    return QStringLiteral("http://127.0.0.1:%1").arg(m_server.serverPort());
+}
+
+void RawHttpServer::read(QTcpSocket *socket)
+{
+    QByteArray &data = m_pending[socket];
+    data += socket->readAll();
+    const qsizetype headEnd = data.indexOf("\r\n\r\n");
+    if (headEnd < 0)
+        return;
+    Request request;
+    const QList<QByteArray> lines = data.left(headEnd).split('\n');
+    const QList<QByteArray> first = lines.value(0).trimmed().split(' ');
+    request.method = first.value(0);
+    request.path = first.value(1);
+    for (qsizetype i = 1; i < lines.size(); ++i) {
+        const qsizetype colon = lines[i].indexOf(':');
+        if (colon > 0)
+            request.headers.insert(lines[i].left(colon).trimmed().toLower(),
+                                   lines[i].mid(colon + 1).trimmed());
+    }
+    const qsizetype length = request.headers.value("content-length").toLongLong();
+    if (data.size() < headEnd + 4 + length)
+        return;
+    request.body = data.mid(headEnd + 4, length);
+    m_pending.remove(socket);
+    m_requests << request;
+
+    const QList<Reply> replies = m_replies.value(request.path);
+    const int index = m_answered[request.path]++;
+    const Reply reply = replies.isEmpty() ? Reply {404, {}}
+                                          : replies.value(std::min(index, int(replies.size()) - 1));
+    socket->write("HTTP/1.1 " + QByteArray::number(reply.status) +
+                  " Answer\r\nContent-Type: application/json\r\nContent-Length: " +
+                  QByteArray::number(reply.body.size()) + "\r\nConnection: close\r\n\r\n" +
+                  reply.body);
+    socket->disconnectFromHost();
+}

@@ -1,0 +1,162 @@
+// The clip key as the desktop's global shortcut, through the real xdg-desktop-portal of the
+// wayland fixture and our test backend behind it; and, on a bus whose portal lacks the
+// interface, the fall-back and what the user is told.
+
+#include "input/ClipHotkey.h"
+#include "input/HotkeyManager.h"
+#include "input/PortalShortcut.h"
+
+#include "support/ChildProcess.h"
+#include "support/TestEnvironment.h"
+
+#include <QCoreApplication>
+#include <QDeadlineTimer>
+#include <QDir>
+#include <QThread>
+
+#include <chrono>
+
+namespace {
+
+using namespace std::chrono_literals;
+
+template<typename Condition> bool processUntil(Condition condition, std::chrono::milliseconds limit)
+{
+    const QDeadlineTimer deadline(limit);
+    while (!condition()) {
+        if (deadline.hasExpired())
+            return false;
+        QCoreApplication::processEvents(QEventLoop::AllEvents, 20);
+        QThread::msleep(5);
+    }
+    return true;
+}
+
+void processFor(std::chrono::milliseconds span)
+{
+    processUntil([] { return false; }, span);
+}
+
+// What the desktop does when the user presses the bound keys: the backend's Activated and
+// Deactivated. Answers how many sessions had the shortcut bound.
+int pressOnTheDesktop()
+{
+    ChildProcess busctl({"busctl", "--user", "call",
+                         "org.freedesktop.impl.portal.desktop.vantreltest",
+                         "/org/freedesktop/portal/desktop", "org.vantrel.TestShortcuts", "Press",
+                         "s", "save-clip"});
+    const std::optional<std::string> answer = busctl.readLine(10s);
+    busctl.wait();
+    return answer && answer->rfind("u ", 0) == 0 ? std::stoi(answer->substr(2)) : -1;
+}
+
+class PortalShortcutTest : public TempHomeTest
+{
+protected:
+    void SetUp() override
+    {
+        TempHomeTest::SetUp();
+        if (qEnvironmentVariableIsEmpty("VANTREL_WAYLAND_DIR"))
+            GTEST_SKIP() << "needs the wayland fixture";
+    }
+};
+
+} // namespace
+
+TEST(PortalShortcutTrigger, WritesTheBindingAsTheShortcutsSpecificationDoes)
+{
+    EXPECT_EQ(PortalShortcut::preferredTrigger(QStringLiteral("F12")), QStringLiteral("F12"));
+    EXPECT_EQ(PortalShortcut::preferredTrigger(QStringLiteral("Ctrl+Shift+F12")),
+              QStringLiteral("CTRL+SHIFT+F12"));
+    EXPECT_EQ(PortalShortcut::preferredTrigger(QStringLiteral("Super+Alt+R")),
+              QStringLiteral("LOGO+ALT+r"));
+}
+
+// One press on the desktop is one onPress, however many signals carry it; the manager says the
+// key works everywhere and asked for the user's own binding.
+TEST_F(PortalShortcutTest, AnActivationIsExactlyOnePress)
+{
+    ClipHotkey::save(88, ClipHotkey::controlKey | ClipHotkey::shiftKey,
+                     QStringLiteral("Ctrl+Shift+F12"));
+    HotkeyManager &manager = HotkeyManager::shared();
+    manager.setEnabledPathsForTesting(unsigned(HotkeyManager::Path::portalShortcut) |
+                                      unsigned(HotkeyManager::Path::window));
+    int presses = 0;
+    manager.onPress = [&] { ++presses; };
+    manager.registerHotkey();
+    manager.setArmed(true);
+    ASSERT_TRUE(processUntil(
+        [&] { return manager.isPathInstalled(HotkeyManager::Path::portalShortcut); }, 10s))
+        << manager.installedPathsText().toStdString();
+    EXPECT_TRUE(manager.worksInOtherApps());
+    EXPECT_TRUE(manager.keyNotice().isEmpty());
+    EXPECT_TRUE(manager.installedPathsText().contains(QStringLiteral("portal shortcut")));
+
+    ASSERT_EQ(pressOnTheDesktop(), 1);
+    ASSERT_TRUE(processUntil([&] { return presses > 0; }, 5s));
+    processFor(300ms);
+    EXPECT_EQ(presses, 1);
+
+    // A second press right after is the same press as far as saving goes.
+    ASSERT_EQ(pressOnTheDesktop(), 1);
+    processFor(500ms);
+    EXPECT_EQ(presses, 1);
+
+    // Disarmed, the desktop's presses count for nothing.
+    manager.setArmed(false);
+    QThread::msleep(1600);
+    ASSERT_EQ(pressOnTheDesktop(), 1);
+    processFor(500ms);
+    EXPECT_EQ(presses, 1);
+    manager.unregister();
+}
+
+// The portal without GlobalShortcuts (a bus of our own, the real front end with no backend):
+// the manager keeps to its other paths and tells the user what to do.
+TEST_F(PortalShortcutTest, WithoutTheInterfaceTheKeyFallsBackAndSaysSo)
+{
+    const std::string dir = tempFolder().toStdString();
+    QDir().mkpath(tempFolder() + QStringLiteral("/portals"));
+    const std::string config = dir + "/bus.conf";
+    {
+        QFile file(QString::fromStdString(config));
+        ASSERT_TRUE(file.open(QIODevice::WriteOnly));
+        file.write(QStringLiteral(
+                       "<!DOCTYPE busconfig PUBLIC \"-//freedesktop//DTD D-Bus Bus Configuration "
+                       "1.0//EN\" \"http://www.freedesktop.org/standards/dbus/1.0/"
+                       "busconfig.dtd\"><busconfig><type>session</type><listen>unix:path=%1/"
+                       "bus</listen><auth>EXTERNAL</auth><policy context=\"default\"><allow "
+                       "send_destination=\"*\"/><allow receive_sender=\"*\"/><allow "
+                       "own=\"*\"/></policy></busconfig>")
+                       .arg(tempFolder())
+                       .toUtf8());
+    }
+    ChildProcess bus({"dbus-daemon", "--nofork", "--config-file=" + config});
+    const std::string address = "unix:path=" + dir + "/bus";
+    setenv("DBUS_SESSION_BUS_ADDRESS", address.c_str(), 1);
+    ASSERT_TRUE(processUntil(
+        [&] { return ChildProcess::run({"busctl", "--user", "list"}, {}, 2s) == 0; }, 10s));
+    ChildProcess portal({"/usr/libexec/xdg-desktop-portal"},
+                        {{"XDG_DESKTOP_PORTAL_DIR", dir + "/portals"}});
+    ASSERT_TRUE(processUntil(
+        [&] {
+            return ChildProcess::run({"busctl", "--user", "status", "org.freedesktop.portal.Desktop"},
+                                     {}, 2s) == 0;
+        },
+        10s));
+
+    HotkeyManager &manager = HotkeyManager::shared();
+    manager.setEnabledPathsForTesting(unsigned(HotkeyManager::Path::portalShortcut) |
+                                      unsigned(HotkeyManager::Path::window));
+    manager.registerHotkey();
+    manager.setArmed(true);
+    processFor(300ms);
+    EXPECT_FALSE(manager.isPathInstalled(HotkeyManager::Path::portalShortcut));
+    EXPECT_FALSE(manager.worksInOtherApps());
+    EXPECT_EQ(manager.installedPathsText(), QStringLiteral("window"));
+    EXPECT_FALSE(manager.desktopShortcutDeclined());
+    EXPECT_EQ(manager.keyNotice(),
+              QStringLiteral("Under Wayland, Vantrel needs to read the keyboard: add yourself to "
+                             "the input group, then log in again."));
+    manager.unregister();
+}

@@ -1,0 +1,91 @@
+#pragma once
+
+#include <httplib.h>
+
+#include <chrono>
+#include <filesystem>
+#include <memory>
+#include <string>
+#include <vector>
+
+class ChildProcess;
+
+// A running vantrel-service as a test reaches it.
+struct ServiceEndpoint
+{
+    std::string url; // https://127.0.0.1:PORT
+    int port = 0;
+    std::string ca; // the certificate a client trusts
+    std::string data; // its --data folder
+    std::string binary;
+};
+
+// The server of the ctest fixture "service".
+ServiceEndpoint fixtureService();
+
+// A server of the test's own, for what the shared one must not be put through: its own data
+// folder and certificate, options of its own, killed and restarted at will.
+class OwnService
+{
+public:
+    explicit OwnService(std::vector<std::string> extraOptions = {});
+    ~OwnService();
+
+    const ServiceEndpoint &endpoint() const { return m_endpoint; }
+    // Starts (again) on the same data folder and port.
+    void start();
+    void kill9();
+
+private:
+    std::filesystem::path m_folder;
+    std::vector<std::string> m_options;
+    ServiceEndpoint m_endpoint;
+    std::unique_ptr<ChildProcess> m_process;
+};
+
+// The operator's command line against a service's data folder.
+struct CommandResult
+{
+    int status = -1;
+    std::string output; // standard output
+    std::string errors; // standard error
+};
+CommandResult runCommand(const ServiceEndpoint &service, const std::vector<std::string> &arguments,
+                         const std::string &input = {});
+// Adds an account with a unique email made from `name`; returns the email.
+std::string addUser(const ServiceEndpoint &service, const std::string &name,
+                    const std::string &password = "correct horse");
+std::string issueToken(const ServiceEndpoint &service, const std::string &email);
+
+// An HTTPS client that trusts only the service's certificate.
+std::unique_ptr<httplib::SSLClient> client(const ServiceEndpoint &service);
+httplib::Headers bearer(const std::string &token);
+
+// curl with the service's certificate; returns the status and writes the body to `output`.
+int curl(const ServiceEndpoint &service, const std::vector<std::string> &arguments,
+         const std::filesystem::path &output);
+
+// A real H.264/AAC MP4 from ffmpeg's test source.
+std::filesystem::path makeClip(const std::filesystem::path &folder, const std::string &name,
+                               double seconds = 2, const std::string &size = "320x180");
+
+std::string readFile(const std::filesystem::path &path);
+void writeFile(const std::filesystem::path &path, const std::string &content);
+std::string md5(const std::string &bytes);
+int countFiles(const std::filesystem::path &folder);
+
+// A fresh temporary folder removed when the test ends.
+class TempFolder
+{
+public:
+    TempFolder();
+    ~TempFolder();
+    const std::filesystem::path &path() const { return m_path; }
+
+private:
+    std::filesystem::path m_path;
+};
+
+// Waits until `done` is true or the time runs out; returns `done`'s last answer.
+bool waitFor(const std::function<bool()> &done,
+             std::chrono::milliseconds timeout = std::chrono::seconds(10));
