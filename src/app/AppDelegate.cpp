@@ -64,7 +64,8 @@ AppDelegate::AppDelegate(QObject *parent)
     : QObject(parent)
     , m_engine(std::make_unique<ClipEngine>())
 {
-    m_engine->setScreenAccess({&ScreenAccess::isGranted, [] { ScreenAccess::request(); }});
+    m_engine->setScreenAccess(
+        {&ScreenAccess::isGranted, [] { ScreenAccess::request(); }, &ScreenAccess::whyNotGranted});
     // Every status line also goes to the log, so a user without the window can follow along.
     connect(&m_model, &AppModel::statusChanged, this,
             [this] { ClipEngine::log(QStringLiteral("status: ") + m_model.status()); });
@@ -82,7 +83,11 @@ AppDelegate::AppDelegate(QObject *parent)
     hooks.link = [this](const QUrl &link) { applyAuthLink(link); };
 }
 
-AppDelegate::~AppDelegate() = default;
+AppDelegate::~AppDelegate()
+{
+    // The menu bar has no parent (it belongs to no one window), so it goes with its builder.
+    delete m_mainMenu;
+}
 
 QString AppDelegate::armedStatus() const
 {

@@ -42,9 +42,6 @@ std::unique_ptr<ScreenCaptureService> ScreenCaptureService::create()
     }
     Log::system(QStringLiteral("capture backend: none, for %1").arg(choice.why));
     if (DisplaySession::isWayland() && !DisplaySession::isForced())
-        throw std::runtime_error(
-            "This Wayland session has no screen-sharing portal. Install xdg-desktop-portal with "
-            "your desktop's portal (xdg-desktop-portal-gnome, -kde or -wlr), log in again, then "
-            "Arm again.");
+        throw std::runtime_error(DisplaySession::withoutScreenCastText().toStdString());
     throw std::runtime_error(choice.why.toStdString() + ".");
 }

@@ -191,7 +191,7 @@ void ClipEngine::arm()
         }
         if (access.request)
             access.request();
-        throw RecorderError::notReady();
+        throw RecorderError::notReady(access.whyNot ? access.whyNot() : QString());
     }
     const bool mic = ClipSettings::captureMic();
     log(QStringLiteral("start() preflight=%1 mode=%2 mic=%3")

@@ -51,6 +51,8 @@ public:
     {
         std::function<bool()> isGranted;
         std::function<void()> request;
+        // The sentence the user reads when access is missing (what is missing, what to do).
+        std::function<QString()> whyNot;
     };
 
     // A fresh capture service is made at every arming, so a display server that went away and

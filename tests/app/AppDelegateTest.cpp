@@ -214,6 +214,12 @@ TEST_F(AppDelegateTest, EachStartFailureSaysWhyAndNothingRelaunches)
     EXPECT_EQ(armWith("DISPLAY", ":1999"),
               QStringLiteral("Could not open the X display \":1999\": no X server answers there."));
 
+    // A Wayland session whose desktop offers no screen-sharing portal (here, no bus at all).
+    const QString noPortal = armWith("WAYLAND_DISPLAY", "wayland-nonesuch");
+    EXPECT_TRUE(noPortal.startsWith(
+        QStringLiteral("This Wayland session has no screen-sharing portal. Install ")))
+        << noPortal.toStdString();
+
     const auto prefs = Preferences::open();
     EXPECT_FALSE(prefs->value(QStringLiteral("didRelaunchForScreen")).toBool());
     EXPECT_FALSE(prefs->value(QStringLiteral("autoStartClipping")).toBool());

@@ -133,8 +133,12 @@ TEST_F(ClipEngineStart, SaysWhatStandsInTheWayAndArmsNothing)
         HangingStart state;
         ClipEngine engine([&] { return std::make_unique<HangingService>(state); });
         int requests = 0;
-        engine.setScreenAccess({[] { return false; }, [&] { ++requests; }});
-        EXPECT_EQ(failure(engine).first, RecorderError::Kind::notReady);
+        engine.setScreenAccess(
+            {[] { return false; }, [&] { ++requests; },
+             [] { return QStringLiteral("What is missing, and how to get it."); }});
+        EXPECT_EQ(failure(engine),
+                  std::pair(RecorderError::Kind::notReady,
+                            QStringLiteral("What is missing, and how to get it.")));
         EXPECT_EQ(requests, 1);
         EXPECT_EQ(state.streams.load(), 0);
         EXPECT_FALSE(engine.isArmed());
