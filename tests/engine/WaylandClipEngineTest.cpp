@@ -4,11 +4,11 @@
 
 #include "engine/ClipEngine.h"
 
+#include "capture/wayland/WaylandScreenCaptureService.h"
 #include "core/ClipSettings.h"
 #include "core/Paths.h"
-#include "media/RecorderError.h"
-#include "capture/wayland/WaylandScreenCaptureService.h"
 #include "core/Preferences.h"
+#include "media/RecorderError.h"
 
 #include "support/ChildProcess.h"
 #include "support/MediaProbe.h"
@@ -38,8 +38,8 @@ QString fixtureDir()
 // Questions the desktop has asked the user so far.
 int chooserQuestions()
 {
-    return int(readTextFile(fixtureDir() + QStringLiteral("/chooser.log"))
-                   .count(QLatin1Char('\n')));
+    return int(
+        readTextFile(fixtureDir() + QStringLiteral("/chooser.log")).count(QLatin1Char('\n')));
 }
 
 void answerChooser(const QString &answer)
@@ -208,9 +208,10 @@ TEST_F(WaylandCaptureTest, ACancelledQuestionSaysWhatToDo)
     answerChooser(QStringLiteral("cancel"));
     const RecorderError error = failure(engine.start());
     EXPECT_EQ(error.kind(), RecorderError::Kind::notReady);
-    EXPECT_TRUE(error.text().startsWith(QStringLiteral("Screen sharing was cancelled. Allow Vantrel "
-                                                       "to share your screen when your desktop "
-                                                       "asks, then Arm again.")))
+    EXPECT_TRUE(
+        error.text().startsWith(QStringLiteral("Screen sharing was cancelled. Allow Vantrel "
+                                               "to share your screen when your desktop "
+                                               "asks, then Arm again.")))
         << qPrintable(error.text());
     EXPECT_FALSE(engine.isArmed());
     EXPECT_TRUE(storedToken().isEmpty());
@@ -241,8 +242,9 @@ TEST_F(WaylandCaptureTest, FollowsAModeChangeAndSurvivesTheCompositorGoingAway)
             stopped->set_value(error.value_or(QString()));
         stopped.reset();
     });
-    const auto restoreMode =
-        qScopeGuard([] { swaymsg({"output", "HEADLESS-1", "mode", "1920x1080@60Hz"}); });
+    const auto restoreMode = qScopeGuard([] {
+        swaymsg({"output", "HEADLESS-1", "mode", "1920x1080@60Hz"});
+    });
 
     engine.start().waitForFinished();
     EXPECT_EQ(capturedSize(engine), QSize(1920, 1080));
