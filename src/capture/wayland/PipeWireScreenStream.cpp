@@ -3,7 +3,7 @@
 #include "capture/QueueDelivery.h"
 #include "capture/pulse/PulseAudioCapture.h"
 #include "capture/wayland/ScreenCastPortal.h"
-#include "capture/x11/PixelBufferPool.h"
+#include "capture/x11/PixelBufferPool.h" // FIXME: shared by both screen backends; it belongs beside ScreenStream
 #include "core/Log.h"
 #include "media/MonotonicClock.h"
 
