@@ -155,15 +155,24 @@ TEST_F(EndToEnd, KilledInTheMiddleOfASaveLeavesNothingBrokenInTheLibrary)
         }
         return QString();
     };
-    // A save before the first key frame is refused, and one may finish between two looks: press
-    // again (past the debounce) until a save is caught writing.
+    // The audio packets (10 ms each) the replay held when the latest save began, from its log
+    // line; the test screen is still, so the video is one frame whatever the wait.
+    const auto lastSavePackets = [&] {
+        const QString log = app.logSinceStart();
+        const qsizetype line = log.lastIndexOf(QStringLiteral("saveClip buffer="));
+        const qsizetype at = log.indexOf(QStringLiteral(" audio="), line);
+        return line < 0 || at < 0 ? 0 : QStringView(log).mid(at + 7).split(u'\n').first().toInt();
+    };
+    // A save right after arming is refused or written in no time, and a save may finish between
+    // two looks: press again (past the debounce) until a save of some seconds is caught writing.
     QString caught;
-    const QDeadlineTimer deadline(30s);
+    const QDeadlineTimer deadline(40s);
     while (caught.isEmpty() && !deadline.hasExpired()) {
         pressKey(QStringLiteral("F12"));
         const QDeadlineTimer attempt(1600ms);
         while (caught.isEmpty() && !attempt.hasExpired()) {
-            caught = beingWritten();
+            if (lastSavePackets() >= 300)
+                caught = beingWritten();
             if (caught.isEmpty())
                 QThread::msleep(2);
         }
@@ -171,9 +180,10 @@ TEST_F(EndToEnd, KilledInTheMiddleOfASaveLeavesNothingBrokenInTheLibrary)
     ASSERT_FALSE(caught.isEmpty()) << app.logSinceStart().toStdString();
     app.kill();
 
-    // Every file the library could list (hidden ones it never lists) plays.
+    // Every file the library could list (hidden ones it never lists) plays, however short: an
+    // earlier press may have saved the first frames alone, and that clip is whole.
     for (const QString &name : QDir(app.recordings()).entryList(QDir::Files))
-        EXPECT_GT(playableDuration(app.recordings() + QLatin1Char('/') + name), 0.5)
+        EXPECT_GT(playableDuration(app.recordings() + QLatin1Char('/') + name), 0.0)
             << name.toStdString();
 }
 

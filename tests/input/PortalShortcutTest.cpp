@@ -63,7 +63,7 @@ protected:
 
 } // namespace
 
-TEST(PortalShortcutTrigger, WritesTheBindingAsTheShortcutsSpecificationDoes)
+TEST(PortalShortcutTrigger, WritesTheBindingInTheXdgShortcutFormat)
 {
     EXPECT_EQ(PortalShortcut::preferredTrigger(QStringLiteral("F12")), QStringLiteral("F12"));
     EXPECT_EQ(PortalShortcut::preferredTrigger(QStringLiteral("Ctrl+Shift+F12")),
