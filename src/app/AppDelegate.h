@@ -2,7 +2,7 @@
 
 #include "app/AppModel.h"
 #include "app/ClipLibrary.h"
-#include "capture/ClipEngine.h"
+#include "engine/ClipEngine.h"
 
 #include <QMenu>
 #include <QMenuBar>
