@@ -16,9 +16,9 @@
 
 #include "BenchSupport.h"
 
-#include "capture/ClipEngine.h"
-#include "capture/ClipSettings.h"
-#include "capture/MonotonicClock.h"
+#include "core/ClipSettings.h"
+#include "engine/ClipEngine.h"
+#include "media/MonotonicClock.h"
 
 #include <QCoreApplication>
 
@@ -128,7 +128,7 @@ int main(int argc, char **argv)
 
     const double cpu0 = bench::cpuSeconds(0);
     const int64_t delivered0 = engine.framesDelivered();
-    const int64_t encoded0 = engine.buffer().framesIn.load();
+    const int64_t encoded0 = engine.framesIn();
     const auto t0 = std::chrono::steady_clock::now();
 
     std::string saveFigures;
@@ -137,7 +137,7 @@ int main(int argc, char **argv)
         const int64_t saveFrom = monotonicNanoseconds();
         QString clip;
         try {
-            clip = engine.saveClip().result();
+            clip = engine.saveClip().result().path;
         } catch (const std::exception &e) {
             std::fprintf(stderr, "bench_armed_cpu: save failed: %s\n", e.what());
             return 1;
@@ -161,7 +161,7 @@ int main(int argc, char **argv)
     const double elapsed = bench::secondsSince(t0);
     const double cpu = (bench::cpuSeconds(0) - cpu0) / elapsed * 100;
     const double fps = double(engine.framesDelivered() - delivered0) / elapsed;
-    const double encoded = double(engine.buffer().framesIn.load() - encoded0) / elapsed;
+    const double encoded = double(engine.framesIn() - encoded0) / elapsed;
     std::printf("cpu=%.2f fps=%.2f encoded=%.2f rss_mb=%.1f payload_mb=%.1f buffered_s=%.1f%s\n",
                 cpu, fps, encoded, residentMegabytes(), payloadMegabytes(engine.buffer()),
                 engine.bufferedDuration(), saveFigures.c_str());

@@ -8,8 +8,9 @@
 
 #include "BenchSupport.h"
 
-#include "capture/ClipSettings.h"
-#include "capture/ReplayBuffer.h"
+#include "core/ClipSettings.h"
+#include "replay/ReplayBuffer.h"
+#include "replay/VideoEncoder.h"
 
 extern "C" {
 #include <libavutil/log.h>
@@ -115,11 +116,16 @@ OurRun runOurs(const Picture &picture)
         std::scoped_lock wake(lock);
         returned.notify_one();
     });
+    int64_t handedOver = 0;
 
     rusage before {}, after {};
     getrusage(RUSAGE_SELF, &before);
     const auto start = std::chrono::steady_clock::now();
-    buffer.prepare(width, height);
+    // The encoder feeds the buffer as the capture engine wires them.
+    auto encoder = std::make_unique<VideoEncoder>(
+        width, height, [&](EncodedFrame encoded, VideoFormatPtr keyFormat) {
+            buffer.appendVideo(std::move(encoded), std::move(keyFormat));
+        });
     VideoFrame frame;
     frame.stride = wideWidth * 4;
     frame.width = width;
@@ -127,11 +133,12 @@ OurRun runOurs(const Picture &picture)
     for (int i = 0; i < frames; ++i) {
         {
             std::unique_lock wait(lock);
-            returned.wait(wait, [&] { return buffer.framesIn - stored < 2; });
+            returned.wait(wait, [&] { return handedOver - stored < 2; });
         }
         frame.pixels = picture.window(i);
         frame.pts = MediaTime::make(i, 60);
-        buffer.encodeVideo(frame);
+        encoder->encode(frame);
+        ++handedOver;
     }
     {
         std::unique_lock wait(lock);
@@ -139,10 +146,11 @@ OurRun runOurs(const Picture &picture)
     }
     const double wall = bench::secondsSince(start);
     const auto snap = buffer.snapshot();
+    encoder.reset();
     buffer.invalidate();
     getrusage(RUSAGE_SELF, &after);
 
-    out.ok = stored == frames && buffer.framesIn == frames;
+    out.ok = stored == frames && handedOver == frames;
     out.cpuPerFrame = (cpuSeconds(after) - cpuSeconds(before)) / frames;
     out.fps = frames / wall;
     // Bytes per second of video, and the most bytes in any 60 consecutive frames (one second).

@@ -6,10 +6,11 @@
 
 #include "BenchSupport.h"
 
-#include "capture/ClipSettings.h"
-#include "capture/Mp4Writer.h"
-#include "capture/ReplayBuffer.h"
+#include "core/ClipSettings.h"
 #include "core/SerialQueue.h"
+#include "media/Mp4Writer.h"
+#include "replay/ClipExport.h"
+#include "replay/ReplayBuffer.h"
 #include "support/H264TestSource.h"
 
 #include <QDir>
@@ -91,7 +92,7 @@ void writePeerInputs(Case &c, const QString &folder)
         writer.startWriting();
         writer.startSession(base);
         for (size_t i = first; i < snap.video.size(); ++i)
-            writer.append(input, *ReplayBuffer::makeVideoSample(snap.video[i], snap.videoFormat));
+            writer.append(input, *makeVideoSample(snap.video[i], snap.videoFormat));
         writer.finishWriting([&] { done.set_value(); });
     });
     done.get_future().wait();
@@ -99,7 +100,7 @@ void writePeerInputs(Case &c, const QString &folder)
     auto writeRaw = [&](const RecordList<ReplayBuffer::AudioPacket> &list, const QString &name) {
         QFile file(QDir(folder).filePath(name));
         file.open(QIODevice::WriteOnly);
-        const MediaTime lead = MediaTime::make(-150, 600);
+        const MediaTime lead = MediaTime::zero() - ReplayBuffer::audioLead;
         for (const auto &packet : list) {
             if (!(packet.pts - base < lead))
                 file.write(reinterpret_cast<const char *>(packet.data.data()),
@@ -115,10 +116,10 @@ void writePeerInputs(Case &c, const QString &folder)
 double runOurs(Case &c)
 {
     const auto start = std::chrono::steady_clock::now();
-    QFuture<QString> future = c.buffer->exportClip();
+    QFuture<WrittenFile> future = ClipExport::exportClip(c.buffer->snapshot());
     future.waitForFinished();
     const double elapsed = bench::secondsSince(start);
-    QFile::remove(future.result());
+    QFile::remove(future.result().path);
     return elapsed;
 }
 
@@ -178,7 +179,7 @@ int main()
             for (int64_t f = 0; f < frames; ++f) {
                 ReplayBuffer::EncodedFrame frame = video.frame(f, origin);
                 const bool key = frame.isKey;
-                c.buffer->storeEncodedFrame(std::move(frame), key ? video.format() : nullptr);
+                c.buffer->appendVideo(std::move(frame), key ? video.format() : nullptr);
                 for (; packet * 60 < (f + 1) * 100; ++packet) {
                     c.buffer->appendAudio(asSample(system.packet(packet)));
                     if (withMic)

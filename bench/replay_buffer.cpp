@@ -4,8 +4,8 @@
 
 #include "BenchSupport.h"
 
-#include "capture/ClipSettings.h"
-#include "capture/ReplayBuffer.h"
+#include "core/ClipSettings.h"
+#include "replay/ReplayBuffer.h"
 
 #include <malloc.h>
 
@@ -42,7 +42,7 @@ struct Feeder
     {
         int appends = 0;
         for (int f = 0; f < fps; ++f, ++frame) {
-            buffer.storeEncodedFrame(
+            buffer.appendVideo(
                 {Bytes::copy(video), nanos(frame, fps), MediaTime::make(1, fps), frame % 120 == 0},
                 videoFormat);
             payload += frameBytes;

@@ -6,8 +6,8 @@
 
 #include "BenchSupport.h"
 
-#include "capture/X11ScreenCaptureService.h"
-#include "capture/X11ScreenStream.h"
+#include "capture/x11/X11ScreenCaptureService.h"
+#include "capture/x11/X11ScreenStream.h"
 #include "core/SerialQueue.h"
 #include "support/PrivateServers.h"
 

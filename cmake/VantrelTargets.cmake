@@ -1,6 +1,16 @@
-# vantrel_library(NAME DIR): one static library per subsystem, from every source in DIR.
+# vantrel_library(NAME [SUBDIRS dir...]): one static library per stage, from every source in the
+# current folder and in the named sub-folders (a capture backend each).
 function(vantrel_library name)
-  file(GLOB sources CONFIGURE_DEPENDS ${CMAKE_CURRENT_SOURCE_DIR}/*.cpp ${CMAKE_CURRENT_SOURCE_DIR}/*.h)
+  cmake_parse_arguments(L "" "" "SUBDIRS" ${ARGN})
+  set(dirs ${CMAKE_CURRENT_SOURCE_DIR})
+  foreach(sub ${L_SUBDIRS})
+    list(APPEND dirs ${CMAKE_CURRENT_SOURCE_DIR}/${sub})
+  endforeach()
+  set(sources "")
+  foreach(dir ${dirs})
+    file(GLOB found CONFIGURE_DEPENDS ${dir}/*.cpp ${dir}/*.h)
+    list(APPEND sources ${found})
+  endforeach()
   add_library(${name} STATIC ${sources})
   target_include_directories(${name} PUBLIC ${PROJECT_SOURCE_DIR}/src)
   target_link_libraries(${name} PRIVATE vantrel_warnings)

@@ -7,22 +7,23 @@
 #include "app/ShareActions.h"
 #include "app/SingleInstance.h"
 #include "app/StatusIcon.h"
+#include "app/StatusTexts.h"
 #include "app/WakeObserver.h"
-#include "capture/ClipSettings.h"
-#include "capture/ClipSound.h"
-#include "capture/Paths.h"
-#include "capture/RecorderError.h"
 #include "cloud/AccountStore.h"
+#include "core/ClipSettings.h"
 #include "core/DisplaySession.h"
 #include "core/Log.h"
+#include "core/Paths.h"
 #include "core/Preferences.h"
 #include "core/ProgramVersion.h"
 #include "core/SharedPool.h"
+#include "engine/ClipSound.h"
 #include "input/ClipHotkey.h"
 #include "input/HotkeyManager.h"
 #include "input/MicAccess.h"
 #include "input/PermissionOnce.h"
 #include "input/ScreenAccess.h"
+#include "media/RecorderError.h"
 
 #include <QApplication>
 #include <QDir>
@@ -59,20 +60,14 @@ void storeBool(const QString &key, bool value)
     Preferences::open()->setValue(key, value);
 }
 
-// What the user reads for an error: a RecorderError's sentence, anything else's message.
-QString describe(const std::exception &error)
-{
-    if (auto *recorder = dynamic_cast<const RecorderError *>(&error))
-        return recorder->text();
-    return QString::fromUtf8(error.what());
-}
-
 } // namespace
 
 AppDelegate::AppDelegate(QObject *parent)
     : QObject(parent)
     , m_engine(std::make_unique<ClipEngine>())
 {
+    m_engine->setScreenAccess(
+        {&ScreenAccess::isGranted, [] { ScreenAccess::request(); }, &ScreenAccess::whyNotGranted});
     // Every status line also goes to the log, so a user without the window can follow along.
     connect(&m_model, &AppModel::statusChanged, this,
             [this] { ClipEngine::log(QStringLiteral("status: ") + m_model.status()); });
@@ -91,7 +86,11 @@ AppDelegate::AppDelegate(QObject *parent)
     hooks.dashboard = [this] { presentDashboard(); };
 }
 
-AppDelegate::~AppDelegate() = default;
+AppDelegate::~AppDelegate()
+{
+    // The menu bar has no parent (it belongs to no one window), so it goes with its builder.
+    delete m_mainMenu;
+}
 
 QString AppDelegate::armedStatus() const
 {
@@ -270,9 +269,9 @@ QCoro::Task<void> AppDelegate::runStart()
         if (error.kind() == RecorderError::Kind::needsRelaunch)
             relaunch = true;
         else
-            failure = error.text();
+            failure = StatusTexts::forError(error);
     } catch (const std::exception &error) {
-        failure = describe(error);
+        failure = StatusTexts::forError(error);
     }
     if (!self)
         co_return;
@@ -305,9 +304,10 @@ void AppDelegate::relaunchOnceForScreen()
         return;
     }
     m_model.setIsClipping(false);
-    m_model.setStatus(QStringLiteral(
-        "Turn on Screen Recording for Vantrel in your desktop’s privacy settings, then Arm "
-        "again. You only have to allow it once."));
+    // Only a backend whose screen access takes effect in a new process asks for a relaunch (a
+    // desktop portal's consent); under X11 the screen is always open and nothing relaunches.
+    m_model.setStatus(QStringLiteral("Allow Vantrel to share your screen when your desktop asks, "
+                                     "then Arm again. You only have to allow it once."));
     HotkeyManager::shared().openScreenRecordingSettings();
     refreshStatusItem();
 }
@@ -327,17 +327,15 @@ QCoro::Task<void> AppDelegate::runStop()
 {
     QPointer<AppDelegate> self(this);
     HotkeyManager::shared().setArmed(false);
-    const std::optional<QString> kept = co_await m_engine->stop(true);
+    const SessionOutcome session = co_await m_engine->stop(true);
     if (!self)
         co_return;
     m_model.setIsClipping(false);
     m_userStopping = false;
-    if (kept) {
-        m_model.setStatus(QStringLiteral("Saved ") + QFileInfo(*kept).fileName());
+    const QString said = StatusTexts::forSession(session);
+    m_model.setStatus(said.isEmpty() ? idleStatus() : said);
+    if (session.file)
         m_library->refreshClips(false);
-    } else {
-        m_model.setStatus(idleStatus());
-    }
     refreshStatusItem();
 }
 
@@ -359,22 +357,26 @@ void AppDelegate::saveClip()
 QCoro::Task<void> AppDelegate::runSave()
 {
     QPointer<AppDelegate> self(this);
-    QString path;
+    WrittenFile clip;
     QString failure;
     try {
-        path = co_await m_engine->saveClip();
+        clip = co_await m_engine->saveClip();
     } catch (const std::exception &error) {
-        failure = describe(error);
+        failure = StatusTexts::forError(error);
     }
     if (!self)
         co_return;
     if (failure.isEmpty()) {
-        m_model.setStatus(QStringLiteral("Saved %1.").arg(QFileInfo(path).fileName()));
+        // A clip the writer would not take all of is still a clip in the library, but it does
+        // not sound like a success.
+        if (!clip.shortfall.isComplete())
+            ClipSound::playError();
+        m_model.setStatus(StatusTexts::forSavedClip(clip));
         m_model.setTab(AppModel::Tab::library);
         m_library->refreshClips(true);
         if (hooks.share)
-            hooks.share(QUrl::fromLocalFile(path));
-        emit clipSaved(path);
+            hooks.share(QUrl::fromLocalFile(clip.path));
+        emit clipSaved(clip.path);
     } else {
         ClipSound::playError();
         m_model.setStatus(failure);

@@ -4,7 +4,7 @@
 #include "app/ClipLibrary.h"
 #include "app/DashboardCallbacks.h"
 #include "app/DashboardWindow.h"
-#include "capture/ClipEngine.h"
+#include "engine/ClipEngine.h"
 
 #include <QMenu>
 #include <QMenuBar>

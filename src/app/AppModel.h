@@ -1,7 +1,7 @@
 #pragma once
 
 #include "app/ClipFile.h"
-#include "capture/ClipSettings.h"
+#include "core/ClipSettings.h"
 
 #include <QMap>
 #include <QObject>

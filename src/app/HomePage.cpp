@@ -4,7 +4,7 @@
 #include "app/ClipRow.h"
 #include "app/DashboardCallbacks.h"
 #include "app/DashboardStyle.h"
-#include "capture/ClipSettings.h"
+#include "core/ClipSettings.h"
 #include "input/HotkeyManager.h"
 #include "promo/Palette.h"
 

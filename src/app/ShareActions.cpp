@@ -1,7 +1,7 @@
 #include "app/ShareActions.h"
 
 #include "app/AppModel.h"
-#include "capture/ClipEngine.h"
+#include "engine/ClipEngine.h"
 #include "cloud/AccountStore.h"
 #include "cloud/ClipCloud.h"
 #include "cloud/CloudConfig.h"

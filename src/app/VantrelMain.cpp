@@ -2,7 +2,7 @@
 // event loop. A second launch passes its vantrel:// links to the first and exits.
 
 #include "app/AppDelegate.h"
-#include "capture/Paths.h"
+#include "core/Paths.h"
 #include "core/Preferences.h"
 #include "core/ProgramVersion.h"
 #include "update/ArchiveInstall.h"

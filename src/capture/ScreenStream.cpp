@@ -1,13 +1,11 @@
 #include "capture/ScreenStream.h"
 
-#include "capture/X11ScreenCaptureService.h"
 #include "capture/wayland/WaylandScreenCaptureService.h"
+#include "capture/x11/X11ScreenCaptureService.h"
 #include "core/DisplaySession.h"
 #include "core/Log.h"
 
-#include <cstdlib>
 #include <stdexcept>
-#include <string_view>
 
 std::optional<CaptureDisplay> chooseCaptureDisplay(const std::vector<CaptureDisplay> &displays,
                                                    std::optional<std::pair<int, int>> pointer)
@@ -44,9 +42,6 @@ std::unique_ptr<ScreenCaptureService> ScreenCaptureService::create()
     }
     Log::system(QStringLiteral("capture backend: none, for %1").arg(choice.why));
     if (DisplaySession::isWayland() && !DisplaySession::isForced())
-        throw NoDisplayServer(
-            "This Wayland session has no screen-sharing portal. Install xdg-desktop-portal with "
-            "your desktop's portal (xdg-desktop-portal-gnome, -kde or -wlr), log in again, then "
-            "Arm again.");
-    throw NoDisplayServer(choice.why.toStdString() + ".");
+        throw std::runtime_error(DisplaySession::withoutScreenCastText().toStdString());
+    throw std::runtime_error(choice.why.toStdString() + ".");
 }

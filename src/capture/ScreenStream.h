@@ -1,7 +1,7 @@
 #pragma once
 
-#include "capture/ReplayBuffer.h"
-#include "capture/VideoFrame.h"
+#include "media/AudioSampleBuffer.h"
+#include "media/VideoFrame.h"
 
 #include <cstdint>
 #include <functional>
@@ -42,8 +42,8 @@ struct StreamConfiguration
     int queueDepth = 3; // frames in flight at most; a frame with no free slot is skipped
     bool showsCursor = true;
     bool capturesAudio = true;
-    int sampleRate = 48000;
-    int channelCount = 2;
+    int sampleRate = AudioDefaults::sampleRate;
+    int channelCount = AudioDefaults::channels;
     bool captureMicrophone = false;
 };
 
@@ -106,16 +106,8 @@ public:
                                                      const StreamConfiguration &config) = 0;
 
     // The backend for this session (see DisplaySession::chooseCapture), logged with the reason.
-    // Throws NoDisplayServer with a sentence for the user when there is none.
+    // Throws std::runtime_error with a sentence for the user when there is none.
     static std::unique_ptr<ScreenCaptureService> create();
-};
-
-// Thrown by the backends when there is no display server to capture from (none reachable, or
-// none of a kind they can capture). Unlike a permission that is not yet in force, starting again
-// does not help; the engine says so rather than restart the program.
-struct NoDisplayServer : std::runtime_error
-{
-    using std::runtime_error::runtime_error;
 };
 
 // Thrown by a backend whose desktop asks the user before the screen may be recorded, when the

@@ -44,10 +44,9 @@ std::optional<uint> interfaceVersion(const QDBusConnection &bus, const QString &
 {
     if (!bus.isConnected())
         return std::nullopt;
-    QDBusMessage get =
-        QDBusMessage::createMethodCall(service, objectPath,
-                                       QStringLiteral("org.freedesktop.DBus.Properties"),
-                                       QStringLiteral("Get"));
+    QDBusMessage get = QDBusMessage::createMethodCall(
+        service, objectPath, QStringLiteral("org.freedesktop.DBus.Properties"),
+        QStringLiteral("Get"));
     get << interface << QStringLiteral("version");
     const QDBusMessage reply = bus.call(get, QDBus::Block, int(timeout.count()));
     if (reply.type() != QDBusMessage::ReplyMessage || reply.arguments().isEmpty())
@@ -87,9 +86,9 @@ Answer request(const QDBusConnection &bus, const QString &interface, const QStri
     PortalResponse waiter;
     QString path = requestPath(bus, token);
     const auto listen = [&](const QString &at) {
-        return QDBusConnection(bus).connect(service, at, QStringLiteral("org.freedesktop.portal.Request"),
-                                            QStringLiteral("Response"), &waiter,
-                                            SLOT(respond(uint, QVariantMap)));
+        return QDBusConnection(bus).connect(
+            service, at, QStringLiteral("org.freedesktop.portal.Request"),
+            QStringLiteral("Response"), &waiter, SLOT(respond(uint, QVariantMap)));
     };
     if (!listen(path))
         throw Failure("cannot listen to the portal's answers");
@@ -98,9 +97,9 @@ Answer request(const QDBusConnection &bus, const QString &interface, const QStri
     call.setArguments(arguments);
     const QDBusMessage reply = QDBusConnection(bus).call(call, QDBus::Block, 10000);
     if (reply.type() != QDBusMessage::ReplyMessage) {
-        QDBusConnection(bus).disconnect(service, path, QStringLiteral("org.freedesktop.portal.Request"),
-                                        QStringLiteral("Response"), &waiter,
-                                        SLOT(respond(uint, QVariantMap)));
+        QDBusConnection(bus).disconnect(
+            service, path, QStringLiteral("org.freedesktop.portal.Request"),
+            QStringLiteral("Response"), &waiter, SLOT(respond(uint, QVariantMap)));
         throw Failure((method + QStringLiteral(" failed: ") + reply.errorMessage()).toStdString());
     }
     // Older portals chose the path themselves; follow theirs.
@@ -121,7 +120,8 @@ Answer request(const QDBusConnection &bus, const QString &interface, const QStri
                                     QStringLiteral("Response"), &waiter,
                                     SLOT(respond(uint, QVariantMap)));
     if (!waiter.answered())
-        throw Failure((method + QStringLiteral(": no answer from the desktop portal within %1 s")
+        throw Failure((method +
+                       QStringLiteral(": no answer from the desktop portal within %1 s")
                            .arg(timeout.count() / 1000.0))
                           .toStdString());
     return {Response(std::min(waiter.code(), 2u)), waiter.results()};

@@ -10,6 +10,14 @@ bool isForced()
         !qEnvironmentVariableIsEmpty("VANTREL_SCREEN_BACKEND");
 }
 
+QString withoutScreenCastText()
+{
+    return QStringLiteral(
+        "This Wayland session has no screen-sharing portal. Install "
+        "xdg-desktop-portal with your desktop's portal (xdg-desktop-portal-gnome, "
+        "-kde or -wlr), log in again, then Arm again.");
+}
+
 bool isWayland()
 {
     return !qEnvironmentVariableIsEmpty("WAYLAND_DISPLAY") ||
@@ -30,7 +38,8 @@ Choice chooseCapture()
     if (forced == QLatin1String("wayland"))
         return {Capture::wayland, setting};
     if (!forced.isEmpty())
-        return {Capture::none, setting + QStringLiteral(" names no capture backend (x11 or wayland)")};
+        return {Capture::none,
+                setting + QStringLiteral(" names no capture backend (x11 or wayland)")};
     if (isWayland()) {
         const std::optional<uint> version =
             DesktopPortal::interfaceVersion(QStringLiteral("org.freedesktop.portal.ScreenCast"));
@@ -46,9 +55,10 @@ Choice chooseCapture()
                                               "programs)"))};
     }
     if (!qEnvironmentVariableIsEmpty("DISPLAY"))
-        return {Capture::x11, QStringLiteral("an X11 session (DISPLAY=%1)")
-                                  .arg(qEnvironmentVariable("DISPLAY"))};
-    return {Capture::none, QStringLiteral("no display: neither DISPLAY nor WAYLAND_DISPLAY is set")};
+        return {Capture::x11,
+                QStringLiteral("an X11 session (DISPLAY=%1)").arg(qEnvironmentVariable("DISPLAY"))};
+    return {Capture::none,
+            QStringLiteral("no display: neither DISPLAY nor WAYLAND_DISPLAY is set")};
 }
 
 } // namespace DisplaySession

@@ -26,4 +26,8 @@ bool isWayland();
 // The user chose the backend with VANTREL_CAPTURE.
 bool isForced();
 
+// What the user reads when a Wayland session has no portal that can share the screen: what is
+// missing and how to get it.
+QString withoutScreenCastText();
+
 } // namespace DisplaySession

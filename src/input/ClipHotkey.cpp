@@ -30,7 +30,7 @@ std::optional<uint32_t> storedUint32(const QString &key)
 
 struct ModifierRow
 {
-    uint32_t carbon;
+    uint32_t stored;
     Qt::KeyboardModifier qt;
     uint16_t x11;
     const char *prefix;
@@ -39,9 +39,9 @@ struct ModifierRow
 // In display order.
 constexpr ModifierRow modifierTable[] = {
     {controlKey, Qt::ControlModifier, x11Control, "Ctrl+"},
-    {optionKey, Qt::AltModifier, x11Alt, "Alt+"},
+    {altKey, Qt::AltModifier, x11Alt, "Alt+"},
     {shiftKey, Qt::ShiftModifier, x11Shift, "Shift+"},
-    {commandKey, Qt::MetaModifier, x11Super, "Super+"},
+    {superKey, Qt::MetaModifier, x11Super, "Super+"},
 };
 
 const std::map<uint32_t, QString> &namedKeys()
@@ -97,11 +97,11 @@ void setKeyCode(uint32_t code)
     Preferences::open()->setValue(keyCodeKey, qulonglong(code));
 }
 
-uint32_t carbonModifiers()
+uint32_t modifiers()
 {
     return storedUint32(modifiersKey).value_or(0);
 }
-void setCarbonModifiers(uint32_t modifiers)
+void setModifiers(uint32_t modifiers)
 {
     Preferences::open()->setValue(modifiersKey, qulonglong(modifiers));
 }
@@ -134,38 +134,38 @@ ClipHotkeyNotifier &notifier()
     return instance;
 }
 
-uint32_t carbonModifiers(Qt::KeyboardModifiers modifiers)
+uint32_t modifiersFromQt(Qt::KeyboardModifiers modifiers)
 {
-    uint32_t carbon = 0;
+    uint32_t stored = 0;
     for (const auto &row : modifierTable)
         if (modifiers.testFlag(row.qt))
-            carbon |= row.carbon;
-    return carbon;
+            stored |= row.stored;
+    return stored;
 }
 
-Qt::KeyboardModifiers qtModifiers(uint32_t carbon)
+Qt::KeyboardModifiers qtModifiers(uint32_t stored)
 {
     Qt::KeyboardModifiers modifiers;
     for (const auto &row : modifierTable)
-        if (carbon & row.carbon)
+        if (stored & row.stored)
             modifiers |= row.qt;
     return modifiers;
 }
 
-uint32_t carbonModifiersFromX11(uint16_t mask)
+uint32_t modifiersFromX11(uint16_t mask)
 {
-    uint32_t carbon = 0;
+    uint32_t stored = 0;
     for (const auto &row : modifierTable)
         if (mask & row.x11)
-            carbon |= row.carbon;
-    return carbon;
+            stored |= row.stored;
+    return stored;
 }
 
-uint16_t x11Modifiers(uint32_t carbon)
+uint16_t x11Modifiers(uint32_t stored)
 {
     uint16_t mask = 0;
     for (const auto &row : modifierTable)
-        if (carbon & row.carbon)
+        if (stored & row.stored)
             mask |= row.x11;
     return mask;
 }
@@ -189,11 +189,11 @@ QString keyTitle(uint32_t code, const std::optional<QString> &characters)
     return QStringLiteral("Key %1").arg(code);
 }
 
-QString displayName(uint32_t code, uint32_t carbon, const std::optional<QString> &characters)
+QString displayName(uint32_t code, uint32_t stored, const std::optional<QString> &characters)
 {
     QString text;
     for (const auto &row : modifierTable)
-        if (carbon & row.carbon)
+        if (stored & row.stored)
             text += QLatin1String(row.prefix);
     return text + keyTitle(code, characters);
 }

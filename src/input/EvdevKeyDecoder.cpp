@@ -9,16 +9,16 @@ namespace {
 struct ModifierKey
 {
     uint16_t code;
-    uint32_t carbon;
+    uint32_t stored;
 };
 
 // Right Alt counts as Alt, as it does on the US layout. FIXME: on layouts where it is AltGr
 // (Level 3), X11 does not report it as Alt, so the X paths and this one disagree about it.
 constexpr ModifierKey modifierKeys[] = {
     {KEY_LEFTCTRL, ClipHotkey::controlKey}, {KEY_RIGHTCTRL, ClipHotkey::controlKey},
-    {KEY_LEFTALT, ClipHotkey::optionKey},   {KEY_RIGHTALT, ClipHotkey::optionKey},
+    {KEY_LEFTALT, ClipHotkey::altKey},      {KEY_RIGHTALT, ClipHotkey::altKey},
     {KEY_LEFTSHIFT, ClipHotkey::shiftKey},  {KEY_RIGHTSHIFT, ClipHotkey::shiftKey},
-    {KEY_LEFTMETA, ClipHotkey::commandKey}, {KEY_RIGHTMETA, ClipHotkey::commandKey},
+    {KEY_LEFTMETA, ClipHotkey::superKey},   {KEY_RIGHTMETA, ClipHotkey::superKey},
 };
 
 } // namespace
@@ -87,11 +87,11 @@ void EvdevKeyDecoder::handle(const input_event &event, const Sink &sink)
 
 uint32_t EvdevKeyDecoder::modifiers() const
 {
-    uint32_t carbon = 0;
+    uint32_t stored = 0;
     for (const ModifierKey &key : modifierKeys)
         if (m_down.test(key.code))
-            carbon |= key.carbon;
-    return carbon;
+            stored |= key.stored;
+    return stored;
 }
 
 bool EvdevKeyDecoder::takeResyncRequest()

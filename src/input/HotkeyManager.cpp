@@ -187,7 +187,7 @@ void HotkeyManager::installGrab()
     }
     // While capturing, our window must see every key, the clip key included.
     if (!m_grab->isGrabbed() && !isCapturing()) {
-        const int status = m_grab->grab(ClipHotkey::keyCode(), ClipHotkey::carbonModifiers());
+        const int status = m_grab->grab(ClipHotkey::keyCode(), ClipHotkey::modifiers());
         logStatus("hotkey", status, &m_loggedGrabStatus);
     }
 }
@@ -225,11 +225,11 @@ void HotkeyManager::installPortalShortcut()
     m_portalShortcut = std::make_unique<PortalShortcut>();
     m_portalShortcut->onPressed = [this] {
         handleKey(Path::portalShortcut,
-                  {ClipHotkey::keyCode(), KeyInput::Action::press, ClipHotkey::carbonModifiers()});
+                  {ClipHotkey::keyCode(), KeyInput::Action::press, ClipHotkey::modifiers()});
     };
     m_portalShortcut->onReleased = [this] {
         handleKey(Path::portalShortcut,
-                  {ClipHotkey::keyCode(), KeyInput::Action::release, ClipHotkey::carbonModifiers()});
+                  {ClipHotkey::keyCode(), KeyInput::Action::release, ClipHotkey::modifiers()});
     };
     m_portalShortcut->onStateChanged = [this] { refreshGlobalState(); };
     // Without the interface the object stays, unavailable, so that it is not asked again.
@@ -386,7 +386,7 @@ void HotkeyManager::handleKey(Path path, const KeyInput &key)
     }
     if (!isArmed() || isCapturing())
         return;
-    if (key.carbonModifiers != ClipHotkey::carbonModifiers())
+    if (key.modifiers != ClipHotkey::modifiers())
         return;
     noteClipKeyDown(key.action == KeyInput::Action::repeat);
 }
@@ -421,7 +421,7 @@ bool HotkeyManager::claimsShortcut(const WindowKeyFilter::Key &key) const
 {
     const uint32_t code = key.input.keyCode;
     return isCapturing() && code != 0 && !volumeBit(code) && !isModifierKey(code) &&
-        !(code == KEY_Q && (key.input.carbonModifiers & ClipHotkey::controlKey));
+        !(code == KEY_Q && (key.input.modifiers & ClipHotkey::controlKey));
 }
 
 bool HotkeyManager::handleWindowKey(const WindowKeyFilter::Key &key)
@@ -436,7 +436,7 @@ bool HotkeyManager::handleWindowKey(const WindowKeyFilter::Key &key)
         // combination pass through; capture goes on.
         if (!claimsShortcut(key))
             return false;
-        const uint32_t modifiers = key.input.carbonModifiers;
+        const uint32_t modifiers = key.input.modifiers;
         ClipHotkey::save(code, modifiers, ClipHotkey::displayName(code, modifiers, key.characters));
         finishCapture(true);
         return true;

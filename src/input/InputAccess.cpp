@@ -1,6 +1,6 @@
 #include "input/InputAccess.h"
 
-#include "input/XcbHandles.h"
+#include "xcb/XcbHandles.h"
 
 #include <QDir>
 #include <QFile>

@@ -10,5 +10,5 @@ struct KeyInput
     uint32_t keyCode = 0; // evdev code (X key code - 8)
     Action action = Action::press;
     // The four binding modifiers held when the key changed, in ClipHotkey's stored encoding.
-    uint32_t carbonModifiers = 0;
+    uint32_t modifiers = 0;
 };

@@ -53,10 +53,10 @@ PortalShortcut::PortalShortcut(QObject *parent)
     qDBusRegisterMetaType<Shortcut>();
     qDBusRegisterMetaType<QList<Shortcut>>();
     for (const char *signal : {"Activated", "Deactivated"}) {
-        const bool listening = m_bus.connect(
-            DesktopPortal::service, DesktopPortal::objectPath, globalShortcuts,
-            QLatin1String(signal), this,
-            signal[0] == 'A' ? SLOT(activated(QDBusMessage)) : SLOT(deactivated(QDBusMessage)));
+        const bool listening = m_bus.connect(DesktopPortal::service, DesktopPortal::objectPath,
+                                             globalShortcuts, QLatin1String(signal), this,
+                                             signal[0] == 'A' ? SLOT(activated(QDBusMessage))
+                                                              : SLOT(deactivated(QDBusMessage)));
         if (!listening)
             Log::system(QStringLiteral("global shortcut: cannot listen to %1: %2")
                             .arg(QLatin1String(signal), m_bus.lastError().message()));
@@ -93,7 +93,8 @@ QString PortalShortcut::preferredTrigger(const QString &displayText)
 bool PortalShortcut::install(const QString &displayText)
 {
     if (!DesktopPortal::interfaceVersion(m_bus, globalShortcuts)) {
-        setState(State::unavailable, QStringLiteral("the desktop portal offers no GlobalShortcuts"));
+        setState(State::unavailable,
+                 QStringLiteral("the desktop portal offers no GlobalShortcuts"));
         return false;
     }
     m_preferred = preferredTrigger(displayText);
@@ -107,8 +108,7 @@ bool PortalShortcut::install(const QString &displayText)
                     return;
                 m_session = results.value(QStringLiteral("session_handle")).toString();
                 if (code != 0 || m_session.isEmpty()) {
-                    setState(State::refused,
-                             QStringLiteral("CreateSession answered %1").arg(code));
+                    setState(State::refused, QStringLiteral("CreateSession answered %1").arg(code));
                     return;
                 }
                 bind();
@@ -123,29 +123,28 @@ void PortalShortcut::bind()
         {shortcutId,
          {{QStringLiteral("description"), QStringLiteral("Save a clip of the last seconds")},
           {QStringLiteral("preferred_trigger"), m_preferred}}}};
-    request(QStringLiteral("BindShortcuts"),
-            {QVariant::fromValue(QDBusObjectPath(m_session)), QVariant::fromValue(shortcuts),
-             QString()},
-            {}, [this, generation](uint code, const QVariantMap &results) {
-                if (generation != m_generation)
-                    return;
-                if (code != 0) {
-                    setState(State::refused,
-                             QStringLiteral("BindShortcuts answered %1").arg(code));
-                    return;
-                }
-                QList<Shortcut> bound;
-                const QVariant list = results.value(QStringLiteral("shortcuts"));
-                if (list.canConvert<QDBusArgument>())
-                    list.value<QDBusArgument>() >> bound;
-                for (const Shortcut &shortcut : bound) {
-                    if (shortcut.id == shortcutId)
-                        m_trigger =
-                            shortcut.properties.value(QStringLiteral("trigger_description"))
-                                .toString();
-                }
-                setState(State::bound);
-            });
+    request(
+        QStringLiteral("BindShortcuts"),
+        {QVariant::fromValue(QDBusObjectPath(m_session)), QVariant::fromValue(shortcuts),
+         QString()},
+        {}, [this, generation](uint code, const QVariantMap &results) {
+            if (generation != m_generation)
+                return;
+            if (code != 0) {
+                setState(State::refused, QStringLiteral("BindShortcuts answered %1").arg(code));
+                return;
+            }
+            QList<Shortcut> bound;
+            const QVariant list = results.value(QStringLiteral("shortcuts"));
+            if (list.canConvert<QDBusArgument>())
+                list.value<QDBusArgument>() >> bound;
+            for (const Shortcut &shortcut : bound) {
+                if (shortcut.id == shortcutId)
+                    m_trigger =
+                        shortcut.properties.value(QStringLiteral("trigger_description")).toString();
+            }
+            setState(State::bound);
+        });
 }
 
 void PortalShortcut::uninstall()
@@ -173,17 +172,17 @@ void PortalShortcut::setState(State state, const QString &failure)
         return;
     m_state = state;
     if (state == State::bound)
-        Log::system(QStringLiteral("global shortcut bound through the desktop portal: %1 (asked %2)")
-                        .arg(m_trigger.isEmpty() ? QStringLiteral("no trigger yet") : m_trigger,
-                             m_preferred));
+        Log::system(
+            QStringLiteral("global shortcut bound through the desktop portal: %1 (asked %2)")
+                .arg(m_trigger.isEmpty() ? QStringLiteral("no trigger yet") : m_trigger,
+                     m_preferred));
     else if (!failure.isEmpty())
         Log::system(QStringLiteral("global shortcut: %1").arg(failure));
     if (onStateChanged)
         onStateChanged();
 }
 
-void PortalShortcut::request(const QString &method, QList<QVariant> arguments,
-                             QVariantMap options,
+void PortalShortcut::request(const QString &method, QList<QVariant> arguments, QVariantMap options,
                              std::function<void(uint, const QVariantMap &)> then)
 {
     const QString token = DesktopPortal::newToken();
@@ -203,9 +202,8 @@ void PortalShortcut::request(const QString &method, QList<QVariant> arguments,
     });
     QTimer::singleShot(answerTimeMs, response, [response] { response->respond(2, {}); });
 
-    QDBusMessage call = QDBusMessage::createMethodCall(DesktopPortal::service,
-                                                       DesktopPortal::objectPath, globalShortcuts,
-                                                       method);
+    QDBusMessage call = QDBusMessage::createMethodCall(
+        DesktopPortal::service, DesktopPortal::objectPath, globalShortcuts, method);
     call.setArguments(arguments);
     auto *watcher = new QDBusPendingCallWatcher(m_bus.asyncCall(call), response);
     connect(watcher, &QDBusPendingCallWatcher::finished, response,

@@ -51,7 +51,7 @@ public:
     QString triggerDescription() const { return m_trigger; }
     QString failure() const { return m_failure; }
 
-    // "Ctrl+Shift+F12" written the way the shortcuts specification wants a trigger
+    // "Ctrl+Shift+F12" written the way the XDG shortcut format wants a trigger
     // ("CTRL+SHIFT+F12"; Super is "LOGO", a letter key is lower case).
     static QString preferredTrigger(const QString &displayText);
 

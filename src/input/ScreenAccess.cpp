@@ -16,6 +16,11 @@ bool isGranted()
     return DisplaySession::chooseCapture().capture != DisplaySession::Capture::none;
 }
 
+QString whyNotGranted()
+{
+    return isGranted() ? QString() : DisplaySession::withoutScreenCastText();
+}
+
 bool request()
 {
     return PermissionOnce::promptScreenRecordingIfNeeded();

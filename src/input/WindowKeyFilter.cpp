@@ -38,7 +38,7 @@ WindowKeyFilter::Key WindowKeyFilter::keyOf(const QKeyEvent &event)
     // X key codes start at 8; a platform without native codes reports 0 and names no key.
     const quint32 scanCode = event.nativeScanCode();
     key.input.keyCode = scanCode >= 8 ? scanCode - 8 : 0;
-    key.input.carbonModifiers = ClipHotkey::carbonModifiers(event.modifiers());
+    key.input.modifiers = ClipHotkey::modifiersFromQt(event.modifiers());
     if (event.type() == QEvent::KeyRelease)
         key.input.action = KeyInput::Action::release;
     else

@@ -83,7 +83,7 @@ void X11HotkeyGrab::disconnect()
     m_down.clear();
 }
 
-int X11HotkeyGrab::grab(uint32_t keyCode, uint32_t carbonModifiers)
+int X11HotkeyGrab::grab(uint32_t keyCode, uint32_t modifiers)
 {
     if (!isConnected())
         return -1;
@@ -91,9 +91,9 @@ int X11HotkeyGrab::grab(uint32_t keyCode, uint32_t carbonModifiers)
     if (keyCode + kXKeyCodeOffset > 255)
         return XCB_VALUE;
     const auto xKeyCode = uint8_t(keyCode + kXKeyCodeOffset);
-    const uint16_t modifiers = ClipHotkey::x11Modifiers(carbonModifiers);
+    const uint16_t mask = ClipHotkey::x11Modifiers(modifiers);
     std::array<xcb_void_cookie_t, 4> cookies;
-    const auto variants = lockVariants(modifiers);
+    const auto variants = lockVariants(mask);
     for (size_t i = 0; i < variants.size(); ++i)
         cookies[i] = xcb_grab_key_checked(m_connection.get(), 0, m_root, variants[i], xKeyCode,
                                           XCB_GRAB_MODE_ASYNC, XCB_GRAB_MODE_ASYNC);
@@ -107,12 +107,12 @@ int X11HotkeyGrab::grab(uint32_t keyCode, uint32_t carbonModifiers)
     m_reader->drainQueued();
     if (status != 0) {
         // Some variants may have succeeded; a half grab would fire with NumLock but not without.
-        ungrabVariants(xKeyCode, modifiers);
+        ungrabVariants(xKeyCode, mask);
         xcb_flush(m_connection.get());
         return status;
     }
     m_grabbedKeyCode = xKeyCode;
-    m_grabbedModifiers = modifiers;
+    m_grabbedModifiers = mask;
     return 0;
 }
 
@@ -142,7 +142,7 @@ void X11HotkeyGrab::handle(const xcb_generic_event_t &event)
         return;
     KeyInput input;
     input.keyCode = key.detail - kXKeyCodeOffset;
-    input.carbonModifiers = ClipHotkey::carbonModifiersFromX11(key.state);
+    input.modifiers = ClipHotkey::modifiersFromX11(key.state);
     if (type == XCB_KEY_RELEASE) {
         input.action = KeyInput::Action::release;
         m_down.erase(key.detail);

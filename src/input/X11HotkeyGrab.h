@@ -1,7 +1,7 @@
 #pragma once
 
 #include "input/KeyInput.h"
-#include "input/XcbHandles.h"
+#include "xcb/XcbHandles.h"
 
 #include <cstdint>
 #include <functional>
@@ -38,7 +38,7 @@ public:
     // grab of this object. Returns 0, or the X error of the refused grab (10, BadAccess, when
     // another client holds the key; 2, BadValue, for a code X cannot name); nothing stays grabbed
     // after a refusal.
-    int grab(uint32_t keyCode, uint32_t carbonModifiers);
+    int grab(uint32_t keyCode, uint32_t modifiers);
     void ungrab();
     bool isGrabbed() const { return m_grabbedKeyCode != 0; }
 

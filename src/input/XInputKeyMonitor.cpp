@@ -126,7 +126,7 @@ void XInputKeyMonitor::handle(const xcb_generic_event_t &event)
     input.keyCode = raw.detail - kXKeyCodeOffset;
     // The state notification of a modifier arrives before the raw event of the next key, so this
     // is the state the key was pressed in.
-    input.carbonModifiers = ClipHotkey::carbonModifiersFromX11(m_modifiers);
+    input.modifiers = ClipHotkey::modifiersFromX11(m_modifiers);
     if (generic.event_type == XCB_INPUT_RAW_KEY_RELEASE) {
         input.action = KeyInput::Action::release;
         m_down.erase(raw.detail);

@@ -1,7 +1,7 @@
 #pragma once
 
 #include "input/KeyInput.h"
-#include "input/XcbHandles.h"
+#include "xcb/XcbHandles.h"
 
 #include <functional>
 #include <memory>

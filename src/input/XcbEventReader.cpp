@@ -1,6 +1,6 @@
 #include "input/XcbEventReader.h"
 
-#include "input/XcbHandles.h"
+#include "xcb/XcbHandles.h"
 
 #include <QAbstractEventDispatcher>
 #include <QSocketNotifier>

@@ -3,6 +3,7 @@
 // handing its link to the first.
 
 #include "app/AppDelegate.h"
+#include "core/Preferences.h"
 
 #include "support/TestEnvironment.h"
 
@@ -170,4 +171,62 @@ TEST_F(AppDelegateTest, ASecondLaunchHandsItsLinksToTheFirstAndBuildsNothing)
     ASSERT_TRUE(waitUntil([&] { return first.model().isClipping(); }, 20000))
         << statuses.join(QLatin1Char('|')).toStdString();
     first.applicationWillTerminate();
+}
+
+// Every start that fails says why in the status line, with its own sentence, and nothing
+// relaunches the program: under X11 there is no access a restart could complete.
+TEST_F(AppDelegateTest, EachStartFailureSaysWhyAndNothingRelaunches)
+{
+    QFile conf(configHome() + QStringLiteral("/quillfen/Vantrel.conf"));
+    ASSERT_TRUE(conf.open(QIODevice::WriteOnly));
+    conf.write("[General]\nclipLengthSeconds=15\narmOnLaunch=false\n");
+    conf.close();
+    AppDelegate delegate;
+    follow(delegate);
+    ASSERT_TRUE(delegate.applicationDidFinishLaunching({}));
+
+    // Arms with one variable of the environment changed and answers the last status line.
+    const auto armWith = [&](const char *name, const QByteArray &value) {
+        const QByteArray old = qgetenv(name);
+        qputenv(name, value);
+        statuses.clear();
+        delegate.startClipping();
+        EXPECT_TRUE(waitUntil([&] { return !delegate.model().isBusy(); }, 20000));
+        qputenv(name, old);
+        EXPECT_FALSE(delegate.model().isClipping());
+        EXPECT_FALSE(delegate.engine().isArmed());
+        return statuses.isEmpty() ? QString() : statuses.last();
+    };
+
+    // An audio server address with nothing behind it.
+    const QString socket = home() + QStringLiteral("/.run/pulse-gone");
+    const QString noAudio = armWith("PULSE_SERVER", "unix:" + QFile::encodeName(socket));
+    EXPECT_TRUE(noAudio.startsWith(
+        QStringLiteral("Could not connect to the audio server (PulseAudio or PipeWire): ")))
+        << noAudio.toStdString();
+
+    const QString noEncoder = armWith("VANTREL_ENCODER", "h264_nonesuch");
+    EXPECT_TRUE(noEncoder.startsWith(QStringLiteral("Could not start the video encoder (")))
+        << noEncoder.toStdString();
+    EXPECT_TRUE(noEncoder.endsWith(QStringLiteral("): h264_nonesuch: no such encoder.")))
+        << noEncoder.toStdString();
+
+    EXPECT_EQ(armWith("DISPLAY", ":1999"),
+              QStringLiteral("Could not open the X display \":1999\": no X server answers there."));
+
+    // A Wayland session whose desktop offers no screen-sharing portal (here, no bus at all).
+    const QString noPortal = armWith("WAYLAND_DISPLAY", "wayland-nonesuch");
+    EXPECT_TRUE(noPortal.startsWith(
+        QStringLiteral("This Wayland session has no screen-sharing portal. Install ")))
+        << noPortal.toStdString();
+
+    const auto prefs = Preferences::open();
+    EXPECT_FALSE(prefs->value(QStringLiteral("didRelaunchForScreen")).toBool());
+    EXPECT_FALSE(prefs->value(QStringLiteral("autoStartClipping")).toBool());
+
+    // With the causes gone the same delegate arms.
+    delegate.startClipping();
+    EXPECT_TRUE(waitUntil([&] { return delegate.model().isClipping(); }, 20000))
+        << statuses.join(QLatin1Char('|')).toStdString();
+    delegate.applicationWillTerminate();
 }

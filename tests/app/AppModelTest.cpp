@@ -1,5 +1,5 @@
 #include "app/AppModel.h"
-#include "capture/ClipSettings.h"
+#include "core/ClipSettings.h"
 #include "input/ClipHotkey.h"
 
 #include "support/TestEnvironment.h"

@@ -4,7 +4,7 @@
 #include "app/DashboardView.h"
 #include "app/AppModel.h"
 #include "app/SettingsPage.h"
-#include "capture/ClipSettings.h"
+#include "core/ClipSettings.h"
 #include "core/Preferences.h"
 
 #include "support/TestEnvironment.h"

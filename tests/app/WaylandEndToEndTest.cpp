@@ -52,7 +52,8 @@ TEST_F(WaylandEndToEnd, RecordsTheWaylandScreenAndSavesOnTheDesktopShortcut)
     ASSERT_TRUE(app.waitForOutput(QStringLiteral("global shortcut bound"), 10s))
         << app.output().toStdString();
     const QString output = app.output();
-    EXPECT_TRUE(output.contains(QStringLiteral("capture backend: wayland"))) << output.toStdString();
+    EXPECT_TRUE(output.contains(QStringLiteral("capture backend: wayland")))
+        << output.toStdString();
     EXPECT_TRUE(app.logSinceStart().contains(
         QStringLiteral("no system tray on this desktop (wayland): running without a tray icon")))
         << app.logSinceStart().toStdString();
@@ -68,11 +69,11 @@ TEST_F(WaylandEndToEnd, RecordsTheWaylandScreenAndSavesOnTheDesktopShortcut)
     const QStringList clips = QDir(app.recordings()).entryList({QStringLiteral("Clip *.mp4")});
     ASSERT_EQ(clips.size(), 1);
     EXPECT_EQ(app.countLog(QStringLiteral("status: Saving clip…")), 1);
-    const QString duration = runCommand(
-        QStringLiteral("ffprobe"),
-        {QStringLiteral("-v"), QStringLiteral("error"), QStringLiteral("-show_entries"),
-         QStringLiteral("format=duration"), QStringLiteral("-of"), QStringLiteral("csv=p=0"),
-         app.recordings() + QLatin1Char('/') + clips[0]});
+    const QString duration =
+        runCommand(QStringLiteral("ffprobe"),
+                   {QStringLiteral("-v"), QStringLiteral("error"), QStringLiteral("-show_entries"),
+                    QStringLiteral("format=duration"), QStringLiteral("-of"),
+                    QStringLiteral("csv=p=0"), app.recordings() + QLatin1Char('/') + clips[0]});
     EXPECT_GT(duration.trimmed().toDouble(), 2.0);
     EXPECT_TRUE(app.terminate(10s));
 }

@@ -3,8 +3,8 @@
 // What the capture tests keep of the frames and audio packets a stream delivers, and the small
 // measurements they make on them.
 
-#include "capture/ReplayBuffer.h"
-#include "capture/VideoFrame.h"
+#include "media/AudioSampleBuffer.h"
+#include "media/VideoFrame.h"
 
 #include <chrono>
 #include <condition_variable>

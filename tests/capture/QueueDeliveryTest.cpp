@@ -19,14 +19,17 @@ TEST(QueueDelivery, BoundsWaitingCallsAndClosesCleanly)
     std::shared_future<void> released = release.get_future().share();
     std::atomic<int> ran = 0;
     std::atomic<bool> runningWhenClosed = false;
+    std::promise<void> firstStarted;
+    std::future<void> started = firstStarted.get_future();
 
     // The first call blocks the queue; with it, three are in flight and a fourth is refused.
     ASSERT_TRUE(delivery.post([&] {
+        firstStarted.set_value();
         released.wait();
         std::this_thread::sleep_for(50ms);
         ++ran;
     }));
-    std::this_thread::sleep_for(20ms); // let the first call start
+    started.wait();
     EXPECT_TRUE(delivery.post([&] { ++ran; }));
     EXPECT_TRUE(delivery.post([&] { ++ran; }));
     EXPECT_FALSE(delivery.post([&] { ++ran; }));

@@ -1,6 +1,6 @@
-#include "capture/CursorOverlay.h"
-#include "capture/PixelBufferPool.h"
 #include "capture/ScreenStream.h"
+#include "capture/x11/CursorOverlay.h"
+#include "capture/x11/PixelBufferPool.h"
 
 #include <gtest/gtest.h>
 
@@ -44,7 +44,7 @@ TEST(ScreenCapture, CreateNamesWhatIsMissing)
     unsetenv("DISPLAY");
     EXPECT_EQ(message(), "No X display to capture: DISPLAY is not set.");
     setenv("DISPLAY", ":999", 1);
-    EXPECT_EQ(message(), "Could not connect to the X display \":999\".");
+    EXPECT_EQ(message(), "Could not open the X display \":999\": no X server answers there.");
 
     // A Wayland session without the portal: DISPLAY is XWayland, which would record black.
     unsetenv("VANTREL_CAPTURE");

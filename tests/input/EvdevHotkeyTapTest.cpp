@@ -129,7 +129,7 @@ TEST(EvdevHotkeyTap, ReadsEveryKeyboardAndFollowsThemInAndOut)
     ASSERT_EQ(keys.size(), 3u);
     EXPECT_EQ(keys[1].keyCode, uint32_t(KEY_F12));
     EXPECT_EQ(keys[1].action, Action::press);
-    EXPECT_EQ(keys[1].carbonModifiers, ClipHotkey::controlKey);
+    EXPECT_EQ(keys[1].modifiers, ClipHotkey::controlKey);
     EXPECT_EQ(keys[2].action, Action::repeat);
     EXPECT_EQ(tap.keyboardCount(), 2);
 
@@ -139,7 +139,7 @@ TEST(EvdevHotkeyTap, ReadsEveryKeyboardAndFollowsThemInAndOut)
     ASSERT_EQ(keys.size(), 4u);
     EXPECT_EQ(keys[3].keyCode, uint32_t(KEY_F12));
     EXPECT_EQ(keys[3].action, Action::release);
-    EXPECT_EQ(keys[3].carbonModifiers, ClipHotkey::controlKey);
+    EXPECT_EQ(keys[3].modifiers, ClipHotkey::controlKey);
 
     // The last keyboard going away (its writer closing) releases Ctrl; the tap keeps watching
     // and takes the next keyboard that appears.
@@ -148,7 +148,7 @@ TEST(EvdevHotkeyTap, ReadsEveryKeyboardAndFollowsThemInAndOut)
     ASSERT_EQ(keys.size(), 5u);
     EXPECT_EQ(keys[4].keyCode, uint32_t(KEY_LEFTCTRL));
     EXPECT_EQ(keys[4].action, Action::release);
-    EXPECT_EQ(keys[4].carbonModifiers, 0u);
+    EXPECT_EQ(keys[4].modifiers, 0u);
     FakeKeyboard third(path("event2"));
     ASSERT_TRUE(third.connect());
     third.send(evdevKeyFrame(KEY_A, 1));

@@ -160,7 +160,7 @@ TEST_F(WindowDebounceTest, CaptureBindsTheNextKeyAndLetsQuitVolumeAndModifiersTh
     spinUntil([&] { return results.size() == 2; });
     EXPECT_EQ(results, (std::vector<bool> {false, true}));
     EXPECT_EQ(ClipHotkey::keyCode(), uint32_t(KEY_A));
-    EXPECT_EQ(ClipHotkey::carbonModifiers(), ClipHotkey::controlKey);
+    EXPECT_EQ(ClipHotkey::modifiers(), ClipHotkey::controlKey);
     EXPECT_EQ(ClipHotkey::displayName(), QStringLiteral("Ctrl+A"));
     window.sendKey(QEvent::KeyRelease, KEY_A, Qt::Key_A, Qt::ControlModifier);
 

@@ -2,9 +2,9 @@
 // wayland fixture and our test backend behind it; and, on a bus whose portal lacks the
 // interface, the fall-back and what the user is told.
 
+#include "input/PortalShortcut.h"
 #include "input/ClipHotkey.h"
 #include "input/HotkeyManager.h"
-#include "input/PortalShortcut.h"
 
 #include "support/ChildProcess.h"
 #include "support/TestEnvironment.h"
@@ -63,7 +63,7 @@ protected:
 
 } // namespace
 
-TEST(PortalShortcutTrigger, WritesTheBindingAsTheShortcutsSpecificationDoes)
+TEST(PortalShortcutTrigger, WritesTheBindingInTheXdgShortcutFormat)
 {
     EXPECT_EQ(PortalShortcut::preferredTrigger(QStringLiteral("F12")), QStringLiteral("F12"));
     EXPECT_EQ(PortalShortcut::preferredTrigger(QStringLiteral("Ctrl+Shift+F12")),
@@ -135,13 +135,17 @@ TEST_F(PortalShortcutTest, WithoutTheInterfaceTheKeyFallsBackAndSaysSo)
     const std::string address = "unix:path=" + dir + "/bus";
     setenv("DBUS_SESSION_BUS_ADDRESS", address.c_str(), 1);
     ASSERT_TRUE(processUntil(
-        [&] { return ChildProcess::run({"busctl", "--user", "list"}, {}, 2s) == 0; }, 10s));
+        [&] {
+            return ChildProcess::run({"busctl", "--user", "list"}, {}, 2s) == 0;
+        },
+        10s));
     ChildProcess portal({"/usr/libexec/xdg-desktop-portal"},
                         {{"XDG_DESKTOP_PORTAL_DIR", dir + "/portals"}});
     ASSERT_TRUE(processUntil(
         [&] {
-            return ChildProcess::run({"busctl", "--user", "status", "org.freedesktop.portal.Desktop"},
-                                     {}, 2s) == 0;
+            return ChildProcess::run(
+                       {"busctl", "--user", "status", "org.freedesktop.portal.Desktop"}, {}, 2s) ==
+                0;
         },
         10s));
 

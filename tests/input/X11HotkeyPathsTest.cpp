@@ -59,7 +59,7 @@ TEST(X11HotkeyPaths, GrabTakesExactlyTheBoundCombinationWithOrWithoutLocks)
     // While the grab is active the server sends this connection the other keys' releases too.
     EXPECT_EQ(log.count(KEY_F12, Action::press), 1u) << "only the exact combination is taken";
     EXPECT_EQ(log.keys[0].keyCode, uint32_t(KEY_F12));
-    EXPECT_EQ(log.keys[0].carbonModifiers, kCtrlShift);
+    EXPECT_EQ(log.keys[0].modifiers, kCtrlShift);
 
     for (const char *lock : {"Num_Lock", "Caps_Lock"}) {
         xdotool({"key", lock});
@@ -69,7 +69,7 @@ TEST(X11HotkeyPaths, GrabTakesExactlyTheBoundCombinationWithOrWithoutLocks)
     ASSERT_TRUE(spinUntil([&] { return log.count(KEY_F12, Action::press) == 3; }));
     for (const KeyInput &key : log.keys) {
         if (key.keyCode == KEY_F12 && key.action == Action::press) {
-            EXPECT_EQ(key.carbonModifiers, kCtrlShift) << "locks are not binding modifiers";
+            EXPECT_EQ(key.modifiers, kCtrlShift) << "locks are not binding modifiers";
         }
     }
 
@@ -96,7 +96,7 @@ TEST(X11HotkeyPaths, RawEventsSeeEveryKeyWithModifiersAndRepeatsEvenWhileGrabbed
     std::vector<uint32_t> f12Modifiers;
     for (const KeyInput &key : raw.keys)
         if (key.keyCode == KEY_F12 && key.action == Action::press)
-            f12Modifiers.push_back(key.carbonModifiers);
+            f12Modifiers.push_back(key.modifiers);
     EXPECT_EQ(f12Modifiers, (std::vector<uint32_t> {kCtrlShift, 0}));
     EXPECT_EQ(raw.count(KEY_LEFTCTRL, Action::press), 1u);
     ASSERT_TRUE(spinUntil([&] { return grabbed.count(KEY_F12, Action::release) == 1; }));

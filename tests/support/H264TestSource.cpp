@@ -1,6 +1,6 @@
 #include "support/H264TestSource.h"
 
-#include "capture/FFmpegHandles.h"
+#include "media/FFmpegHandles.h"
 
 extern "C" {
 #include <libavutil/opt.h>
@@ -179,7 +179,7 @@ H264TestSource::H264TestSource(int width, int height, int64_t bitRate)
         throw std::runtime_error("H264TestSource: the encoder did not return every frame");
 }
 
-ReplayBuffer::EncodedFrame H264TestSource::frame(int64_t index, MediaTime origin) const
+EncodedFrame H264TestSource::frame(int64_t index, MediaTime origin) const
 {
     return {m_gop[size_t(index % gopLength)], origin + MediaTime::make(index, fps),
             MediaTime::make(1, fps), index % gopLength == 0};
@@ -206,7 +206,7 @@ float PcmTestSource::value(int64_t index) const
                  amplitude2 * std::sin(2 * M_PI * frequency2 * t));
 }
 
-ReplayBuffer::AudioPacket PcmTestSource::packet(int64_t index, MediaTime origin) const
+AudioPacket PcmTestSource::packet(int64_t index, MediaTime origin) const
 {
     std::vector<float> pcm(size_t(packetSamples) * 2);
     for (int i = 0; i < packetSamples; ++i) {
@@ -222,7 +222,7 @@ ReplayBuffer::AudioPacket PcmTestSource::packet(int64_t index, MediaTime origin)
 
 AudioSampleBuffer PcmTestSource::sampleBuffer(int64_t index, MediaTime origin) const
 {
-    ReplayBuffer::AudioPacket stored = packet(index, origin);
+    AudioPacket stored = packet(index, origin);
     AudioSampleBuffer sample;
     sample.pts = stored.pts;
     sample.duration = stored.duration;

@@ -1,6 +1,9 @@
 #pragma once
 
-#include "capture/ReplayBuffer.h"
+#include "media/AudioPacket.h"
+#include "media/AudioSampleBuffer.h"
+#include "media/EncodedFrame.h"
+#include "media/MediaFormat.h"
 
 #include <cstdint>
 #include <vector>
@@ -22,7 +25,7 @@ public:
     const VideoFormatPtr &format() const { return m_format; }
 
     // Frame `index` of the endless stream, at `origin` + index / 60 s; a key frame every 120.
-    ReplayBuffer::EncodedFrame frame(int64_t index, MediaTime origin = MediaTime::zero()) const;
+    EncodedFrame frame(int64_t index, MediaTime origin = MediaTime::zero()) const;
 
     // Bytes of one group of pictures.
     size_t gopBytes() const;
@@ -49,7 +52,7 @@ struct PcmTestSource
 
     AudioFormatPtr format() const;
     // Packet `index` of the stream, at `origin` + index * 10 ms.
-    ReplayBuffer::AudioPacket packet(int64_t index, MediaTime origin = MediaTime::zero()) const;
-    // The same as a buffer the capture stream hands to ReplayBuffer::appendAudio.
+    AudioPacket packet(int64_t index, MediaTime origin = MediaTime::zero()) const;
+    // The same as a buffer the capture stream hands to the replay buffer's appendAudio.
     AudioSampleBuffer sampleBuffer(int64_t index, MediaTime origin = MediaTime::zero()) const;
 };

@@ -4,7 +4,10 @@
 #include <QDirIterator>
 #include <QFile>
 
+#include <cerrno>
 #include <cstdlib>
+#include <cstring>
+#include <sys/mount.h>
 
 void TempHomeTest::SetUp()
 {
@@ -35,6 +38,22 @@ QString readTextFile(const QString &path)
     if (!file.open(QIODevice::ReadOnly))
         return {};
     return QString::fromUtf8(file.readAll());
+}
+
+TemporaryMount::TemporaryMount(const QString &path, const char *options)
+    : m_path(QFile::encodeName(path))
+{
+    QDir().mkpath(path);
+    if (::mount("tmpfs", m_path.constData(), "tmpfs", 0, options) == 0)
+        m_mounted = true;
+    else
+        m_error = std::strerror(errno);
+}
+
+TemporaryMount::~TemporaryMount()
+{
+    if (m_mounted)
+        ::umount2(m_path.constData(), MNT_DETACH);
 }
 
 QStringList filesHolding(const QString &folder, const QByteArray &secret)

@@ -6,6 +6,8 @@
 
 #include <gtest/gtest.h>
 
+#include <string>
+
 // Gives the test a home of its own: HOME, XDG_CONFIG_HOME, XDG_STATE_HOME, TMPDIR and the videos
 // folder all point into a fresh temporary folder that is removed afterwards. Every test case runs
 // in a process of its own (ctest), so the program's once-per-process paths see this home.
@@ -26,6 +28,26 @@ private:
 
 // Reads a whole file as text; empty when it cannot be read.
 QString readTextFile(const QString &path);
+
+// A tmpfs of the given mount options ("size=64k") at `path`, for as long as the object lives:
+// a temporary folder on a file system of its own, or a full disk. Mounting needs privileges a
+// test may not have; mounted() says whether it worked, error() why not.
+class TemporaryMount
+{
+public:
+    TemporaryMount(const QString &path, const char *options);
+    ~TemporaryMount();
+    TemporaryMount(const TemporaryMount &) = delete;
+    TemporaryMount &operator=(const TemporaryMount &) = delete;
+
+    bool mounted() const { return m_mounted; }
+    const std::string &error() const { return m_error; }
+
+private:
+    QByteArray m_path;
+    bool m_mounted = false;
+    std::string m_error;
+};
 
 // The files below `folder` whose bytes contain `secret` (a token that must not be on disk).
 QStringList filesHolding(const QString &folder, const QByteArray &secret);

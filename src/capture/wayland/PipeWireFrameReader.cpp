@@ -46,8 +46,7 @@ private:
     void sync(uint64_t when)
     {
         dma_buf_sync request {when | DMA_BUF_SYNC_READ};
-        while (::ioctl(m_fd, DMA_BUF_IOCTL_SYNC, &request) == -1 && errno == EINTR) {
-        }
+        while (::ioctl(m_fd, DMA_BUF_IOCTL_SYNC, &request) == -1 && errno == EINTR) { }
     }
 
     int m_fd;

@@ -30,22 +30,20 @@ const spa_pod *formatPod(spa_pod_builder &b, int fps, bool dmaBuf)
 
     spa_pod_frame frame;
     spa_pod_builder_push_object(&b, &frame, SPA_TYPE_OBJECT_Format, SPA_PARAM_EnumFormat);
-    spa_pod_builder_add(&b, SPA_FORMAT_mediaType, SPA_POD_Id(SPA_MEDIA_TYPE_video),
-                        SPA_FORMAT_mediaSubtype, SPA_POD_Id(SPA_MEDIA_SUBTYPE_raw),
-                        SPA_FORMAT_VIDEO_format,
-                        SPA_POD_CHOICE_ENUM_Id(5, SPA_VIDEO_FORMAT_BGRx, SPA_VIDEO_FORMAT_BGRx,
-                                               SPA_VIDEO_FORMAT_BGRA, SPA_VIDEO_FORMAT_RGBx,
-                                               SPA_VIDEO_FORMAT_RGBA),
-                        0);
+    spa_pod_builder_add(
+        &b, SPA_FORMAT_mediaType, SPA_POD_Id(SPA_MEDIA_TYPE_video), SPA_FORMAT_mediaSubtype,
+        SPA_POD_Id(SPA_MEDIA_SUBTYPE_raw), SPA_FORMAT_VIDEO_format,
+        SPA_POD_CHOICE_ENUM_Id(5, SPA_VIDEO_FORMAT_BGRx, SPA_VIDEO_FORMAT_BGRx,
+                               SPA_VIDEO_FORMAT_BGRA, SPA_VIDEO_FORMAT_RGBx, SPA_VIDEO_FORMAT_RGBA),
+        0);
     if (dmaBuf) {
         spa_pod_builder_prop(&b, SPA_FORMAT_VIDEO_modifier, SPA_POD_PROP_FLAG_MANDATORY);
         spa_pod_builder_long(&b, int64_t(linearModifier));
     }
-    spa_pod_builder_add(&b, SPA_FORMAT_VIDEO_size,
-                        SPA_POD_CHOICE_RANGE_Rectangle(&defaultSize, &minSize, &maxSize),
-                        SPA_FORMAT_VIDEO_framerate, SPA_POD_Fraction(&rate),
-                        SPA_FORMAT_VIDEO_maxFramerate,
-                        SPA_POD_CHOICE_RANGE_Fraction(&defaultMaxRate, &minRate, &maxRate), 0);
+    spa_pod_builder_add(
+        &b, SPA_FORMAT_VIDEO_size, SPA_POD_CHOICE_RANGE_Rectangle(&defaultSize, &minSize, &maxSize),
+        SPA_FORMAT_VIDEO_framerate, SPA_POD_Fraction(&rate), SPA_FORMAT_VIDEO_maxFramerate,
+        SPA_POD_CHOICE_RANGE_Fraction(&defaultMaxRate, &minRate, &maxRate), 0);
     return static_cast<const spa_pod *>(spa_pod_builder_pop(&b, &frame));
 }
 

@@ -1,11 +1,11 @@
 #include "capture/wayland/PipeWireScreenStream.h"
 
-#include "capture/MonotonicClock.h"
-#include "capture/PixelBufferPool.h"
-#include "capture/PulseAudioCapture.h"
 #include "capture/QueueDelivery.h"
+#include "capture/pulse/PulseAudioCapture.h"
 #include "capture/wayland/ScreenCastPortal.h"
+#include "capture/x11/PixelBufferPool.h" // FIXME: shared by both screen backends; it belongs beside ScreenStream
 #include "core/Log.h"
+#include "media/MonotonicClock.h"
 
 #include <pipewire/pipewire.h>
 #include <spa/param/param.h>
@@ -58,7 +58,10 @@ StreamConfiguration effective(StreamConfiguration config)
 
 struct PipeWireCallbacks
 {
-    static PipeWireScreenStream &of(void *self) { return *static_cast<PipeWireScreenStream *>(self); }
+    static PipeWireScreenStream &of(void *self)
+    {
+        return *static_cast<PipeWireScreenStream *>(self);
+    }
 
     static const pw_stream_events &stream()
     {
@@ -108,8 +111,8 @@ struct PipeWireCallbacks
     static void timer(void *self, uint64_t) { of(self).tick(); }
 };
 
-PipeWireScreenStream::PipeWireScreenStream(std::shared_ptr<ScreenCastPortal> portal,
-                                           uint32_t node, const StreamConfiguration &config)
+PipeWireScreenStream::PipeWireScreenStream(std::shared_ptr<ScreenCastPortal> portal, uint32_t node,
+                                           const StreamConfiguration &config)
     : m_portal(std::move(portal))
     , m_node(node)
     , m_config(effective(config))
@@ -219,13 +222,13 @@ void PipeWireScreenStream::connectLocked(int fd)
     spa_pod_builder builder = SPA_POD_BUILDER_INIT(storage, sizeof(storage));
     std::vector<const spa_pod *> params =
         PipeWireParams::enumFormats(builder, m_config.fps, m_dmaBufAllowed);
-    const int status = pw_stream_connect(
-        m_stream, PW_DIRECTION_INPUT, m_node,
-        pw_stream_flags(PW_STREAM_FLAG_AUTOCONNECT | PW_STREAM_FLAG_MAP_BUFFERS), params.data(),
-        uint32_t(params.size()));
+    const int status =
+        pw_stream_connect(m_stream, PW_DIRECTION_INPUT, m_node,
+                          pw_stream_flags(PW_STREAM_FLAG_AUTOCONNECT | PW_STREAM_FLAG_MAP_BUFFERS),
+                          params.data(), uint32_t(params.size()));
     if (status < 0) {
-        finishStart("Could not connect to the shared screen: " +
-                    std::string(std::strerror(-status)) + ".");
+        finishStart(
+            "Could not connect to the shared screen: " + std::string(std::strerror(-status)) + ".");
         return;
     }
     pw_loop *loop = pw_thread_loop_get_loop(m_loop);
@@ -293,14 +296,14 @@ void PipeWireScreenStream::formatChanged(const spa_pod *param)
         return;
     }
     if (!m_format) {
-        Log::system(QStringLiteral("pipewire format %1x%2 layout %3 %4 -> %5x%6")
-                        .arg(format->width)
-                        .arg(format->height)
-                        .arg(int(format->layout))
-                        .arg(format->modifier ? QStringLiteral("dma-buf")
-                                              : QStringLiteral("shared memory"))
-                        .arg(m_config.width > 0 ? m_config.width : format->width)
-                        .arg(m_config.height > 0 ? m_config.height : format->height));
+        Log::system(
+            QStringLiteral("pipewire format %1x%2 layout %3 %4 -> %5x%6")
+                .arg(format->width)
+                .arg(format->height)
+                .arg(int(format->layout))
+                .arg(format->modifier ? QStringLiteral("dma-buf") : QStringLiteral("shared memory"))
+                .arg(m_config.width > 0 ? m_config.width : format->width)
+                .arg(m_config.height > 0 ? m_config.height : format->height));
     }
     m_format = format;
     m_sourceWidth = format->width;

@@ -119,9 +119,10 @@ ScreenCastPortal::Stream ScreenCastPortal::open(const QString &restoreToken,
 
     // The cursor is part of the picture, as on X11; a portal that cannot draw it in leaves it out.
     const bool embedCursor = cursorModes & cursorEmbedded;
-    QVariantMap select {{QStringLiteral("types"), monitorSource},
-                        {QStringLiteral("multiple"), false},
-                        {QStringLiteral("cursor_mode"), embedCursor ? cursorEmbedded : cursorHidden}};
+    QVariantMap select {
+        {QStringLiteral("types"), monitorSource},
+        {QStringLiteral("multiple"), false},
+        {QStringLiteral("cursor_mode"), embedCursor ? cursorEmbedded : cursorHidden}};
     // Restoring and persisting came with version 4 of the interface.
     if (version >= 4) {
         select.insert(QStringLiteral("persist_mode"), persistUntilRevoked);
@@ -135,8 +136,7 @@ ScreenCastPortal::Stream ScreenCastPortal::open(const QString &restoreToken,
 
     // Here the desktop may show its chooser: the user gets `consentTime` to answer.
     answer = DesktopPortal::request(m_bus, screenCast, QStringLiteral("Start"),
-                                    {QVariant::fromValue(sessionPath), QString()}, {},
-                                    consentTime);
+                                    {QVariant::fromValue(sessionPath), QString()}, {}, consentTime);
     check(answer, "Start");
     Stream stream = firstStream(answer.results);
     stream.cursorEmbedded = embedCursor;
@@ -146,9 +146,8 @@ ScreenCastPortal::Stream ScreenCastPortal::open(const QString &restoreToken,
                     .arg(stream.width)
                     .arg(stream.height)
                     .arg(embedCursor ? QStringLiteral("embedded") : QStringLiteral("hidden"))
-                    .arg(restoreToken.isEmpty()
-                             ? QStringLiteral("none offered")
-                             : QStringLiteral("offered")));
+                    .arg(restoreToken.isEmpty() ? QStringLiteral("none offered")
+                                                : QStringLiteral("offered")));
     return stream;
 }
 
@@ -161,19 +160,18 @@ int ScreenCastPortal::pipeWireRemote()
     }
     if (session.isEmpty())
         throw DesktopPortal::Failure("no screen cast session is open");
-    QDBusMessage call = QDBusMessage::createMethodCall(DesktopPortal::service,
-                                                       DesktopPortal::objectPath, screenCast,
-                                                       QStringLiteral("OpenPipeWireRemote"));
+    QDBusMessage call =
+        QDBusMessage::createMethodCall(DesktopPortal::service, DesktopPortal::objectPath,
+                                       screenCast, QStringLiteral("OpenPipeWireRemote"));
     call << QVariant::fromValue(QDBusObjectPath(session)) << QVariantMap();
     const QDBusMessage reply = m_bus.call(call, QDBus::Block, 10000);
     if (reply.type() != QDBusMessage::ReplyMessage || reply.arguments().isEmpty())
         throw DesktopPortal::Failure("OpenPipeWireRemote failed: " +
                                      reply.errorMessage().toStdString());
-    const auto descriptor =
-        reply.arguments().constFirst().value<QDBusUnixFileDescriptor>();
+    const auto descriptor = reply.arguments().constFirst().value<QDBusUnixFileDescriptor>();
     // The message's descriptor closes with it; PipeWire gets a copy of its own.
-    const int fd = descriptor.isValid() ? ::fcntl(descriptor.fileDescriptor(), F_DUPFD_CLOEXEC, 3)
-                                        : -1;
+    const int fd =
+        descriptor.isValid() ? ::fcntl(descriptor.fileDescriptor(), F_DUPFD_CLOEXEC, 3) : -1;
     if (fd < 0)
         throw DesktopPortal::Failure("OpenPipeWireRemote gave no descriptor");
     return fd;

@@ -40,8 +40,9 @@ ShareableContent WaylandScreenCaptureService::shareableContent()
     return {{display}};
 }
 
-std::unique_ptr<ScreenStream> WaylandScreenCaptureService::makeStream(
-    const CaptureDisplay &display, const StreamConfiguration &config)
+std::unique_ptr<ScreenStream>
+WaylandScreenCaptureService::makeStream(const CaptureDisplay &display,
+                                        const StreamConfiguration &config)
 {
     if (!m_portal)
         throw std::runtime_error("No screen was shared: list the shareable content first.");

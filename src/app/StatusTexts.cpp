@@ -1,0 +1,56 @@
+#include "app/StatusTexts.h"
+
+#include "input/ClipHotkey.h"
+#include "media/RecorderError.h"
+
+#include <QFileInfo>
+
+namespace StatusTexts {
+
+QString forError(const std::exception &error)
+{
+    const auto *recorder = dynamic_cast<const RecorderError *>(&error);
+    if (!recorder)
+        return QString::fromUtf8(error.what());
+    switch (recorder->kind()) {
+    case RecorderError::Kind::notArmed:
+        return QStringLiteral("Arm Instant Replay first, then press %1 to save a clip.")
+            .arg(ClipHotkey::displayName());
+    case RecorderError::Kind::stillStarting:
+        return QStringLiteral("Still getting started. Wait a second, then press %1.")
+            .arg(ClipHotkey::displayName());
+    default:
+        return recorder->text();
+    }
+}
+
+namespace {
+
+QString incomplete(const WrittenFile &file)
+{
+    return QStringLiteral("%1 is incomplete: %2 could not be written.")
+        .arg(QFileInfo(file.path).fileName(), file.shortfall.text());
+}
+
+} // namespace
+
+QString forSavedClip(const WrittenFile &clip)
+{
+    if (!clip.shortfall.isComplete())
+        return incomplete(clip);
+    return QStringLiteral("Saved %1.").arg(QFileInfo(clip.path).fileName());
+}
+
+QString forSession(const SessionOutcome &session)
+{
+    if (session.file) {
+        if (!session.file->shortfall.isComplete())
+            return incomplete(*session.file);
+        return QStringLiteral("Saved ") + QFileInfo(session.file->path).fileName();
+    }
+    if (!session.failure.isEmpty())
+        return QStringLiteral("The session recording could not be saved: %1").arg(session.failure);
+    return {};
+}
+
+} // namespace StatusTexts

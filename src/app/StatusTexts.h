@@ -1,0 +1,24 @@
+#pragma once
+
+#include "replay/WrittenFile.h"
+
+#include <QString>
+
+#include <exception>
+
+// The status line's sentences for what the capture pipeline reports.
+namespace StatusTexts {
+
+// What the user reads for a failed operation: a RecorderError's sentence, with the clip key's
+// name where it tells the user to press it; any other error's message.
+QString forError(const std::exception &error);
+
+// A saved clip: "Saved <name>.", or, when the writer would not take all of it, "<name> is
+// incomplete: 12 of 600 frames could not be written.".
+QString forSavedClip(const WrittenFile &clip);
+
+// A stopped recording: "Saved <name>" for a kept session file (or that it is incomplete, as for a
+// clip), why a file that was to be kept was lost, or empty when there was none to keep.
+QString forSession(const SessionOutcome &session);
+
+} // namespace StatusTexts

@@ -1,0 +1,379 @@
+#include "capture/pulse/PulseAudioCapture.h"
+
+#include "capture/QueueDelivery.h"
+#include "capture/pulse/AudioClock.h"
+#include "media/MonotonicClock.h"
+
+#include <pulse/pulseaudio.h>
+
+#include <algorithm>
+#include <array>
+#include <stdexcept>
+
+namespace {
+
+constexpr int64_t packetNanoseconds = 10'000'000;
+// The capture-time estimate jitters by a millisecond or two with thread scheduling; a drift past
+// this that lasts (AudioClock's patience) is a real gap, or the sound card's clock running apart.
+constexpr int64_t reanchorToleranceNanoseconds = 5'000'000;
+// A second of packets may wait for a busy consumer before new ones are dropped.
+constexpr int maxPacketsInFlight = 100;
+constexpr pa_usec_t startTimeoutMicroseconds = 5'000'000;
+
+struct ProplistDeleter
+{
+    void operator()(pa_proplist *list) const { pa_proplist_free(list); }
+};
+using Proplist = std::unique_ptr<pa_proplist, ProplistDeleter>;
+
+struct StreamDeleter
+{
+    void operator()(pa_stream *stream) const { pa_stream_unref(stream); }
+};
+
+} // namespace
+
+struct PulseAudioCapture::Recording
+{
+    Recording(PulseAudioCapture &owner, Source source, SerialQueue &queue, Handler handler,
+              int sampleRate)
+        : owner(owner)
+        , source(source)
+        , handler(std::move(handler))
+        , delivery(queue, maxPacketsInFlight)
+        , clock(sampleRate, reanchorToleranceNanoseconds)
+    {
+    }
+
+    PulseAudioCapture &owner;
+    const Source source;
+    const Handler handler;
+    QueueDelivery delivery;
+    std::unique_ptr<pa_stream, StreamDeleter> stream; // touched with the mainloop's lock only
+    AudioClock clock; // mainloop thread only
+    std::atomic<int64_t> packets {0};
+    std::atomic<int64_t> dropped {0};
+    std::atomic<int64_t> holes {0};
+    std::atomic<int64_t> reanchors {0};
+    std::atomic<int64_t> cutSamples {0};
+};
+
+void PulseAudioCapture::LoopDeleter::operator()(pa_threaded_mainloop *loop) const
+{
+    pa_threaded_mainloop_free(loop);
+}
+
+void PulseAudioCapture::ContextDeleter::operator()(pa_context *context) const
+{
+    pa_context_unref(context);
+}
+
+PulseAudioCapture::PulseAudioCapture(int sampleRate, int channels)
+    : m_sampleRate(sampleRate)
+    , m_channels(channels)
+    , m_format(std::make_shared<const AudioFormat>(
+          AudioFormat {sampleRate, channels, AudioFormat::SampleFormat::Float32, false}))
+{
+}
+
+PulseAudioCapture::~PulseAudioCapture()
+{
+    stop();
+}
+
+const char *PulseAudioCapture::deviceName(Source source)
+{
+    return source == Source::system ? "@DEFAULT_MONITOR@" : "@DEFAULT_SOURCE@";
+}
+
+void PulseAudioCapture::addOutput(Source source, SerialQueue &queue, Handler handler)
+{
+    m_recordings.push_back(
+        std::make_unique<Recording>(*this, source, queue, std::move(handler), m_sampleRate));
+}
+
+void PulseAudioCapture::start()
+{
+    m_loop.reset(pa_threaded_mainloop_new());
+    if (!m_loop)
+        throw std::runtime_error("Could not start the audio capture thread.");
+    pa_mainloop_api *api = pa_threaded_mainloop_get_api(m_loop.get());
+
+    Proplist properties(pa_proplist_new());
+    pa_proplist_sets(properties.get(), PA_PROP_APPLICATION_NAME, "Vantrel");
+    pa_proplist_sets(properties.get(), PA_PROP_APPLICATION_ID, "com.quillfen.vantrel");
+    m_context.reset(pa_context_new_with_proplist(api, "Vantrel", properties.get()));
+    if (!m_context)
+        throw std::runtime_error("Could not create an audio server context.");
+    pa_context_set_state_callback(m_context.get(), onContextState, this);
+    if (pa_context_connect(m_context.get(), nullptr, PA_CONTEXT_NOAUTOSPAWN, nullptr) < 0) {
+        const std::string why = pa_strerror(pa_context_errno(m_context.get()));
+        stop();
+        throw std::runtime_error(
+            "Could not connect to the audio server (PulseAudio or PipeWire): " + why + ".");
+    }
+    if (pa_threaded_mainloop_start(m_loop.get()) < 0) {
+        stop();
+        throw std::runtime_error("Could not start the audio capture thread.");
+    }
+
+    std::string failure;
+    pa_threaded_mainloop_lock(m_loop.get());
+    try {
+        startLocked();
+    } catch (const std::runtime_error &error) {
+        failure = error.what();
+    }
+    pa_threaded_mainloop_unlock(m_loop.get());
+    if (!failure.empty()) {
+        stop();
+        throw std::runtime_error(failure);
+    }
+}
+
+void PulseAudioCapture::startLocked()
+{
+    pa_context *context = m_context.get();
+    pa_mainloop_api *api = pa_threaded_mainloop_get_api(m_loop.get());
+    m_timedOut = false;
+    pa_time_event *timeout = pa_context_rttime_new(
+        context, pa_rtclock_now() + startTimeoutMicroseconds, onTimeout, this);
+    struct TimeoutOwner
+    {
+        pa_mainloop_api *api;
+        pa_time_event *event;
+        ~TimeoutOwner()
+        {
+            if (event)
+                api->time_free(event);
+        }
+    } timeoutOwner {api, timeout};
+
+    for (;;) {
+        const pa_context_state_t state = pa_context_get_state(context);
+        if (state == PA_CONTEXT_READY)
+            break;
+        if (!PA_CONTEXT_IS_GOOD(state))
+            throw std::runtime_error(
+                "Could not connect to the audio server (PulseAudio or PipeWire): " +
+                std::string(pa_strerror(pa_context_errno(context))) + ".");
+        if (m_timedOut)
+            throw std::runtime_error("The audio server did not answer within 5 seconds.");
+        pa_threaded_mainloop_wait(m_loop.get());
+    }
+
+    const pa_sample_spec sampleFormat {PA_SAMPLE_FLOAT32LE, uint32_t(m_sampleRate),
+                                       uint8_t(m_channels)};
+    pa_channel_map map;
+    pa_channel_map_init_auto(&map, sampleFormat.channels, PA_CHANNEL_MAP_DEFAULT);
+    // fragsize asks the server to hand over about 10 ms at a time; the rest is left to it.
+    pa_buffer_attr attributes;
+    attributes.maxlength = uint32_t(-1);
+    attributes.tlength = uint32_t(-1);
+    attributes.prebuf = uint32_t(-1);
+    attributes.minreq = uint32_t(-1);
+    attributes.fragsize = uint32_t(pa_usec_to_bytes(packetNanoseconds / 1000, &sampleFormat));
+    const auto flags = pa_stream_flags_t(PA_STREAM_ADJUST_LATENCY | PA_STREAM_AUTO_TIMING_UPDATE |
+                                         PA_STREAM_INTERPOLATE_TIMING);
+
+    for (const auto &recording : m_recordings) {
+        const bool system = recording->source == Source::system;
+        Proplist properties(pa_proplist_new());
+        pa_proplist_sets(properties.get(), PA_PROP_MEDIA_ROLE, "production");
+        recording->stream.reset(pa_stream_new_with_proplist(
+            context, system ? "Vantrel system audio" : "Vantrel microphone", &sampleFormat, &map,
+            properties.get()));
+        if (!recording->stream)
+            throw std::runtime_error("Could not create an audio recording: " +
+                                     std::string(pa_strerror(pa_context_errno(context))) + ".");
+        pa_stream *stream = recording->stream.get();
+        pa_stream_set_state_callback(stream, onStreamState, recording.get());
+        pa_stream_set_read_callback(stream, onRead, recording.get());
+        if (pa_stream_connect_record(stream, deviceName(recording->source), &attributes, flags) < 0)
+            throw std::runtime_error(std::string("Could not record ") +
+                                     (system ? "system audio" : "the microphone") + ": " +
+                                     pa_strerror(pa_context_errno(context)) + ".");
+    }
+
+    for (const auto &recording : m_recordings) {
+        for (;;) {
+            const pa_stream_state_t state = pa_stream_get_state(recording->stream.get());
+            if (state == PA_STREAM_READY)
+                break;
+            if (!PA_STREAM_IS_GOOD(state))
+                throw std::runtime_error(
+                    std::string("Could not record ") +
+                    (recording->source == Source::system ? "system audio" : "the microphone") +
+                    ": " + pa_strerror(pa_context_errno(context)) + ".");
+            if (m_timedOut)
+                throw std::runtime_error("The audio server did not start recording within 5 "
+                                         "seconds.");
+            pa_threaded_mainloop_wait(m_loop.get());
+        }
+    }
+    m_running = true;
+}
+
+void PulseAudioCapture::stop(bool waitForHandlers)
+{
+    if (m_loop) {
+        pa_threaded_mainloop_lock(m_loop.get());
+        m_stopping = true;
+        m_running = false;
+        for (const auto &recording : m_recordings) {
+            if (!recording->stream)
+                continue;
+            pa_stream_set_read_callback(recording->stream.get(), nullptr, nullptr);
+            pa_stream_set_state_callback(recording->stream.get(), nullptr, nullptr);
+            pa_stream_disconnect(recording->stream.get());
+        }
+        if (m_context) {
+            pa_context_set_state_callback(m_context.get(), nullptr, nullptr);
+            pa_context_disconnect(m_context.get());
+        }
+        pa_threaded_mainloop_unlock(m_loop.get());
+        // Joins libpulse's thread: from here on no callback runs.
+        pa_threaded_mainloop_stop(m_loop.get());
+        for (const auto &recording : m_recordings)
+            recording->stream.reset();
+        m_context.reset();
+        m_loop.reset();
+    }
+    for (const auto &recording : m_recordings)
+        recording->delivery.close(waitForHandlers);
+}
+
+std::optional<std::string> PulseAudioCapture::failure() const
+{
+    std::scoped_lock lock(m_failureLock);
+    return m_failure;
+}
+
+PulseAudioCapture::Stats PulseAudioCapture::stats(Source source) const
+{
+    Stats total;
+    for (const auto &recording : m_recordings) {
+        if (recording->source != source)
+            continue;
+        total.packets += recording->packets.load();
+        total.dropped += recording->dropped.load();
+        total.holes += recording->holes.load();
+        total.reanchors += recording->reanchors.load();
+        total.cutSamples += recording->cutSamples.load();
+    }
+    return total;
+}
+
+void PulseAudioCapture::setFailure(std::string why)
+{
+    std::scoped_lock lock(m_failureLock);
+    if (!m_failure)
+        m_failure = std::move(why);
+}
+
+void PulseAudioCapture::onContextState(pa_context *context, void *self)
+{
+    auto &capture = *static_cast<PulseAudioCapture *>(self);
+    if (capture.m_running && !capture.m_stopping &&
+        !PA_CONTEXT_IS_GOOD(pa_context_get_state(context)))
+        capture.setFailure("The connection to the audio server was lost.");
+    pa_threaded_mainloop_signal(capture.m_loop.get(), 0);
+}
+
+void PulseAudioCapture::onStreamState(pa_stream *stream, void *recordingPointer)
+{
+    auto &recording = *static_cast<Recording *>(recordingPointer);
+    PulseAudioCapture &capture = recording.owner;
+    if (capture.m_running && !capture.m_stopping && !PA_STREAM_IS_GOOD(pa_stream_get_state(stream)))
+        capture.setFailure(std::string("The audio server ended the ") +
+                           (recording.source == Source::system ? "system audio" : "microphone") +
+                           " recording.");
+    pa_threaded_mainloop_signal(capture.m_loop.get(), 0);
+}
+
+void PulseAudioCapture::onTimeout(pa_mainloop_api *, pa_time_event *, const struct timeval *,
+                                  void *self)
+{
+    auto &capture = *static_cast<PulseAudioCapture *>(self);
+    capture.m_timedOut = true;
+    pa_threaded_mainloop_signal(capture.m_loop.get(), 0);
+}
+
+void PulseAudioCapture::onRead(pa_stream *, size_t, void *recording)
+{
+    auto &r = *static_cast<Recording *>(recording);
+    r.owner.read(r);
+}
+
+void PulseAudioCapture::read(Recording &recording)
+{
+    pa_stream *stream = recording.stream.get();
+    const pa_sample_spec *sampleFormat = pa_stream_get_sample_spec(stream);
+    while (pa_stream_readable_size(stream) > 0) {
+        const void *data = nullptr;
+        size_t bytes = 0;
+        if (pa_stream_peek(stream, &data, &bytes) < 0) {
+            setFailure("Could not read the recorded audio: " +
+                       std::string(pa_strerror(pa_context_errno(m_context.get()))) + ".");
+            return;
+        }
+        if (bytes == 0)
+            return;
+        if (!data) {
+            // A hole: samples the server could not deliver. The timeline starts afresh after it.
+            recording.holes.fetch_add(1);
+            recording.clock.reset();
+            pa_stream_drop(stream);
+            continue;
+        }
+        // The first peeked sample is as old as everything still queued for us (this chunk
+        // included), plus the device's and the transport's latency. A monitor sees a sample
+        // before the speakers play it, by the sink's latency, and the time it is heard is what
+        // the video matches. pa_stream_get_latency() adds the same parts, but it measures the
+        // queue from interpolated stream indices, which for a null sink's monitor were off by
+        // half a second at times; the readable size is exact and local.
+        const int64_t now = monotonicNanoseconds();
+        int64_t delayMicroseconds =
+            int64_t(pa_bytes_to_usec(pa_stream_readable_size(stream), sampleFormat));
+        if (const pa_timing_info *timing = pa_stream_get_timing_info(stream))
+            delayMicroseconds += int64_t(timing->source_usec) + int64_t(timing->transport_usec) -
+                int64_t(timing->sink_usec);
+        const int64_t capturedAt = now - delayMicroseconds * 1000;
+        deliver(recording, static_cast<const uint8_t *>(data), bytes, capturedAt);
+        pa_stream_drop(stream);
+    }
+}
+
+void PulseAudioCapture::deliver(Recording &recording, const uint8_t *data, size_t bytes,
+                                int64_t capturedAt)
+{
+    const size_t frameBytes = size_t(m_channels) * 4;
+    const int64_t frames = int64_t(bytes / frameBytes);
+    const int64_t packetFrames = int64_t(m_sampleRate) * packetNanoseconds / 1'000'000'000;
+    // The server mostly hands over 10 ms at a time; larger chunks are cut into 10 ms packets, and
+    // a short rest is left on the last one rather than sent as a sliver.
+    int64_t count = 0;
+    for (int64_t offset = 0; offset < frames; offset += count) {
+        const int64_t left = frames - offset;
+        count = left <= packetFrames * 3 / 2 ? left : packetFrames;
+        const AudioClock::Stamp stamp =
+            recording.clock.stamp(capturedAt + offset * 1'000'000'000 / m_sampleRate, count);
+        recording.reanchors.store(recording.clock.reanchors());
+        recording.cutSamples.fetch_add(stamp.skip);
+        const int64_t kept = count - stamp.skip;
+        if (kept <= 0)
+            continue;
+        Bytes payload = Bytes::copy(
+            {data + size_t(offset + stamp.skip) * frameBytes, size_t(kept) * frameBytes});
+        const bool posted = recording.delivery.post([handler = recording.handler,
+                                                     payload = std::move(payload),
+                                                     time = stamp.time, kept, format = m_format,
+                                                     rate = m_sampleRate] {
+            const std::array<std::span<const uint8_t>, 1> pieces {payload.span()};
+            AudioSampleBuffer sample {
+                pieces, nanosecondTime(time), MediaTime::make(kept, rate), kept, format, payload};
+            handler(sample);
+        });
+        (posted ? recording.packets : recording.dropped).fetch_add(1);
+    }
+}

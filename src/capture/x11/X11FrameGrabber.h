@@ -1,0 +1,78 @@
+#pragma once
+
+#include "capture/ScreenStream.h"
+#include "capture/x11/PixelBufferPool.h"
+#include "capture/x11/X11Displays.h"
+
+#include <xcb/shm.h>
+#include <xcb/xfixes.h>
+
+#include <memory>
+#include <optional>
+#include <string>
+#include <utility>
+#include <vector>
+
+// The X side of capturing one monitor: its own connection, MIT-SHM grabs into pool buffers, the
+// XDamage and XFixes bookkeeping that says whether a new grab is needed at all, the cursor and
+// the scaling to the capture size. Used from one thread only (the stream's capture thread).
+class X11FrameGrabber
+{
+public:
+    // Connects and prepares grabs of `display` at `outWidth`×`outHeight`. Throws
+    // std::runtime_error with a readable sentence when the display cannot be captured.
+    X11FrameGrabber(const std::string &displayName, const CaptureDisplay &display, int outWidth,
+                    int outHeight, bool showsCursor);
+
+    // Lets the X server write into each of the pool's buffers. Throws std::runtime_error.
+    void attach(const PixelBufferPool &pool);
+
+    // Reads what the server reported since the last call. Returns why the capture must end (the
+    // connection died, the monitor went away or changed size), otherwise nothing.
+    std::optional<std::string> poll();
+
+    // Whether anything on the monitor (pixels, pointer position or shape) may have changed since
+    // the last grab. Without the Damage extension this is always true.
+    bool hasChanges() const;
+
+    // Grabs the monitor into `out` (a buffer of the capture size from the attached pool), cursor
+    // drawn in, scaled when the sizes differ. False when the server refused; poll() says why
+    // when that ends the capture.
+    bool grab(const PixelBufferPool::Buffer &out);
+
+    bool tracksDamage() const { return m_damage != 0; }
+
+private:
+    void readEvent(const xcb_generic_event_t &event);
+    std::optional<std::string> recheckMonitor();
+    bool cursorTouchesMonitor(std::pair<int, int> pointer) const;
+    void drawCursor(const PixelBufferPool::Buffer &target);
+
+    CaptureDisplay m_display; // position follows the monitor; size is fixed
+    const int m_outWidth;
+    const int m_outHeight;
+    const bool m_showsCursor;
+    X11Displays::Connection m_x;
+
+    uint8_t m_damageEventBase = 0;
+    uint8_t m_xfixesEventBase = 0;
+    uint8_t m_randrEventBase = 0;
+    bool m_hasXfixes = false;
+    bool m_hasRandr = false;
+    uint32_t m_damage = 0; // 0 without the Damage extension
+
+    std::vector<xcb_shm_seg_t> m_segments; // by pool buffer index
+    // Grabs land here first when they are scaled; null when the capture has the monitor's size.
+    std::unique_ptr<PixelBufferPool> m_staging;
+    std::shared_ptr<PixelBufferPool::Buffer> m_stagingBuffer;
+    xcb_shm_seg_t m_stagingSegment = 0;
+
+    bool m_firstGrab = true;
+    bool m_damaged = false;
+    bool m_monitorsChanged = false;
+    bool m_cursorMoved = false;
+    bool m_cursorShapeChanged = true;
+    std::optional<std::pair<int, int>> m_pointer; // root coordinates, as of the last poll
+    std::optional<std::pair<int, int>> m_pointerAtGrab;
+    Xcb::Reply<xcb_xfixes_get_cursor_image_reply_t> m_cursor;
+};

@@ -1,0 +1,245 @@
+#include "capture/x11/X11ScreenStream.h"
+
+#include "capture/QueueDelivery.h"
+#include "capture/pulse/PulseAudioCapture.h"
+#include "capture/x11/PixelBufferPool.h"
+#include "capture/x11/X11FrameGrabber.h"
+#include "core/Log.h"
+#include "media/MonotonicClock.h"
+
+#include <pthread.h>
+
+#include <chrono>
+#include <stdexcept>
+
+namespace {
+
+StreamConfiguration effective(const CaptureDisplay &display, StreamConfiguration config)
+{
+    if (config.width <= 0 || config.height <= 0) {
+        config.width = display.width;
+        config.height = display.height;
+    }
+    config.fps = config.fps > 0 ? config.fps : 60;
+    config.queueDepth = config.queueDepth > 0 ? config.queueDepth : 3;
+    return config;
+}
+
+} // namespace
+
+X11ScreenStream::X11ScreenStream(const CaptureDisplay &display, const StreamConfiguration &config,
+                                 std::string displayName)
+    : m_display(display)
+    , m_config(effective(display, config))
+    , m_displayName(std::move(displayName))
+{
+}
+
+X11ScreenStream::~X11ScreenStream()
+{
+    stopCapture();
+    if (m_thread.joinable())
+        m_thread.join();
+}
+
+void X11ScreenStream::addScreenOutput(SerialQueue &queue, FrameHandler handler)
+{
+    if (m_thread.joinable())
+        throw std::runtime_error("Outputs must be added before the capture starts.");
+    m_frameHandler = std::move(handler);
+    m_screen = std::make_unique<QueueDelivery>(queue, m_config.queueDepth);
+}
+
+void X11ScreenStream::addAudioOutput(StreamOutputType type, SerialQueue &queue,
+                                     AudioHandler handler)
+{
+    if (m_thread.joinable())
+        throw std::runtime_error("Outputs must be added before the capture starts.");
+    if (type == StreamOutputType::screen)
+        throw std::runtime_error("The screen output is added with addScreenOutput.");
+    // Like the platform stream, an output whose kind of capture is switched off stays silent.
+    const bool microphone = type == StreamOutputType::microphone;
+    if (microphone ? !m_config.captureMicrophone : !m_config.capturesAudio)
+        return;
+    if (!m_audio)
+        m_audio = std::make_unique<PulseAudioCapture>(m_config.sampleRate, m_config.channelCount);
+    m_audio->addOutput(microphone ? PulseAudioCapture::Source::microphone
+                                  : PulseAudioCapture::Source::system,
+                       queue, std::move(handler));
+}
+
+void X11ScreenStream::setStopHandler(StopHandler handler)
+{
+    m_stopHandler = std::move(handler);
+}
+
+void X11ScreenStream::startCapture(StartCompletion completion)
+{
+    if (m_thread.joinable() || m_ended.load()) {
+        completion("The capture was already started.");
+        return;
+    }
+    m_thread = std::thread([this, completion = std::move(completion)] { run(completion); });
+}
+
+void X11ScreenStream::stopCapture()
+{
+    // From here on the stream ends quietly: a failure racing with this stop is not reported.
+    m_ended.store(true);
+    {
+        std::scoped_lock lock(m_wakeLock);
+        m_stopRequested = true;
+    }
+    m_wake.notify_all();
+    // Called from the capture thread itself (a stop or start handler), the thread cannot be
+    // joined here; it leaves its loop as soon as the handler returns, and the destructor joins.
+    if (m_thread.joinable() && m_thread.get_id() != std::this_thread::get_id())
+        m_thread.join();
+    if (m_audio)
+        m_audio->stop();
+    if (m_screen)
+        m_screen->close();
+}
+
+X11ScreenStream::Stats X11ScreenStream::stats() const
+{
+    return {m_complete.load(), m_idle.load(), m_skipped.load(), m_late.load(), m_unchanged.load()};
+}
+
+void X11ScreenStream::run(StartCompletion completion)
+{
+    pthread_setname_np(pthread_self(), "vt-x11-capture");
+    std::unique_ptr<X11FrameGrabber> grabber;
+    std::unique_ptr<PixelBufferPool> pool;
+    try {
+        grabber = std::make_unique<X11FrameGrabber>(m_displayName, m_display, m_config.width,
+                                                    m_config.height, m_config.showsCursor);
+        pool =
+            std::make_unique<PixelBufferPool>(m_config.queueDepth, m_config.width, m_config.height);
+        grabber->attach(*pool);
+        if (m_audio)
+            m_audio->start();
+    } catch (const std::exception &error) {
+        if (m_audio)
+            m_audio->stop();
+        Log::system(QStringLiteral("x11 capture could not start: %1").arg(error.what()));
+        completion(std::string(error.what()));
+        return;
+    }
+    Log::system(QStringLiteral("x11 capture %1x%2+%3+%4 -> %5x%6 at %7 fps damage=%8")
+                    .arg(m_display.width)
+                    .arg(m_display.height)
+                    .arg(m_display.x)
+                    .arg(m_display.y)
+                    .arg(m_config.width)
+                    .arg(m_config.height)
+                    .arg(m_config.fps)
+                    .arg(grabber->tracksDamage() ? "true" : "false"));
+    completion(std::nullopt);
+    captureLoop(*grabber, *pool);
+    const Stats counts = stats();
+    Log::system(QStringLiteral("x11 capture frames=%1 idle=%2 skipped=%3 late=%4")
+                    .arg(counts.complete)
+                    .arg(counts.idle)
+                    .arg(counts.skipped)
+                    .arg(counts.late));
+}
+
+void X11ScreenStream::captureLoop(X11FrameGrabber &grabber, PixelBufferPool &pool)
+{
+    using namespace std::chrono;
+    const int64_t fps = m_config.fps;
+    const int64_t start = monotonicNanoseconds();
+    // Every tick's time comes from its index, never from the previous tick, so lateness in one
+    // tick does not push the following ones back.
+    const auto due = [&](int64_t index) { return start + index * 1'000'000'000 / fps; };
+    for (int64_t index = 0;; ++index) {
+        {
+            // steady_clock is CLOCK_MONOTONIC, the clock `start` was read from.
+            std::unique_lock lock(m_wakeLock);
+            m_wake.wait_until(lock, steady_clock::time_point(nanoseconds(due(index))),
+                              [this] { return m_stopRequested; });
+            if (m_stopRequested)
+                return;
+        }
+        tick(grabber, pool, due(index), monotonicNanoseconds());
+        if (m_ended.load())
+            return;
+        // Ticks whose whole slot has passed are skipped; the one whose slot we are in runs now.
+        const int64_t current = (monotonicNanoseconds() - start) * fps / 1'000'000'000;
+        if (current > index + 1) {
+            m_late.fetch_add(current - index - 1);
+            index = current - 1;
+        }
+    }
+}
+
+void X11ScreenStream::tick(X11FrameGrabber &grabber, PixelBufferPool &pool, int64_t slot,
+                           int64_t now)
+{
+    if (std::optional<std::string> why = grabber.poll())
+        return end(*why);
+    if (m_audio) {
+        if (std::optional<std::string> why = m_audio->failure())
+            return end(*why);
+    }
+    if (!m_screen)
+        return;
+
+    const MediaTime duration = MediaTime::make(1, m_config.fps);
+    if (!grabber.hasChanges()) {
+        m_unchanged.fetch_add(1);
+        // A still screen is told once it has been still for a second, and then once a second:
+        // handing the consumer an empty frame every tick (or at every missed draw of a
+        // stuttering program) would wake its thread for nothing.
+        if (m_lastIdlePost >= 0 && now - m_lastIdlePost < 1'000'000'000)
+            return;
+        m_lastIdlePost = now;
+        const VideoFrame frame {nullptr,
+                                nullptr,
+                                0,
+                                m_config.width,
+                                m_config.height,
+                                nanosecondTime(slot),
+                                duration,
+                                VideoFrame::Status::idle};
+        const bool posted = m_screen->post([handler = m_frameHandler, frame] { handler(frame); });
+        (posted ? m_idle : m_skipped).fetch_add(1);
+        return;
+    }
+    // Without a free buffer, or with the consumer behind, the frame is skipped before the grab
+    // costs anything; the damage stays pending, so the next tick grabs.
+    std::shared_ptr<PixelBufferPool::Buffer> buffer = pool.acquire();
+    if (!buffer || m_screen->inFlight() >= m_config.queueDepth) {
+        m_skipped.fetch_add(1);
+        return;
+    }
+    // Stamped with its slot rather than the moment of the grab: a late tick and the one after it
+    // then stay a whole frame apart, as players and muxers expect of a 60 fps stream, and the
+    // picture is off by less than one frame.
+    if (!grabber.grab(*buffer)) {
+        m_skipped.fetch_add(1);
+        return;
+    }
+    const VideoFrame frame {
+        buffer,           buffer->data(),       buffer->stride(), buffer->width(),
+        buffer->height(), nanosecondTime(slot), duration,         VideoFrame::Status::complete};
+    const bool posted = m_screen->post([handler = m_frameHandler, frame] { handler(frame); });
+    (posted ? m_complete : m_skipped).fetch_add(1);
+    m_lastIdlePost = now;
+}
+
+void X11ScreenStream::end(const std::string &why)
+{
+    if (m_ended.exchange(true))
+        return;
+    Log::system(QStringLiteral("x11 capture ended: %1").arg(QString::fromStdString(why)));
+    // Stop delivering before the handler hears of it, so nothing new arrives after the news.
+    // Without waiting for a running handler: it might be in stopCapture(), joining this thread.
+    if (m_audio)
+        m_audio->stop(false);
+    if (m_screen)
+        m_screen->close(false);
+    if (m_stopHandler)
+        m_stopHandler(why);
+}

@@ -1,0 +1,128 @@
+#include "replay/ClipExport.h"
+
+#include "core/Log.h"
+#include "core/Paths.h"
+#include "core/SerialQueue.h"
+#include "media/RecorderError.h"
+#include "replay/ClipExportJob.h"
+
+#include <QDateTime>
+#include <QDir>
+#include <QFile>
+#include <QPromise>
+#include <QUuid>
+
+namespace ClipExport {
+
+namespace {
+
+QString newUuidText()
+{
+    return QUuid::createUuid().toString(QUuid::WithoutBraces).toUpper();
+}
+
+QString newTemporaryPath()
+{
+    return QDir(QDir::tempPath()).filePath(QStringLiteral("vantrel-%1.mp4").arg(newUuidText()));
+}
+
+template<typename List>
+std::vector<ReplayBuffer::AudioPacket> shiftedAudio(const List &packets, MediaTime base)
+{
+    std::vector<ReplayBuffer::AudioPacket> shifted;
+    shifted.reserve(packets.size());
+    for (const ReplayBuffer::AudioPacket &packet : packets) {
+        const MediaTime offset = packet.pts - base;
+        // What the buffer keeps before its first frame belongs to a clip that starts at a later
+        // key frame too, no more and no less.
+        if (!offset.isValid() || offset < MediaTime::zero() - ReplayBuffer::audioLead)
+            continue;
+        ReplayBuffer::AudioPacket copy = packet;
+        copy.pts = max(MediaTime::zero(), offset);
+        shifted.push_back(std::move(copy));
+    }
+    return shifted;
+}
+
+// Where the last packet of `packets` (kept in arrival order) ends; invalid when there is none.
+template<typename List> MediaTime endOf(const List &packets)
+{
+    return packets.empty() ? MediaTime::invalid() : packets.back().pts + packets.back().duration;
+}
+
+QFuture<WrittenFile> failedFuture(const RecorderError &error)
+{
+    QPromise<WrittenFile> promise;
+    QFuture<WrittenFile> future = promise.future();
+    promise.start();
+    promise.setException(error);
+    promise.finish();
+    return future;
+}
+
+} // namespace
+
+SerialQueue &exportQueue()
+{
+    // Never torn down: an export still running when the process exits must not hold it up.
+    static SerialQueue *queue = new SerialQueue("com.quillfen.vantrel.export", "vt-export");
+    return *queue;
+}
+
+QString newClipPath()
+{
+    const QString stamp =
+        QDateTime::currentDateTime().toString(QStringLiteral("yyyy-MM-dd HH-mm-ss"));
+    return QDir(Paths::recordings())
+        .filePath(QStringLiteral("Clip %1 %2.mp4").arg(stamp, newUuidText().left(6)));
+}
+
+QFuture<WrittenFile> exportClip(const ReplayBuffer::Snapshot &snapshot, Options options)
+{
+    const auto &video = snapshot.video;
+    size_t first = 0;
+    while (first < video.size() && !video[first].isKey)
+        ++first;
+    const size_t frameCount = video.size() - first;
+    int64_t keys = 0;
+    for (size_t i = first; i < video.size(); ++i)
+        keys += video[i].isKey ? 1 : 0;
+    Log::system(QStringLiteral("export video=%1 audio=%2 in=%3 encoded=%4 keys=%5")
+                    .arg(frameCount)
+                    .arg(snapshot.audio.size())
+                    .arg(options.framesIn)
+                    .arg(options.framesEncoded)
+                    .arg(keys));
+    if (frameCount == 0 || !snapshot.videoFormat)
+        return failedFuture(RecorderError::stillStarting());
+
+    ClipExportJob::Plan plan;
+    const MediaTime base = video[first].pts;
+    plan.frames.reserve(frameCount);
+    for (size_t i = first; i < video.size(); ++i) {
+        ReplayBuffer::EncodedFrame frame = video[i];
+        frame.pts = max(MediaTime::zero(), frame.pts - base);
+        plan.frames.push_back(std::move(frame));
+    }
+    plan.videoFormat = snapshot.videoFormat;
+    plan.audio = shiftedAudio(snapshot.audio, base);
+    plan.audioFormat = snapshot.audioFormat;
+    plan.mic = shiftedAudio(snapshot.mic, base);
+    plan.micFormat = snapshot.micFormat;
+    plan.sourceBase = base;
+    plan.audioHistory = {std::move(options.audioHistory), endOf(snapshot.audio)};
+    plan.micHistory = {std::move(options.micHistory), endOf(snapshot.mic)};
+    plan.finalPath = newClipPath();
+    plan.tempPath = newTemporaryPath();
+    plan.timeLimit = options.timeLimit;
+    plan.onWriterDone = std::move(options.onWriterDone);
+    QFile::remove(plan.tempPath);
+
+    QPromise<WrittenFile> promise;
+    QFuture<WrittenFile> future = promise.future();
+    promise.start();
+    ClipExportJob::start(std::move(plan), std::move(promise), exportQueue());
+    return future;
+}
+
+} // namespace ClipExport

@@ -1,0 +1,300 @@
+#include "replay/VideoEncoder.h"
+
+#include "core/ClipSettings.h"
+#include "core/Log.h"
+#include "core/SerialQueue.h"
+#include "media/H264Bitstream.h"
+#include "media/RecorderError.h"
+#include "replay/FrameConverter.h"
+
+#include <QString>
+#include <QStringList>
+
+extern "C" {
+#include <libavutil/hwcontext.h>
+#include <libavutil/imgutils.h>
+}
+
+#include <cstdlib>
+#include <limits>
+
+namespace {
+
+constexpr int32_t nanosecond = 1'000'000'000;
+// Key frames come at least this often in capture time, however irregularly frames arrive.
+constexpr MediaTime keyFrameInterval = MediaTime::make(2, 1);
+// An encoder that swallows frames without ever returning them must not make this list grow
+// without end.
+constexpr size_t maxTimings = 256;
+
+MediaTime oneFrame()
+{
+    return MediaTime::make(1, ClipSettings::fps);
+}
+
+[[noreturn]] void failToStart(int status, const QString &why)
+{
+    throw RecorderError::writerFailed(
+        QStringLiteral("Could not start the video encoder (%1): %2.").arg(status).arg(why));
+}
+
+} // namespace
+
+VideoEncoder::VideoEncoder(int64_t width, int64_t height, Output output)
+    : m_output(std::move(output))
+{
+    open(width, height);
+    m_packet.reset(av_packet_alloc());
+    if (!m_packet)
+        failToStart(AVERROR(ENOMEM), FFmpeg::errorText(AVERROR(ENOMEM)));
+    m_queue = std::make_unique<SerialQueue>("com.quillfen.vantrel.encoder", "vt-encoder");
+}
+
+VideoEncoder::~VideoEncoder()
+{
+    m_stopping = true;
+    // Runs the waiting jobs (which now do nothing) and joins the thread.
+    m_queue.reset();
+}
+
+void VideoEncoder::open(int64_t width, int64_t height)
+{
+    constexpr int64_t maxSide = std::numeric_limits<int32_t>::max();
+    if (width < 1 || height < 1 || width > maxSide || height > maxSide ||
+        av_image_check_size(unsigned(width), unsigned(height), 0, nullptr) < 0)
+        failToStart(AVERROR(EINVAL),
+                    QStringLiteral("no encoder takes %1x%2 pixels").arg(width).arg(height));
+    m_width = int(width);
+    m_height = int(height);
+
+    const char *forcedName = std::getenv("VANTREL_ENCODER");
+    const std::string forced = forcedName ? forcedName : "";
+    QStringList passedOver;
+    int status = AVERROR_ENCODER_NOT_FOUND;
+    VideoEncoderBackends::Opened opened;
+    for (const auto &family : VideoEncoderBackends::families()) {
+        if (!forced.empty() && forced != family.name)
+            continue;
+        std::string reason;
+        status = VideoEncoderBackends::open(family, m_width, m_height, opened, reason);
+        if (status == 0) {
+            m_name = family.name;
+            break;
+        }
+        passedOver << QStringLiteral("%1: %2").arg(family.name, QString::fromStdString(reason));
+    }
+    if (m_name.empty()) {
+        if (!forced.empty() && passedOver.isEmpty())
+            passedOver << QStringLiteral("%1: no such encoder").arg(QString::fromStdString(forced));
+        failToStart(status, passedOver.join(QStringLiteral("; ")));
+    }
+    QString why =
+        forced.empty() ? passedOver.join(QStringLiteral("; ")) : QStringLiteral("VANTREL_ENCODER");
+    m_choice = QStringLiteral("%1 at %2x%3%4")
+                   .arg(QString::fromStdString(m_name))
+                   .arg(m_width)
+                   .arg(m_height)
+                   .arg(why.isEmpty() ? QString() : QStringLiteral(" (") + why + ')');
+
+    m_context = std::move(opened.context);
+    m_hwFrames = std::move(opened.hwFrames);
+    m_inputFormat = opened.inputFormat;
+    const std::span<const uint8_t> extradata(m_context->extradata,
+                                             size_t(std::max(0, m_context->extradata_size)));
+    // An avcC record as extradata means the packets are length-prefixed already; otherwise they
+    // are Annex B, and without usable extradata the SPS/PPS are taken from the first key frame
+    // that carries them. (Sniffing each packet instead would misread a length-prefixed unit of
+    // 256 to 511 bytes as a start code.)
+    m_annexB = extradata.empty() || extradata[0] != 1;
+    if (m_annexB)
+        adoptFormat(H264Bitstream::annexBUnits(extradata));
+    else
+        m_format = std::make_shared<const VideoFormat>(
+            VideoFormat {m_width, m_height, {extradata.begin(), extradata.end()}});
+}
+
+void VideoEncoder::encode(const VideoFrame &frame)
+{
+    // An idle frame repeats the picture before it: there is nothing new to encode.
+    if (!frame.pixels || frame.status != VideoFrame::Status::complete)
+        return;
+    const int64_t ordinal = ++m_handedOver;
+    if (frame.width != m_width || frame.height != m_height || frame.stride < m_width * 4 ||
+        !frame.pts.isValid()) {
+        reportSubmission(AVERROR(EINVAL), ordinal);
+        return;
+    }
+    // Only this thread adds to m_waiting, so the check cannot go stale upwards.
+    if (m_waiting.load() >= maxWaiting) {
+        reportSubmission(AVERROR(EAGAIN), ordinal);
+        return;
+    }
+    FramePtr picture = takePicture();
+    if (!picture || !FrameConverter::convert(frame, *picture)) {
+        reportSubmission(picture ? AVERROR(EINVAL) : AVERROR(ENOMEM), ordinal);
+        return;
+    }
+    const MediaTime duration =
+        frame.duration.isValid() && !frame.duration.isZero() ? frame.duration : oneFrame();
+    auto job = std::make_shared<Job>(Job {std::move(picture), frame.pts, duration, ordinal});
+    ++m_waiting;
+    m_queue->async([this, job] {
+        if (m_stopping)
+            release(std::move(job->picture));
+        else
+            encodeOnQueue(*job);
+    });
+}
+
+VideoEncoder::FramePtr VideoEncoder::takePicture()
+{
+    FramePtr picture;
+    {
+        std::scoped_lock lock(m_poolLock);
+        if (!m_pool.empty()) {
+            picture = std::move(m_pool.back());
+            m_pool.pop_back();
+        }
+    }
+    // The encoder may still hold a reference to a returned buffer (hardware encoders read
+    // them later); such a one is let go, and freed when the encoder is done with it.
+    if (picture && av_frame_is_writable(picture.get()))
+        return picture;
+    picture.reset(av_frame_alloc());
+    if (!picture)
+        return nullptr;
+    picture->format = m_inputFormat;
+    picture->width = m_width;
+    picture->height = m_height;
+    if (av_frame_get_buffer(picture.get(), 0) < 0)
+        return nullptr;
+    return picture;
+}
+
+void VideoEncoder::release(FramePtr picture)
+{
+    {
+        std::scoped_lock lock(m_poolLock);
+        if (m_pool.size() <= size_t(maxWaiting))
+            m_pool.push_back(std::move(picture));
+    }
+    // The slot frees as soon as the encoder has taken the picture, before its packet is
+    // stored: storing (and what the buffer's callback does) is no reason to turn frames away.
+    --m_waiting;
+}
+
+void VideoEncoder::reportSubmission(int status, int64_t ordinal)
+{
+    // A broken encoder fails every frame; a line for each at 60 a second would bury the log.
+    if (status != 0 && ordinal < 6)
+        Log::system(QStringLiteral("encode status %1").arg(status));
+}
+
+void VideoEncoder::encodeOnQueue(Job &job)
+{
+    // Nanoseconds, strictly increasing: the encoder needs distinct, ordered times, and finds a
+    // frame's exact capture times again by this one.
+    const MediaTime inNanoseconds = job.pts.converted(nanosecond);
+    int64_t encoderPts = inNanoseconds.isValid() ? inNanoseconds.value : m_lastEncoderPts + 1;
+    if (m_anySubmitted && encoderPts <= m_lastEncoderPts)
+        encoderPts = m_lastEncoderPts + 1;
+
+    // Frames may come further apart than 1/60 s (a still screen sends fewer), so the frame
+    // count alone would let key frames drift further apart than two seconds.
+    const bool forceKey = !m_lastKeyPts.isValid() || job.pts - m_lastKeyPts >= keyFrameInterval;
+
+    AVFrame *toSend = job.picture.get();
+    FramePtr uploaded;
+    if (m_hwFrames) {
+        uploaded.reset(av_frame_alloc());
+        int status =
+            uploaded ? av_hwframe_get_buffer(m_hwFrames.get(), uploaded.get(), 0) : AVERROR(ENOMEM);
+        if (status == 0)
+            status = av_hwframe_transfer_data(uploaded.get(), job.picture.get(), 0);
+        if (status < 0) {
+            release(std::move(job.picture));
+            reportSubmission(status, job.ordinal);
+            return;
+        }
+        toSend = uploaded.get();
+    }
+    toSend->pts = encoderPts;
+    toSend->pict_type = forceKey ? AV_PICTURE_TYPE_I : AV_PICTURE_TYPE_NONE;
+    const int status = avcodec_send_frame(m_context.get(), toSend);
+    uploaded.reset();
+    release(std::move(job.picture));
+    if (status < 0) {
+        reportSubmission(status, job.ordinal);
+        return;
+    }
+    m_lastEncoderPts = encoderPts;
+    m_anySubmitted = true;
+    if (forceKey)
+        m_lastKeyPts = job.pts;
+    m_timings.push_back({encoderPts, job.pts, job.duration});
+    if (m_timings.size() > maxTimings)
+        m_timings.pop_front();
+    receivePackets();
+}
+
+void VideoEncoder::receivePackets()
+{
+    for (;;) {
+        // An error here (as opposed to "nothing yet") loses the frame, silently: the buffer
+        // simply lacks it, as with any frame the encoder drops.
+        if (avcodec_receive_packet(m_context.get(), m_packet.get()) < 0)
+            return;
+        deliver(*m_packet);
+        av_packet_unref(m_packet.get());
+    }
+}
+
+bool VideoEncoder::takeTiming(int64_t encoderPts, Timing &timing)
+{
+    // Output comes in submission order (nothing is reordered), so anything older than this
+    // packet was dropped inside the encoder.
+    while (!m_timings.empty() && m_timings.front().encoderPts < encoderPts)
+        m_timings.pop_front();
+    if (!m_timings.empty() && m_timings.front().encoderPts == encoderPts) {
+        timing = m_timings.front();
+        m_timings.pop_front();
+        return true;
+    }
+    if (encoderPts == AV_NOPTS_VALUE)
+        return false;
+    timing = {encoderPts, MediaTime::make(encoderPts, nanosecond), oneFrame()};
+    return true;
+}
+
+void VideoEncoder::deliver(const AVPacket &packet)
+{
+    const std::span<const uint8_t> data(packet.data, size_t(std::max(0, packet.size)));
+    Timing timing;
+    if (data.empty() || !takeTiming(packet.pts, timing))
+        return;
+    const bool isKey = packet.flags & AV_PKT_FLAG_KEY;
+    Bytes payload;
+    if (m_annexB) {
+        const auto units = H264Bitstream::annexBUnits(data);
+        if (isKey && !m_format)
+            adoptFormat(units);
+        payload = H264Bitstream::lengthPrefixed(units);
+    } else {
+        payload = Bytes::copy(data);
+    }
+    if (payload.empty())
+        return;
+    // The encoder places key frames of its own too (every 120 frames); the two-second rule
+    // counts from whichever came last.
+    if (isKey && (!m_lastKeyPts.isValid() || m_lastKeyPts < timing.pts))
+        m_lastKeyPts = timing.pts;
+    m_output({std::move(payload), timing.pts, timing.duration, isKey}, isKey ? m_format : nullptr);
+}
+
+void VideoEncoder::adoptFormat(const std::vector<std::span<const uint8_t>> &units)
+{
+    std::vector<uint8_t> avcC = H264Bitstream::avcC(units);
+    if (!avcC.empty())
+        m_format =
+            std::make_shared<const VideoFormat>(VideoFormat {m_width, m_height, std::move(avcC)});
+}

@@ -1,0 +1,39 @@
+#pragma once
+
+#include "media/FFmpegHandles.h"
+
+#include <memory>
+#include <span>
+#include <string>
+
+// The H.264 encoder families the video encoder can run on, one opener each.
+namespace VideoEncoderBackends {
+
+// An encoder that accepted the fixed settings at the requested size.
+struct Opened
+{
+    FFmpeg::CodecContextPtr context;
+    // Set when the encoder takes device frames: each converted frame is uploaded into one of
+    // these first.
+    FFmpeg::BufferPtr hwFrames;
+    // What the captured BGRA frames are converted to before they reach the encoder (or the
+    // upload).
+    AVPixelFormat inputFormat = AV_PIX_FMT_NONE;
+};
+
+struct Family
+{
+    const char *name; // the libavcodec encoder's name, as VANTREL_ENCODER gives it
+    // Returns 0 and fills `opened`, or a negative libav status and why, in a few words.
+    int (*open)(int width, int height, Opened &opened, std::string &reason);
+};
+
+// In the order they are tried: the hardware encoders first, the software one last.
+std::span<const Family> families();
+
+// Runs the family's opener. The libav error lines logged meanwhile on this thread (often the
+// only place the real cause appears, like "Cannot load libcuda.so.1") go into `reason` instead
+// of standard error.
+int open(const Family &family, int width, int height, Opened &opened, std::string &reason);
+
+} // namespace VideoEncoderBackends

@@ -1,0 +1,105 @@
+#include "core/ClipSettings.h"
+#include "core/Log.h"
+#include "core/Paths.h"
+#include "core/Preferences.h"
+
+#include "support/TestEnvironment.h"
+
+#include <QDir>
+#include <QFile>
+#include <QFileInfo>
+
+using Settings = TempHomeTest;
+
+TEST_F(Settings, DefaultsAndRoundTripsThroughTheStoreFile)
+{
+    EXPECT_EQ(ClipSettings::maxDuration(), 30.0);
+    EXPECT_FALSE(ClipSettings::captureMic());
+    EXPECT_EQ(ClipSettings::mode(), RecordMode::clip);
+    EXPECT_TRUE(ClipSettings::armOnLaunch());
+    EXPECT_FALSE(ClipSettings::keepRunning());
+
+    for (double length : ClipSettings::lengthOptions) {
+        ClipSettings::setMaxDuration(length);
+        EXPECT_EQ(ClipSettings::maxDuration(), length);
+    }
+    ClipSettings::setCaptureMic(true);
+    ClipSettings::setMode(RecordMode::session);
+    ClipSettings::setArmOnLaunch(false);
+    ClipSettings::setKeepRunning(true);
+    EXPECT_TRUE(ClipSettings::captureMic());
+    EXPECT_EQ(ClipSettings::mode(), RecordMode::session);
+    EXPECT_FALSE(ClipSettings::armOnLaunch());
+    EXPECT_TRUE(ClipSettings::keepRunning());
+
+    // The values live in the user's config folder, under the names other tools may read.
+    const QString file = configHome() + QStringLiteral("/quillfen/Vantrel.conf");
+    EXPECT_EQ(Preferences::open()->fileName(), file);
+    const QString text = readTextFile(file);
+    EXPECT_TRUE(text.contains(QStringLiteral("clipLengthSeconds=120"))) << text.toStdString();
+    EXPECT_TRUE(text.contains(QStringLiteral("recordMode=session")));
+    EXPECT_TRUE(text.contains(QStringLiteral("armOnLaunch=false")));
+}
+
+TEST_F(Settings, UnusableStoredValuesReadAsTheirDefaults)
+{
+    for (double stored : {45.0, 0.0, 30.0000001, -15.0, 119.99999}) {
+        ClipSettings::setMaxDuration(stored);
+        EXPECT_EQ(ClipSettings::maxDuration(), 30.0) << stored;
+    }
+    const auto store = Preferences::open();
+    store->setValue(QStringLiteral("clipLengthSeconds"), QStringLiteral("sixty"));
+    store->setValue(QStringLiteral("recordMode"), QStringLiteral("Session"));
+    store->sync();
+    EXPECT_EQ(ClipSettings::maxDuration(), 30.0);
+    EXPECT_EQ(ClipSettings::mode(), RecordMode::clip);
+    store->setValue(QStringLiteral("recordMode"), QStringLiteral("session "));
+    store->sync();
+    EXPECT_EQ(ClipSettings::mode(), RecordMode::clip);
+
+    EXPECT_FALSE(RecordMode::fromText(QStringLiteral("CLIP")).has_value());
+    EXPECT_EQ(RecordMode::fromText(QStringLiteral("session")), RecordMode::session);
+    EXPECT_EQ(RecordMode(RecordMode::clip).text(), QStringLiteral("clip"));
+
+    // A store edited by hand while the program runs is seen at the next read.
+    QFile file(store->fileName());
+    ASSERT_TRUE(file.open(QIODevice::WriteOnly | QIODevice::Truncate));
+    file.write("[General]\nclipLengthSeconds=60\narmOnLaunch=false\n");
+    file.close();
+    EXPECT_EQ(ClipSettings::maxDuration(), 60.0);
+    EXPECT_FALSE(ClipSettings::armOnLaunch());
+}
+
+TEST_F(Settings, RecordingsFolderAndLogFileLiveInTheUsersFolders)
+{
+    const QString recordings = Paths::recordings();
+    EXPECT_EQ(recordings, home() + QStringLiteral("/Videos/Vantrel"));
+    EXPECT_TRUE(QFileInfo(recordings).isDir());
+    // Removed by the user: back at the next ask.
+    ASSERT_TRUE(QDir(recordings).removeRecursively());
+    EXPECT_TRUE(QFileInfo(Paths::recordings()).isDir());
+
+    const QString log = Paths::logFile();
+    EXPECT_EQ(log, stateHome() + QStringLiteral("/Vantrel/Vantrel.log"));
+    EXPECT_FALSE(QFileInfo::exists(log));
+    Log::appendLine(Paths::logFile(), QStringLiteral("first"));
+    Log::appendLine(Paths::logFile(), QStringLiteral("second"));
+    const QStringList lines = readTextFile(log).split(QLatin1Char('\n'));
+    ASSERT_EQ(lines.size(), 3);
+    EXPECT_TRUE(lines[0].endsWith(QStringLiteral(" +0000 first")));
+    EXPECT_TRUE(lines[1].endsWith(QStringLiteral(" +0000 second")));
+}
+
+TEST_F(Settings, FoldersThatCannotBeMadeAreSurvived)
+{
+    // A plain file where the videos folder and the state folder should be.
+    for (const char *name : {"/Videos", "/.local/state"}) {
+        ASSERT_TRUE(QDir().mkpath(QFileInfo(home() + QLatin1String(name)).path()));
+        QFile blocker(home() + QLatin1String(name));
+        ASSERT_TRUE(blocker.open(QIODevice::WriteOnly));
+    }
+    EXPECT_EQ(Paths::recordings(), home() + QStringLiteral("/Videos/Vantrel"));
+    EXPECT_FALSE(QFileInfo(Paths::recordings()).isDir());
+    Log::appendLine(Paths::logFile(), QStringLiteral("goes nowhere"));
+    EXPECT_FALSE(QFileInfo::exists(Paths::logFile()));
+}

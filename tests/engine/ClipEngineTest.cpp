@@ -1,0 +1,344 @@
+#include "engine/ClipEngine.h"
+
+#include "core/ClipSettings.h"
+#include "core/Paths.h"
+#include "media/RecorderError.h"
+
+#include "support/ChildProcess.h"
+#include "support/MediaProbe.h"
+#include "support/PrivateServers.h"
+#include "support/TestEnvironment.h"
+
+#include <QDeadlineTimer>
+#include <QDir>
+#include <QFile>
+#include <QFileInfo>
+#include <QJsonArray>
+#include <QJsonObject>
+#include <QProcess>
+#include <QRegularExpression>
+#include <QTemporaryDir>
+#include <QThread>
+
+#include <chrono>
+#include <cmath>
+#include <complex>
+#include <csignal>
+#include <cstdlib>
+#include <future>
+#include <numbers>
+
+namespace {
+
+// What ffmpeg says decoding the whole file. The frames carry their capture times, so they are
+// passed through at those times rather than forced onto a constant rate.
+QString decodeErrors(const QString &path)
+{
+    QProcess ffmpeg;
+    ffmpeg.setProcessChannelMode(QProcess::MergedChannels);
+    ffmpeg.start(QStringLiteral("ffmpeg"),
+                 {QStringLiteral("-v"), QStringLiteral("error"), QStringLiteral("-i"), path,
+                  QStringLiteral("-fps_mode"), QStringLiteral("passthrough"),
+                  QStringLiteral("-enc_time_base"), QStringLiteral("-1"), QStringLiteral("-f"),
+                  QStringLiteral("null"), QStringLiteral("-")});
+    if (!ffmpeg.waitForFinished(120000))
+        return QStringLiteral("ffmpeg did not finish");
+    return QString::fromUtf8(ffmpeg.readAll()).trimmed();
+}
+
+double rms(const std::vector<float> &samples)
+{
+    double sum = 0;
+    for (float s : samples)
+        sum += double(s) * s;
+    return samples.empty() ? 0 : std::sqrt(sum / double(samples.size()));
+}
+
+// The share of the signal's power at `hertz`: 1 for a pure tone, near 0 for noise or silence.
+double toneShare(const std::vector<float> &samples, double hertz, int rate = 48000)
+{
+    const double total = rms(samples);
+    if (total <= 0)
+        return 0;
+    std::complex<double> sum;
+    const double step = 2 * std::numbers::pi * hertz / rate;
+    for (size_t n = 0; n < samples.size(); ++n)
+        sum += double(samples[n]) * std::polar(1.0, -step * double(n));
+    // A sine of amplitude A sums to A·N/2 here and has an RMS of A/√2.
+    const double amplitude = 2 * std::abs(sum) / double(samples.size());
+    const double share = amplitude / std::numbers::sqrt2 / total;
+    return share * share;
+}
+
+double durationSeconds(const QJsonObject &info)
+{
+    return probe::number(
+        info.value(QStringLiteral("format")).toObject().value(QStringLiteral("duration")));
+}
+
+// Polls `condition` until it holds or `ms` pass.
+template<typename Condition> bool waitUntil(Condition condition, int ms)
+{
+    const QDeadlineTimer deadline(ms);
+    while (!condition()) {
+        if (deadline.hasExpired())
+            return false;
+        QThread::msleep(50);
+    }
+    return true;
+}
+
+using namespace std::chrono_literals;
+
+// The moving pattern on `display` (DISPLAY when empty); ready once it has drawn a frame.
+std::unique_ptr<ChildProcess> startMotion(const std::string &display = {})
+{
+    ChildProcess::Environment env;
+    if (!display.empty())
+        env.push_back({"DISPLAY", display});
+    auto motion = std::make_unique<ChildProcess>(
+        std::vector<std::string> {VANTREL_BIN_DIR "/vantrel_motion"}, env);
+    if (motion->readLine(10s) != "ready")
+        return nullptr;
+    return motion;
+}
+
+class ClipEngineTest : public TempHomeTest
+{
+protected:
+    void SetUp() override
+    {
+        TempHomeTest::SetUp();
+        unsetenv("WAYLAND_DISPLAY");
+        unsetenv("XDG_SESSION_TYPE");
+    }
+
+    QStringList recordings() const
+    {
+        return QDir(Paths::recordings()).entryList(QDir::Files, QDir::Name);
+    }
+    QStringList leftovers() const
+    {
+        return QDir(tempFolder()).entryList({QStringLiteral("vantrel-*.mp4")}, QDir::Files);
+    }
+    QString logText() const { return readTextFile(Paths::logFile()); }
+
+    // A 1 kHz tone played into the default sink, whose monitor is the system audio.
+    std::unique_ptr<ChildProcess> playTone()
+    {
+        const std::string wav = (tempFolder() + QStringLiteral("/tone.wav")).toStdString();
+        if (ChildProcess::run({"ffmpeg", "-v", "error", "-f", "lavfi", "-i",
+                               "sine=f=1000:r=48000:d=90", "-ac", "2", "-y", wav}) != 0)
+            return nullptr;
+        return std::make_unique<ChildProcess>(std::vector<std::string> {"paplay", wav});
+    }
+};
+
+RecorderError::Kind failureKind(QFuture<void> future)
+{
+    try {
+        future.waitForFinished();
+    } catch (const RecorderError &e) {
+        return e.kind();
+    }
+    ADD_FAILURE() << "no RecorderError";
+    return RecorderError::Kind::writerFailed;
+}
+
+} // namespace
+
+// The whole road on the shared servers: arm with a moving screen and a tone playing, save the
+// last 15 seconds, stop twice at once.
+TEST_F(ClipEngineTest, SavesTheLastSecondsAndKeepsTheSessionOnStop)
+{
+    ClipSettings::setMaxDuration(15);
+    auto motion = startMotion();
+    ASSERT_TRUE(motion);
+    auto tone = playTone();
+    ASSERT_TRUE(tone && tone->running());
+
+    QString clip;
+    std::optional<QString> session;
+    {
+        ClipEngine engine;
+        engine.start().waitForFinished();
+        ASSERT_TRUE(engine.isArmed());
+        engine.start().waitForFinished(); // already armed: nothing happens
+        EXPECT_EQ(logText().count(QStringLiteral("start() preflight=true mode=clip mic=false")), 1);
+
+        // The clip is saved in the steady state: well after arming, so that its window starts
+        // after the tone and the moving pattern are under way.
+        const auto armed = std::chrono::steady_clock::now();
+        ASSERT_TRUE(waitUntil(
+            [&] {
+                return engine.bufferedDuration() >= 15.5 &&
+                    std::chrono::steady_clock::now() - armed > 21s;
+            },
+            60000))
+            << engine.bufferedDuration();
+        const WrittenFile saved = engine.saveClip().result();
+        EXPECT_TRUE(saved.shortfall.isComplete()) << saved.shortfall.text().toStdString();
+        clip = saved.path;
+
+        // Two stops at once share one teardown and its answer; the second one's "don't keep"
+        // has no effect.
+        auto first = engine.stop(true);
+        auto second = engine.stop(false);
+        const SessionOutcome outcome = first.result();
+        EXPECT_EQ(second.result(), outcome);
+        EXPECT_EQ(outcome.failure, QString());
+        if (outcome.file) {
+            EXPECT_TRUE(outcome.file->shortfall.isComplete())
+                << outcome.file->shortfall.text().toStdString();
+            session = outcome.file->path;
+        }
+        EXPECT_FALSE(engine.isArmed());
+
+        try {
+            engine.saveClip().waitForFinished();
+            ADD_FAILURE() << "saved while disarmed";
+        } catch (const RecorderError &e) {
+            EXPECT_EQ(e.kind(), RecorderError::Kind::notArmed);
+        }
+    }
+    for (const char *line :
+         {"shareable displays=1", "capture 1920x1080", "startCapture ok", "saveClip buffer="})
+        EXPECT_TRUE(logText().contains(QLatin1String(line))) << line;
+    EXPECT_EQ(recordings().size(), 2);
+    EXPECT_TRUE(leftovers().isEmpty()) << qPrintable(leftovers().join(u' '));
+
+    // The files are read back once the engine and its threads are gone (the probes run
+    // programs through QProcess, whose fork ThreadSanitizer does not follow).
+    EXPECT_EQ(QFileInfo(clip).dir().path(), QDir(Paths::recordings()).path());
+    EXPECT_TRUE(QFileInfo(clip).fileName().contains(QRegularExpression(
+        QStringLiteral("^Clip \\d{4}-\\d\\d-\\d\\d \\d\\d-\\d\\d-\\d\\d [0-9A-F]{6}\\.mp4$"))))
+        << qPrintable(clip);
+    const QJsonObject probed = probe::ffprobe(clip);
+    EXPECT_GE(durationSeconds(probed), 14.9);
+    EXPECT_LE(durationSeconds(probed), 17.5);
+    const QJsonArray video = probe::streams(probed, QStringLiteral("video"));
+    ASSERT_EQ(video.size(), 1);
+    const QJsonObject stream = video[0].toObject();
+    EXPECT_EQ(stream.value(QStringLiteral("codec_name")).toString(), QStringLiteral("h264"));
+    EXPECT_EQ(stream.value(QStringLiteral("width")).toInt(), 1920);
+    EXPECT_EQ(stream.value(QStringLiteral("height")).toInt(), 1080);
+    ASSERT_EQ(probe::streams(probed, QStringLiteral("audio")).size(), 1);
+    EXPECT_EQ(decodeErrors(clip), QString());
+
+    // Every sampled frame differs from the one before: the screen's motion made it in.
+    QByteArray previous = probe::grayFrame(clip, 1.0);
+    for (double t : {1.25, 4.0, 4.1, 9.0, 14.0}) {
+        const QByteArray frame = probe::grayFrame(clip, t);
+        EXPECT_GT(probe::meanDifference(previous, frame), 1.0) << "at " << t << " s";
+        previous = frame;
+    }
+    const auto audio = probe::decodeAudio(clip, 0);
+    EXPECT_GT(audio.size(), 48000u * 14);
+    // Second by second, so that the hiccups of a busy machine (or of a sanitizer's slowness: the
+    // capture drops audio rather than fall behind) do not hide the tone elsewhere.
+    int toneSeconds = 0;
+    const int seconds = int(audio.size() / 48000);
+    for (int i = 0; i < seconds; ++i) {
+        const std::vector<float> second(audio.begin() + i * 48000, audio.begin() + (i + 1) * 48000);
+        toneSeconds += rms(second) > 0.02 && toneShare(second, 1000) > 0.9;
+    }
+    EXPECT_GE(toneSeconds, seconds * 3 / 4) << "of " << seconds;
+
+    ASSERT_TRUE(session.has_value());
+    EXPECT_TRUE(QFileInfo(*session).fileName().contains(QRegularExpression(
+        QStringLiteral("^Session \\d{4}-\\d\\d-\\d\\d \\d\\d-\\d\\d-\\d\\d\\.mp4$"))));
+    const QJsonObject sessionProbe = probe::ffprobe(*session);
+    EXPECT_GE(durationSeconds(sessionProbe), 20.0);
+    EXPECT_EQ(probe::streams(sessionProbe, QStringLiteral("video")).size(), 1);
+    EXPECT_EQ(probe::streams(sessionProbe, QStringLiteral("audio")).size(), 1);
+    EXPECT_EQ(decodeErrors(*session), QString());
+}
+
+// The X server going away mid-capture is a stop by the system: the engine cleans up, drops the
+// session file and tells its owner why.
+TEST_F(ClipEngineTest, LosingTheDisplayServerStopsAndDropsTheSession)
+{
+    PrivateServer x = startXvfb(tempFolder().toStdString(), "1280x720");
+    ASSERT_TRUE(x.server) << x.error;
+    setenv("DISPLAY", x.address.c_str(), 1);
+    auto motion = startMotion(x.address);
+    ASSERT_TRUE(motion);
+
+    ClipEngine engine;
+    std::promise<std::optional<QString>> stopped;
+    engine.setOnStopped([&](const std::optional<QString> &error) { stopped.set_value(error); });
+    engine.start().waitForFinished();
+    ASSERT_TRUE(waitUntil([&] { return engine.bufferedDuration() >= 2; }, 20000));
+
+    x.server->signal(SIGKILL);
+    auto reason = stopped.get_future();
+    ASSERT_EQ(reason.wait_for(std::chrono::seconds(20)), std::future_status::ready);
+    const std::optional<QString> error = reason.get();
+    ASSERT_TRUE(error.has_value());
+    EXPECT_FALSE(error->isEmpty());
+    EXPECT_FALSE(engine.isArmed());
+    EXPECT_TRUE(logText().contains(QStringLiteral("stream stopped: ")));
+    EXPECT_TRUE(recordings().isEmpty()) << qPrintable(recordings().join(u' '));
+    EXPECT_TRUE(leftovers().isEmpty()) << qPrintable(leftovers().join(u' '));
+    EXPECT_EQ(engine.stop(true).result(), SessionOutcome());
+    EXPECT_EQ(failureKind(QFuture<void>(engine.saveClip())), RecorderError::Kind::notArmed);
+
+    // Arming against the dead server fails with a message that says so, rather than a crash.
+    try {
+        engine.start().waitForFinished();
+        ADD_FAILURE() << "armed against a dead X server";
+    } catch (const RecorderError &e) {
+        EXPECT_TRUE(e.text().startsWith(QStringLiteral("Could not open the X display")))
+            << e.text().toStdString();
+    }
+    EXPECT_FALSE(engine.isArmed());
+}
+
+// A still screen is delivered as a few idle frames, and only the first frame reaches the encoder.
+TEST_F(ClipEngineTest, StillScreenEncodesOnlyTheFirstFrame)
+{
+    ClipEngine engine;
+    engine.start().waitForFinished();
+    ASSERT_TRUE(waitUntil([&] { return engine.framesIdle() >= 3; }, 20000))
+        << engine.framesDelivered() << " delivered, " << engine.framesIdle() << " idle";
+    EXPECT_EQ(engine.framesIn(), 1);
+    EXPECT_EQ(engine.framesDelivered() - engine.framesIdle(), 1);
+    EXPECT_LE(engine.framesIdle(), 5); // about one a second, not one a tick
+    engine.stop(false).waitForFinished();
+}
+
+// With two monitors the one under the pointer is captured, each at its own size.
+TEST_F(ClipEngineTest, CapturesTheMonitorUnderThePointer)
+{
+    PrivateServer x = startXorgDummy(tempFolder().toStdString());
+    ASSERT_TRUE(x.server) << x.error;
+    const ChildProcess::Environment env {{"DISPLAY", x.address}};
+    // A second monitor of another size (a mode the dummy driver knows), to the right.
+    ASSERT_EQ(ChildProcess::run({"xrandr", "--addmode", "DUMMY1", "1280x720"}, env), 0);
+    ASSERT_EQ(ChildProcess::run(
+                  {"xrandr", "--output", "DUMMY1", "--mode", "1280x720", "--pos", "1920x0"}, env),
+              0);
+    setenv("DISPLAY", x.address.c_str(), 1);
+
+    ClipEngine engine;
+    auto captured = [&](int px, int py) {
+        EXPECT_EQ(ChildProcess::run(
+                      {"xdotool", "mousemove", std::to_string(px), std::to_string(py)}, env),
+                  0);
+        engine.start().waitForFinished();
+        QSize size;
+        waitUntil(
+            [&] {
+                const auto format = engine.buffer().snapshot().videoFormat;
+                if (format)
+                    size = QSize(format->width, format->height);
+                return bool(format);
+            },
+            20000);
+        engine.stop(false).waitForFinished();
+        return size;
+    };
+    EXPECT_EQ(captured(2400, 300), QSize(1280, 720));
+    EXPECT_EQ(captured(300, 300), QSize(1920, 1080));
+    EXPECT_TRUE(logText().contains(QStringLiteral("shareable displays=2")));
+}
