@@ -1,13 +1,17 @@
 #include "app/DashboardView.h"
 
+#include "app/AccountPanel.h"
 #include "app/AppModel.h"
 #include "app/DashboardSidebar.h"
 #include "app/HomePage.h"
 #include "app/LibraryPage.h"
 #include "app/SettingsPage.h"
+#include "app/UpdatePanel.h"
+#include "cloud/AccountStore.h"
 #include "promo/AdsStore.h"
 #include "promo/Palette.h"
 #include "promo/SponsoredRail.h"
+#include "update/UpdateStore.h"
 
 #include <QHBoxLayout>
 #include <QPainter>
@@ -88,8 +92,33 @@ DashboardView::DashboardView(AppModel &model, DashboardCallbacks callbacks, QWid
     m_rail->setFixedWidth(204);
     row->addWidget(m_rail);
 
+    m_settings->setAccountPanel(new AccountPanel(AccountStore::shared()));
+    AccountStore &account = AccountStore::shared();
+    connect(&account, &AccountStore::tokenChanged, this, &DashboardView::showAccountName);
+    connect(&account, &AccountStore::profileChanged, this, &DashboardView::showAccountName);
+    showAccountName();
+
+    // Over everything else, placed by resizeEvent.
+    m_updateBadge = new UpdateBadge(UpdateStore::shared(), this);
+    m_updateSheet = new UpdateSheet(UpdateStore::shared(), this);
+
     connect(&m_model, &AppModel::tabChanged, this, &DashboardView::showTab);
     showTab();
+}
+
+void DashboardView::showAccountName()
+{
+    const AccountStore &account = AccountStore::shared();
+    const auto profile = account.profile();
+    m_sidebar->setAccountName(account.isSignedIn() && profile ? profile->name : QString());
+}
+
+void DashboardView::resizeEvent(QResizeEvent *event)
+{
+    QWidget::resizeEvent(event);
+    m_updateBadge->move(width() - m_updateBadge->width() - 12, 12);
+    m_updateBadge->raise();
+    m_updateSheet->setGeometry(rect());
 }
 
 DashboardView::~DashboardView() = default;
@@ -104,6 +133,7 @@ void DashboardView::showEvent(QShowEvent *event)
     QWidget::showEvent(event);
     call(m_callbacks.onRefresh);
     m_ads->refresh();
+    UpdateStore::shared().refresh();
 }
 
 void DashboardView::paintEvent(QPaintEvent *)

@@ -11,6 +11,8 @@ class HomePage;
 class LibraryPage;
 class SettingsPage;
 class SponsoredRail;
+class UpdateBadge;
+class UpdateSheet;
 class QStackedWidget;
 
 // The content of the program's one window: the sidebar, the page of the model's tab (Home,
@@ -34,9 +36,11 @@ protected:
     // refreshed, in that order.
     void showEvent(QShowEvent *event) override;
     void paintEvent(QPaintEvent *event) override;
+    void resizeEvent(QResizeEvent *event) override;
 
 private:
     void showTab();
+    void showAccountName();
 
     AppModel &m_model;
     const DashboardCallbacks m_callbacks;
@@ -47,4 +51,6 @@ private:
     LibraryPage *m_library = nullptr;
     SettingsPage *m_settings = nullptr;
     SponsoredRail *m_rail = nullptr;
+    UpdateBadge *m_updateBadge = nullptr;
+    UpdateSheet *m_updateSheet = nullptr;
 };
