@@ -16,15 +16,18 @@ function(vantrel_library name)
   target_link_libraries(${name} PRIVATE vantrel_warnings)
 endfunction()
 
-# vantrel_test(NAME [GUI] SOURCES... LIBS ... LABELS ... FIXTURES ... LOCKS ...): a GoogleTest
-# executable whose cases each become a ctest test, so every case runs in a process of its own
-# (fresh settings, fresh paths).
+# vantrel_test(NAME [GUI|WINDOWS] SOURCES... LIBS ... LABELS ... FIXTURES ... LOCKS ...): a
+# GoogleTest executable whose cases each become a ctest test, so every case runs in a process of
+# its own (fresh settings, fresh paths).
 function(vantrel_test name)
-  cmake_parse_arguments(T "GUI" "TIMEOUT" "SOURCES;LIBS;LABELS;FIXTURES;LOCKS" ${ARGN})
+  cmake_parse_arguments(T "GUI;WINDOWS" "TIMEOUT" "SOURCES;LIBS;LABELS;FIXTURES;LOCKS" ${ARGN})
   add_executable(${name} ${T_SOURCES})
-  # GUI tests get a main() that makes a QApplication; the rest use GoogleTest's own.
+  # GUI tests get a main() that makes a QApplication (WINDOWS ones on the fixture's X server);
+  # the rest use GoogleTest's own.
   if(T_GUI)
     set(test_main vantrel_gui_test_main)
+  elseif(T_WINDOWS)
+    set(test_main vantrel_window_test_main)
   else()
     set(test_main GTest::gtest_main)
   endif()

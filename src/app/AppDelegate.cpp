@@ -1,5 +1,7 @@
 #include "app/AppDelegate.h"
 
+#include "app/ClipNotifications.h"
+#include "app/DashboardWindow.h"
 #include "app/LoginItem.h"
 #include "app/MainMenu.h"
 #include "app/ShareActions.h"
@@ -81,6 +83,7 @@ AppDelegate::AppDelegate(QObject *parent)
     hooks.account = [] { AccountStore::shared().bootstrap(); };
     hooks.share = [this](const QUrl &clip) { shareClip(clip); };
     hooks.link = [this](const QUrl &link) { applyAuthLink(link); };
+    hooks.dashboard = [this] { presentDashboard(); };
 }
 
 AppDelegate::~AppDelegate()
@@ -133,6 +136,7 @@ bool AppDelegate::applicationDidFinishLaunching(const QStringList &links)
     ClipEngine::log(QStringLiteral("launched version %1").arg(ProgramVersion::current()));
     // Paths::recordings() creates the folder when it is missing.
     m_library = std::make_unique<ClipLibrary>(m_model, Paths::recordings());
+    m_notifications = new ClipNotifications(*this);
     PermissionOnce::rememberExistingPrompts();
     if (hooks.account)
         hooks.account();
@@ -372,9 +376,11 @@ QCoro::Task<void> AppDelegate::runSave()
         m_library->refreshClips(true);
         if (hooks.share)
             hooks.share(QUrl::fromLocalFile(clip.path));
+        emit clipSaved(clip.path);
     } else {
         ClipSound::playError();
         m_model.setStatus(failure);
+        emit saveFailed(failure);
     }
     m_saveInProgress = false;
     m_model.setIsSaving(false);

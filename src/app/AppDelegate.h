@@ -2,6 +2,8 @@
 
 #include "app/AppModel.h"
 #include "app/ClipLibrary.h"
+#include "app/DashboardCallbacks.h"
+#include "app/DashboardWindow.h"
 #include "engine/ClipEngine.h"
 
 #include <QMenu>
@@ -15,10 +17,13 @@
 #include <chrono>
 #include <functional>
 #include <memory>
+#include <optional>
 
 namespace QCoro {
 template<typename T> class Task;
 }
+class ClipNotifications;
+
 class ShareActions;
 class SingleInstance;
 class WakeObserver;
@@ -49,6 +54,8 @@ public:
     void showAbout();
     void showDashboard();
     void refreshStatusItem();
+    // The dashboard's "Change" / "Cancel": starts binding a new clip key, or cancels that.
+    void changeHotkey();
     // Uploads one clip and puts its link on the clipboard (the share hook after every save).
     void shareClip(const QUrl &clip);
     // Uploads every listed clip and puts one folder link on the clipboard.
@@ -61,6 +68,11 @@ public:
     QMenuBar *mainMenu() const { return m_mainMenu; }
     QMenu *statusMenu() const { return m_statusMenu; }
     QSystemTrayIcon *statusItem() const { return m_statusItem; }
+    // The dashboard window, made by the first showDashboard and kept.
+    DashboardWindow *window() const { return m_window; }
+    // What the replay costs in memory per second of it, measured from the buffer while armed
+    // (the last measurement afterwards); none before one was made.
+    std::optional<double> replayBytesPerSecond();
 
     // Installed by the dashboard, account, sharing and update code; empty ones do nothing. The
     // delegate installs its own account, share and link hooks when it is made.
@@ -71,8 +83,15 @@ public:
         std::function<void()> update;
         std::function<void(const QUrl &clip)> share;
         std::function<void(const QUrl &link)> link;
+        // The dashboard's "Send all".
+        std::function<void()> shareAll;
     };
     Hooks hooks;
+
+signals:
+    // A save finished: the clip's path, or the sentence the user is shown for its failure.
+    void clipSaved(const QString &path);
+    void saveFailed(const QString &message);
 
 private:
     QCoro::Task<void> runStart();
@@ -85,6 +104,8 @@ private:
     void applyAuthLink(const QUrl &link);
     QString armedStatus() const;
     QString idleStatus() const;
+    void presentDashboard();
+    DashboardCallbacks dashboardCallbacks();
 
     std::unique_ptr<ClipEngine> m_engine;
     AppModel m_model;
@@ -100,4 +121,7 @@ private:
     bool m_startInProgress = false;
     QPointer<QTimer> m_restartWork;
     bool m_userStopping = false;
+    QPointer<DashboardWindow> m_window;
+    ClipNotifications *m_notifications = nullptr;
+    std::optional<double> m_replayRate;
 };

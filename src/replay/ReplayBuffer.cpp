@@ -155,6 +155,19 @@ int ReplayBuffer::audioCount() const
     return int(m_audio.size());
 }
 
+size_t ReplayBuffer::heldBytes() const
+{
+    std::scoped_lock lock(m_lock);
+    size_t total = 0;
+    for (size_t i = 0; i < m_video.size(); ++i)
+        total += m_video[i].data.size();
+    for (size_t i = 0; i < m_audio.size(); ++i)
+        total += m_audio[i].data.size();
+    for (size_t i = 0; i < m_mic.size(); ++i)
+        total += m_mic[i].data.size();
+    return total;
+}
+
 ReplayBuffer::Snapshot ReplayBuffer::snapshot() const
 {
     Snapshot snap;

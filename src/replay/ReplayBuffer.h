@@ -77,6 +77,9 @@ public:
     double bufferedDuration() const; // seconds from the first to the last frame's time stamp
     int videoCount() const;
     int audioCount() const; // system audio only
+    // The payload bytes of every stored frame and packet (video, system audio, microphone): what
+    // the replay costs in memory, over `bufferedDuration` seconds of it.
+    size_t heldBytes() const;
     Snapshot snapshot() const;
 
 private:

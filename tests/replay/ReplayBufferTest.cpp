@@ -19,6 +19,8 @@ TEST_F(ReplayBufferTest, TrimsToEachClipLengthAlwaysAtAKeyFrame)
         EXPECT_GE(buffer.bufferedDuration(), length) << length;
         EXPECT_LE(buffer.bufferedDuration(), length + 2.0) << length;
         EXPECT_EQ(snap.video.back().pts, frameTime(end - 1));
+        // What it holds is what is left after the trim, not what went in.
+        EXPECT_EQ(buffer.heldBytes(), snap.video.size() * 64) << length;
         // Contiguous: nothing but a prefix was ever removed.
         for (size_t i = 1; i < snap.video.size(); ++i)
             ASSERT_LT(snap.video[i - 1].pts, snap.video[i].pts);

@@ -1,0 +1,99 @@
+#pragma once
+
+#include <QAbstractButton>
+#include <QColor>
+#include <QFont>
+#include <QLabel>
+#include <QPixmap>
+#include <QPushButton>
+#include <QWidget>
+
+// The dashboard's look in one place: fonts, icons, labels and buttons in the palette, and the
+// two painted pieces (cards and switches). Sizes are device-independent pixels, which is what
+// the other platform's points are.
+namespace DashboardStyle {
+
+QFont font(int pixelSize, QFont::Weight weight = QFont::Normal);
+
+// One of the program's symbolic icons (":/icons/NAME.svg") in `color`, `size` pixels square.
+QPixmap icon(const QString &name, const QColor &color, int size);
+
+QLabel *label(const QString &text, int pixelSize, QFont::Weight weight, const QColor &color,
+              QWidget *parent = nullptr);
+// A section caption: capitals, 10 px semibold, white 38%.
+QLabel *caption(const QString &text, QWidget *parent = nullptr);
+void setTextColor(QWidget *widget, const QColor &color);
+
+enum class Look {
+    pill, // white text on white 8%
+    accent, // black text on gold
+    link, // coloured text, no background
+    green, // the update sheet's install button
+};
+QPushButton *button(const QString &text, const QString &objectName, Look look,
+                    const QColor &textColor = Qt::white, int pixelSize = 13,
+                    QWidget *parent = nullptr);
+void restyle(QPushButton *button, Look look, const QColor &textColor, int pixelSize = 13);
+
+// The key chip: the clip key's name in a bordered box.
+QLabel *keyChip(int pixelSize, QWidget *parent = nullptr);
+
+} // namespace DashboardStyle
+
+// A rounded rectangle in the card colour; clicking its body emits `clicked` when it is
+// clickable (buttons inside it take their own clicks).
+class Card : public QWidget
+{
+    Q_OBJECT
+
+public:
+    explicit Card(QWidget *parent = nullptr, QColor fill = QColor());
+    void setClickable(bool clickable);
+    void setFill(const QColor &fill);
+
+signals:
+    void clicked();
+
+protected:
+    void paintEvent(QPaintEvent *event) override;
+    void mousePressEvent(QMouseEvent *event) override;
+    void mouseReleaseEvent(QMouseEvent *event) override;
+
+private:
+    QColor m_fill;
+    bool m_clickable = false;
+    bool m_pressed = false;
+};
+
+// One line of text that elides at the right instead of widening its layout.
+class ElidedLabel : public QLabel
+{
+    Q_OBJECT
+
+public:
+    explicit ElidedLabel(const QString &text, QWidget *parent = nullptr);
+    void setFullText(const QString &text);
+    const QString &fullText() const { return m_text; }
+    QSize minimumSizeHint() const override;
+
+protected:
+    void resizeEvent(QResizeEvent *event) override;
+
+private:
+    void elide();
+
+    QString m_text;
+};
+
+// An on/off switch, painted: a gold track when on.
+class ToggleSwitch : public QAbstractButton
+{
+    Q_OBJECT
+
+public:
+    explicit ToggleSwitch(QWidget *parent = nullptr);
+    QSize sizeHint() const override;
+
+protected:
+    void paintEvent(QPaintEvent *event) override;
+};

@@ -1,0 +1,142 @@
+#include "app/DashboardView.h"
+
+#include "app/AccountPanel.h"
+#include "app/AppModel.h"
+#include "app/DashboardSidebar.h"
+#include "app/HomePage.h"
+#include "app/LibraryPage.h"
+#include "app/SettingsPage.h"
+#include "app/UpdatePanel.h"
+#include "cloud/AccountStore.h"
+#include "promo/AdsStore.h"
+#include "promo/Palette.h"
+#include "promo/SponsoredRail.h"
+#include "update/UpdateStore.h"
+
+#include <QHBoxLayout>
+#include <QPainter>
+#include <QScrollArea>
+#include <QScrollBar>
+#include <QShowEvent>
+#include <QStackedWidget>
+
+namespace {
+
+// A page in a scroll area of its own, on the content background, with the content's margins.
+QScrollArea *scrolling(QWidget *page, QWidget *parent)
+{
+    auto *holder = new QWidget;
+    auto *margins = new QVBoxLayout(holder);
+    margins->setContentsMargins(28, 24, 28, 24);
+    margins->addWidget(page);
+    auto *area = new QScrollArea(parent);
+    area->setObjectName(page->objectName() + QStringLiteral("Scroll"));
+    area->setWidget(holder);
+    area->setWidgetResizable(true);
+    area->setFrameShape(QFrame::NoFrame);
+    area->setHorizontalScrollBarPolicy(Qt::ScrollBarAlwaysOff);
+    area->setStyleSheet(QStringLiteral(
+        "QScrollArea, QScrollArea > QWidget > QWidget { background: transparent; }"
+        "QScrollBar:vertical { background: transparent; width: 8px; margin: 2px; }"
+        "QScrollBar::handle:vertical { background: rgba(255,255,255,40); border-radius: 3px;"
+        " min-height: 24px; }"
+        "QScrollBar::add-line, QScrollBar::sub-line { height: 0; }"
+        "QScrollBar::add-page, QScrollBar::sub-page { background: transparent; }"));
+    return area;
+}
+
+} // namespace
+
+DashboardView::DashboardView(AppModel &model, DashboardCallbacks callbacks, QWidget *parent)
+    : QWidget(parent)
+    , m_model(model)
+    , m_callbacks(std::move(callbacks))
+    , m_ads(new AdsStore(this))
+{
+    setObjectName(QStringLiteral("dashboard"));
+    // Dark whatever the desktop's theme: text and controls are drawn for this background.
+    QPalette dark = palette();
+    dark.setColor(QPalette::Window, Palette::vtBg());
+    dark.setColor(QPalette::WindowText, Qt::white);
+    dark.setColor(QPalette::Base, Palette::vtPanel());
+    dark.setColor(QPalette::Text, Qt::white);
+    dark.setColor(QPalette::ToolTipBase, Palette::vtPanel());
+    dark.setColor(QPalette::ToolTipText, Qt::white);
+    setPalette(dark);
+
+    auto *row = new QHBoxLayout(this);
+    row->setContentsMargins(0, 0, 0, 0);
+    row->setSpacing(0);
+
+    m_sidebar = new DashboardSidebar(m_model, this);
+    row->addWidget(m_sidebar);
+
+    m_pages = new QStackedWidget(this);
+    m_home = new HomePage(m_model, m_callbacks);
+    m_library = new LibraryPage(m_model, m_callbacks);
+    m_settings = new SettingsPage(m_model, m_callbacks);
+    m_pages->addWidget(scrolling(m_home, m_pages));
+    m_pages->addWidget(scrolling(m_library, m_pages));
+    m_pages->addWidget(scrolling(m_settings, m_pages));
+    row->addWidget(m_pages, 1);
+
+    auto *divider = new QWidget(this);
+    divider->setFixedWidth(1);
+    divider->setAutoFillBackground(true);
+    QPalette line = divider->palette();
+    line.setColor(QPalette::Window, Palette::white(0.08));
+    divider->setPalette(line);
+    row->addWidget(divider);
+
+    m_rail = new SponsoredRail(*m_ads, this);
+    m_rail->setFixedWidth(204);
+    row->addWidget(m_rail);
+
+    m_settings->setAccountPanel(new AccountPanel(AccountStore::shared()));
+    AccountStore &account = AccountStore::shared();
+    connect(&account, &AccountStore::tokenChanged, this, &DashboardView::showAccountName);
+    connect(&account, &AccountStore::profileChanged, this, &DashboardView::showAccountName);
+    showAccountName();
+
+    // Over everything else, placed by resizeEvent.
+    m_updateBadge = new UpdateBadge(UpdateStore::shared(), this);
+    m_updateSheet = new UpdateSheet(UpdateStore::shared(), this);
+
+    connect(&m_model, &AppModel::tabChanged, this, &DashboardView::showTab);
+    showTab();
+}
+
+void DashboardView::showAccountName()
+{
+    const AccountStore &account = AccountStore::shared();
+    const auto profile = account.profile();
+    m_sidebar->setAccountName(account.isSignedIn() && profile ? profile->name : QString());
+}
+
+void DashboardView::resizeEvent(QResizeEvent *event)
+{
+    QWidget::resizeEvent(event);
+    m_updateBadge->move(width() - m_updateBadge->width() - 12, 12);
+    m_updateBadge->raise();
+    m_updateSheet->setGeometry(rect());
+}
+
+DashboardView::~DashboardView() = default;
+
+void DashboardView::showTab()
+{
+    m_pages->setCurrentIndex(int(m_model.tab()));
+}
+
+void DashboardView::showEvent(QShowEvent *event)
+{
+    QWidget::showEvent(event);
+    call(m_callbacks.onRefresh);
+    m_ads->refresh();
+    UpdateStore::shared().refresh();
+}
+
+void DashboardView::paintEvent(QPaintEvent *)
+{
+    QPainter(this).fillRect(rect(), Palette::vtBg());
+}

@@ -1,0 +1,32 @@
+#pragma once
+
+#include <QWidget>
+
+class AppModel;
+class QLabel;
+class QPushButton;
+class QVBoxLayout;
+struct DashboardCallbacks;
+
+// The Library tab: the count, Refresh, Folder, the folder link and Send all, then one row per
+// clip, or a hint when there are none.
+class LibraryPage : public QWidget
+{
+    Q_OBJECT
+
+public:
+    LibraryPage(AppModel &model, const DashboardCallbacks &callbacks, QWidget *parent = nullptr);
+
+private:
+    void refreshClips();
+    void refreshSharing();
+    void refreshHint();
+
+    AppModel &m_model;
+    const DashboardCallbacks &m_callbacks;
+    QLabel *m_count = nullptr;
+    QLabel *m_uploading = nullptr;
+    QPushButton *m_copyFolderLink = nullptr;
+    QLabel *m_hint = nullptr;
+    QVBoxLayout *m_rows = nullptr;
+};

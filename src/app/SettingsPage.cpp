@@ -1,0 +1,170 @@
+#include "app/SettingsPage.h"
+
+#include "app/AppModel.h"
+#include "app/DashboardCallbacks.h"
+#include "app/DashboardStyle.h"
+#include "promo/Palette.h"
+
+#include <QHBoxLayout>
+#include <QVBoxLayout>
+
+#include <cmath>
+
+using namespace DashboardStyle;
+
+namespace {
+
+// A setting's row: its title on the left and its switch on the right, on a card.
+Card *switchRow(const QString &title, ToggleSwitch *toggle, QWidget *parent)
+{
+    auto *card = new Card(parent);
+    auto *row = new QHBoxLayout(card);
+    row->setContentsMargins(12, 10, 12, 10);
+    row->addWidget(label(title, 13, QFont::Normal, Qt::white, card));
+    row->addStretch(1);
+    row->addWidget(toggle);
+    return card;
+}
+
+} // namespace
+
+QString SettingsPage::memoryText(std::optional<double> bytesPerSecond, double clipLengthSeconds)
+{
+    const int seconds = int(clipLengthSeconds);
+    if (!bytesPerSecond || *bytesPerSecond <= 0)
+        return QStringLiteral("Memory for %1 s of replay is measured once recording has run a few "
+                              "seconds.")
+            .arg(seconds);
+    const double megabytes = *bytesPerSecond * seconds / 1e6;
+    QString amount;
+    if (megabytes >= 1000)
+        amount = QString::number(megabytes / 1000, 'f', 1) + QStringLiteral(" GB");
+    else if (megabytes >= 100)
+        amount = QString::number(std::lround(megabytes / 10) * 10) + QStringLiteral(" MB");
+    else
+        amount = QString::number(std::max(1L, std::lround(megabytes))) + QStringLiteral(" MB");
+    return QStringLiteral("About %1 for %2 s").arg(amount).arg(seconds);
+}
+
+SettingsPage::SettingsPage(AppModel &model, const DashboardCallbacks &callbacks, QWidget *parent)
+    : QWidget(parent)
+    , m_model(model)
+    , m_callbacks(callbacks)
+{
+    setObjectName(QStringLiteral("settingsPage"));
+    auto *page = new QVBoxLayout(this);
+    page->setContentsMargins(0, 0, 0, 0);
+    page->setSpacing(14);
+    page->addWidget(label(QStringLiteral("Settings"), 26, QFont::DemiBold, Qt::white, this));
+
+    page->addWidget(caption(QStringLiteral("CLIP KEY"), this));
+    auto *keyCard = new Card(this);
+    auto *key = new QVBoxLayout(keyCard);
+    key->setContentsMargins(12, 12, 12, 12);
+    key->setSpacing(8);
+    auto *keyRow = new QHBoxLayout;
+    keyRow->setSpacing(10);
+    m_keyChip = keyChip(18, keyCard);
+    m_keyChip->setObjectName(QStringLiteral("keyChip"));
+    keyRow->addWidget(m_keyChip);
+    m_change = button(QString(), QStringLiteral("changeKey"), Look::pill, Qt::white, 13, keyCard);
+    connect(m_change, &QPushButton::clicked, this, [this] { call(m_callbacks.onChangeHotkey); });
+    keyRow->addWidget(m_change);
+    keyRow->addStretch(1);
+    key->addLayout(keyRow);
+    m_keyNote = label(QString(), 12, QFont::Normal, Palette::white(0.5), keyCard);
+    m_keyNote->setObjectName(QStringLiteral("keyNote"));
+    m_keyNote->setWordWrap(true);
+    key->addWidget(m_keyNote);
+    page->addWidget(keyCard);
+
+    page->addSpacing(4);
+    page->addWidget(caption(QStringLiteral("RECORDING"), this));
+    m_login = new ToggleSwitch(this);
+    m_login->setObjectName(QStringLiteral("armOnLaunch"));
+    connect(m_login, &ToggleSwitch::toggled, this, [this](bool on) {
+        if (on != m_model.armOnLaunch())
+            m_model.setArmOnLaunch(on);
+    });
+    page->addWidget(switchRow(QStringLiteral("Start recording when I log in"), m_login, this));
+    m_mic = new ToggleSwitch(this);
+    m_mic->setObjectName(QStringLiteral("recordMicrophone"));
+    connect(m_mic, &ToggleSwitch::toggled, this, [this](bool on) {
+        if (on != m_model.captureMic())
+            m_model.setCaptureMic(on);
+    });
+    page->addWidget(switchRow(QStringLiteral("Record microphone"), m_mic, this));
+    m_memory = label(QString(), 12, QFont::Normal, Palette::white(0.5), this);
+    m_memory->setObjectName(QStringLiteral("replayMemory"));
+    m_memory->setWordWrap(true);
+    m_memory->setContentsMargins(4, 0, 4, 0);
+    page->addWidget(m_memory);
+
+    page->addSpacing(4);
+    page->addWidget(caption(QStringLiteral("ACCOUNT"), this));
+    m_account = new QVBoxLayout;
+    page->addLayout(m_account);
+    page->addStretch(1);
+
+    m_memoryPoll.setInterval(std::chrono::seconds(5));
+    connect(&m_memoryPoll, &QTimer::timeout, this, &SettingsPage::refreshMemory);
+
+    for (auto signal : {&AppModel::hotkeyNameChanged, &AppModel::isCapturingHotkeyChanged,
+                        &AppModel::hotkeyWorksEverywhereChanged})
+        connect(&m_model, signal, this, &SettingsPage::refreshKey);
+    for (auto signal : {&AppModel::armOnLaunchChanged, &AppModel::captureMicChanged,
+                        &AppModel::isClippingChanged, &AppModel::isBusyChanged})
+        connect(&m_model, signal, this, &SettingsPage::refreshToggles);
+    for (auto signal : {&AppModel::clipLengthChanged, &AppModel::isClippingChanged})
+        connect(&m_model, signal, this, &SettingsPage::refreshMemory);
+    refreshKey();
+    refreshToggles();
+    refreshMemory();
+}
+
+void SettingsPage::setAccountPanel(QWidget *panel)
+{
+    m_account->addWidget(panel);
+}
+
+void SettingsPage::showEvent(QShowEvent *event)
+{
+    QWidget::showEvent(event);
+    refreshMemory();
+    m_memoryPoll.start();
+}
+
+void SettingsPage::hideEvent(QHideEvent *event)
+{
+    QWidget::hideEvent(event);
+    m_memoryPoll.stop();
+}
+
+void SettingsPage::refreshKey()
+{
+    const bool capturing = m_model.isCapturingHotkey();
+    m_keyChip->setText(capturing ? QStringLiteral("Press a key…") : m_model.hotkeyName());
+    m_change->setText(capturing ? QStringLiteral("Cancel") : QStringLiteral("Change"));
+    // On X11 the key already reaches every program; elsewhere it needs the keyboards.
+    m_keyNote->setText(m_model.hotkeyWorksEverywhere()
+                           ? QStringLiteral("Works in any app.")
+                           : QStringLiteral("Add yourself to the input group to use it "
+                                            "everywhere."));
+}
+
+void SettingsPage::refreshToggles()
+{
+    const QSignalBlocker loginBlocker(m_login);
+    const QSignalBlocker micBlocker(m_mic);
+    m_login->setChecked(m_model.armOnLaunch());
+    m_mic->setChecked(m_model.captureMic());
+    m_mic->setEnabled(!m_model.isClipping() && !m_model.isBusy());
+}
+
+void SettingsPage::refreshMemory()
+{
+    std::optional<double> rate;
+    if (m_callbacks.replayBytesPerSecond)
+        rate = m_callbacks.replayBytesPerSecond();
+    m_memory->setText(memoryText(rate, m_model.clipLength()));
+}

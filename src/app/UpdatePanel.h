@@ -1,0 +1,47 @@
+#pragma once
+
+#include <QWidget>
+
+class QLabel;
+class QPushButton;
+class UpdateStore;
+
+// The update badge and the update sheet over the update store. The badge sits in the window's
+// top-right corner while a newer release is known and opens the sheet; the sheet covers the
+// window while the store's sheet flag is set, with the version, the notes, the install's status
+// line, "Later" and the install button.
+class UpdateBadge : public QWidget
+{
+    Q_OBJECT
+
+public:
+    explicit UpdateBadge(UpdateStore &updates, QWidget *parent = nullptr);
+    QSize sizeHint() const override;
+
+protected:
+    void paintEvent(QPaintEvent *event) override;
+    void mouseReleaseEvent(QMouseEvent *event) override;
+
+private:
+    UpdateStore &m_updates;
+};
+
+class UpdateSheet : public QWidget
+{
+    Q_OBJECT
+
+public:
+    explicit UpdateSheet(UpdateStore &updates, QWidget *parent = nullptr);
+
+protected:
+    void paintEvent(QPaintEvent *event) override;
+
+private:
+    void redraw();
+
+    UpdateStore &m_updates;
+    QLabel *m_version = nullptr;
+    QLabel *m_notes = nullptr;
+    QLabel *m_status = nullptr;
+    QPushButton *m_install = nullptr;
+};
