@@ -4,10 +4,10 @@
 #include "cloud/CloudConfig.h"
 #include "cloud/CloudError.h"
 #include "cloud/SharedNetwork.h"
+#include "cloud/StreamedPost.h"
 
 #include <QFile>
 #include <QFileInfo>
-#include <QHttpMultiPart>
 #include <QJsonArray>
 #include <QJsonDocument>
 #include <QNetworkAccessManager>
@@ -212,32 +212,23 @@ QCoro::Task<SharedClip> upload(QUrl file, QString token)
     auto content = std::make_unique<QFile>(info.filePath());
     if (!content->open(QIODevice::ReadOnly))
         fail(QStringLiteral("Could not read %1: %2").arg(info.fileName(), content->errorString()));
+    const qint64 length = content->size();
 
     // The body is read from the file as it goes out; the bytes are those of one buffer holding
     // the name part, the file part and the closing boundary, each line ending in CR LF.
     const QByteArray boundary = newBoundary();
-    auto *form = new QHttpMultiPart(QHttpMultiPart::FormDataType);
-    form->setBoundary(boundary);
-    QHttpPart namePart;
-    namePart.setRawHeader("Content-Disposition", "form-data; name=\"name\"");
-    namePart.setBody(info.completeBaseName().toUtf8());
-    QHttpPart filePart;
-    filePart.setRawHeader("Content-Disposition",
-                          "form-data; name=\"file\"; filename=\"" + info.fileName().toUtf8() + '"');
-    filePart.setRawHeader("Content-Type", "video/mp4");
-    filePart.setBodyDevice(content.get());
-    content.release()->setParent(form);
-    form->append(namePart);
-    form->append(filePart);
-
-    QNetworkRequest request(CloudConfig::appending(QStringLiteral("v1/clips")));
-    request.setTransferTimeout(int(uploadLimit.count()));
-    request.setRawHeader("Authorization", "Bearer " + token.toUtf8());
-    // Set here, the form's own (quoted) boundary parameter is not added.
-    request.setRawHeader("Content-Type", "multipart/form-data; boundary=" + boundary);
-    ReplyPtr reply(SharedNetwork::manager().post(request, form));
-    form->setParent(reply.get());
-    const HttpAnswer answer = co_await await(std::move(reply), {});
+    const QByteArray head = "--" + boundary + "\r\n" +
+        "Content-Disposition: form-data; name=\"name\"\r\n\r\n" + info.completeBaseName().toUtf8() +
+        "\r\n" + "--" + boundary + "\r\n" +
+        "Content-Disposition: form-data; name=\"file\"; filename=\"" + info.fileName().toUtf8() +
+        "\"\r\n" + "Content-Type: video/mp4\r\n\r\n";
+    const QByteArray tail = "\r\n--" + boundary + "--\r\n";
+    const StreamedPost::Headers headers {
+        {"Authorization", "Bearer " + token.toUtf8()},
+        {"Content-Type", "multipart/form-data; boundary=" + boundary}};
+    const StreamedPost::Answer answer =
+        co_await StreamedPost::send(CloudConfig::appending(QStringLiteral("v1/clips")), headers,
+                                    head, std::move(content), length, tail, uploadLimit);
 
     throwIfNeeded(answer.status, answer.body);
     const JsonObject shared = JsonObject::parse(answer.body);

@@ -11,6 +11,10 @@ namespace {
 
 void trustExtraAuthorities()
 {
+    static bool done = false;
+    if (done)
+        return;
+    done = true;
     const QString path = qEnvironmentVariable("VANTREL_SERVICE_CA");
     if (path.isEmpty())
         return;
@@ -38,6 +42,12 @@ QNetworkAccessManager &manager()
         return new QNetworkAccessManager(QCoreApplication::instance());
     }();
     return *shared;
+}
+
+QSslConfiguration sslConfiguration()
+{
+    trustExtraAuthorities();
+    return QSslConfiguration::defaultConfiguration();
 }
 
 } // namespace SharedNetwork

@@ -1,6 +1,7 @@
 #pragma once
 
 class QNetworkAccessManager;
+class QSslConfiguration;
 
 // The one network access manager that every call to the service goes through, as a browser
 // shares one connection pool. Main thread only; made on first use.
@@ -10,5 +11,7 @@ class QNetworkAccessManager;
 namespace SharedNetwork {
 
 QNetworkAccessManager &manager();
+// What the manager's connections trust, for a connection made outside it.
+QSslConfiguration sslConfiguration();
 
 } // namespace SharedNetwork

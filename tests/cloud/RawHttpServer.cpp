@@ -48,9 +48,12 @@ void RawHttpServer::read(QTcpSocket *socket)
     const int index = m_answered[request.path]++;
     const Reply reply = replies.isEmpty() ? Reply {404, {}}
                                           : replies.value(std::min(index, int(replies.size()) - 1));
-    socket->write("HTTP/1.1 " + QByteArray::number(reply.status) +
-                  " Answer\r\nContent-Type: application/json\r\nContent-Length: " +
-                  QByteArray::number(reply.body.size()) + "\r\nConnection: close\r\n\r\n" +
-                  reply.body);
+    if (!reply.raw.isEmpty())
+        socket->write(reply.raw);
+    else
+        socket->write("HTTP/1.1 " + QByteArray::number(reply.status) +
+                      " Answer\r\nContent-Type: application/json\r\nContent-Length: " +
+                      QByteArray::number(reply.body.size()) + "\r\nConnection: close\r\n\r\n" +
+                      reply.body);
     socket->disconnectFromHost();
 }

@@ -6,6 +6,8 @@
 #include <QObject>
 #include <QTcpServer>
 
+#include <utility>
+
 class QTcpSocket;
 
 // An HTTP/1.1 server on 127.0.0.1 that keeps every request exactly as it arrived, body bytes
@@ -25,8 +27,23 @@ public:
     };
     struct Reply
     {
+        Reply() = default;
+        Reply(int status, QByteArray body)
+            : status(status)
+            , body(std::move(body))
+        {
+        }
+        // Bytes sent as they are in place of a whole answer, to frame it in other ways.
+        static Reply verbatim(QByteArray bytes)
+        {
+            Reply reply(0, {});
+            reply.raw = std::move(bytes);
+            return reply;
+        }
+
         int status = 200;
         QByteArray body;
+        QByteArray raw;
     };
 
     RawHttpServer();

@@ -10,13 +10,17 @@
 #include "support/TestEnvironment.h"
 
 #include <QDir>
+#include <QElapsedTimer>
 #include <QFile>
 #include <QRandomGenerator>
 #include <QRegularExpression>
+#include <QTcpServer>
 
 #include <algorithm>
 #include <cstdlib>
 #include <memory>
+
+using namespace std::chrono_literals;
 
 namespace {
 
@@ -135,6 +139,59 @@ TEST_F(UploadTest, RepliesWithoutAUsableLinkOrRefusalsFail)
     EXPECT_EQ(missing.kind, Outcome::Kind::other);
     EXPECT_TRUE(missing.text.contains(QStringLiteral("gone.mp4"))) << missing;
     EXPECT_EQ(service.requests().size(), sent);
+}
+
+TEST_F(UploadTest, TheAnswerIsReadHoweverTheServerFramesIt)
+{
+    using Reply = RawHttpServer::Reply;
+    serve({Reply::verbatim(
+               "HTTP/1.1 200 OK\r\nTransfer-Encoding: chunked\r\n\r\n"
+               "7;note=x\r\n{\"id\":\"\r\n22\r\nc1\",\"url\":\"https://svc.test/c/c1\"}\r\n"
+               "0\r\nX-Trailer: yes\r\n\r\n"),
+           // No length: the body ends with the connection.
+           Reply::verbatim("HTTP/1.1 413 Too Large\r\n\r\n{\"detail\":\"Clip is too large.\"}"),
+           Reply::verbatim("HTTP/1.1 100 Continue\r\n\r\n"
+                           "HTTP/1.1 201 Created\r\nContent-Length: 41\r\n\r\n"
+                           "{\"id\":\"c3\",\"url\":\"https://svc.test/c/c3\"}"),
+           Reply::verbatim("HTTP/1.1 200 OK\r\nContent-Length: 90\r\n\r\n{\"id\":\"c4\""),
+           Reply::verbatim("SSH-2.0-OpenSSH_9.6\r\n\r\n")});
+    const QUrl clip = writeClip(QStringLiteral("Clip A.mp4"), 300 * 1024);
+
+    const SharedClip chunked = await(ClipCloud::upload(clip, QStringLiteral("t")));
+    EXPECT_EQ(chunked.id, QStringLiteral("c1"));
+    EXPECT_EQ(chunked.url, QUrl(QStringLiteral("https://svc.test/c/c1")));
+    EXPECT_EQ(outcomeOf(ClipCloud::upload(clip, QStringLiteral("t"))),
+              Outcome::message(QStringLiteral("Clip is too large.")));
+    EXPECT_EQ(await(ClipCloud::upload(clip, QStringLiteral("t"))).id, QStringLiteral("c3"));
+    // Closed before the announced length: a failure below HTTP, not a half-read reply.
+    EXPECT_EQ(outcomeOf(ClipCloud::upload(clip, QStringLiteral("t"))),
+              Outcome::other(QStringLiteral("The remote host closed the connection")));
+    EXPECT_EQ(outcomeOf(ClipCloud::upload(clip, QStringLiteral("t"))),
+              Outcome::other(QStringLiteral("Protocol error")));
+}
+
+TEST_F(UploadTest, FailuresBelowHttpCarryQtsSentence)
+{
+    const QUrl clip = writeClip(QStringLiteral("Clip A.mp4"), 48 << 20);
+
+    // A server whose connection the kernel makes but nobody reads: once the buffers are full
+    // nothing moves, and only the idle limit ends the upload.
+    QTcpServer stalled;
+    stalled.setMaxPendingConnections(0);
+    ASSERT_TRUE(stalled.listen(QHostAddress::LocalHost));
+    setenv("VANTREL_SERVICE_URL",
+           qPrintable(QStringLiteral("http://127.0.0.1:%1").arg(stalled.serverPort())), 1);
+    ClipCloud::setTimeouts(ClipCloud::requestTimeout(), 500ms);
+    QElapsedTimer clock;
+    clock.start();
+    EXPECT_EQ(outcomeOf(ClipCloud::upload(clip, QStringLiteral("t"))),
+              Outcome::other(QStringLiteral("The request timed out.")));
+    EXPECT_LT(clock.elapsed(), 20000);
+
+    // The same address with nobody listening.
+    stalled.close();
+    EXPECT_EQ(outcomeOf(ClipCloud::upload(clip, QStringLiteral("t"))),
+              Outcome::other(QStringLiteral("Connection refused")));
 }
 
 TEST_F(UploadTest, HostedClipsKeepTheLatestIdPerFileName)
