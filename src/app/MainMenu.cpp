@@ -50,16 +50,6 @@ QMenuBar *build(const Actions &actions, QWidget *parent)
         if (QWidget *active = QApplication::activeWindow())
             active->showMinimized();
     });
-    window->addAction(QStringLiteral("Zoom"), [] {
-        if (QWidget *active = QApplication::activeWindow())
-            active->isMaximized() ? active->showNormal() : active->showMaximized();
-    });
-    window->addSeparator();
-    window->addAction(QStringLiteral("Bring All to Front"), [] {
-        for (QWidget *top : QApplication::topLevelWidgets())
-            if (top->isVisible())
-                top->raise();
-    });
 
     QMenu *help = bar->addMenu(QStringLiteral("Help"));
     help->addAction(QStringLiteral("About Vantrel"), actions.showAbout);
