@@ -14,6 +14,7 @@
 #include "core/DisplaySession.h"
 #include "core/Log.h"
 #include "core/Paths.h"
+#include "core/PreferencesWatch.h"
 #include "core/Preferences.h"
 #include "core/ProgramVersion.h"
 #include "core/SharedPool.h"
@@ -137,6 +138,7 @@ bool AppDelegate::applicationDidFinishLaunching(const QStringList &links)
     // Paths::recordings() creates the folder when it is missing.
     m_library = std::make_unique<ClipLibrary>(m_model, Paths::recordings());
     m_notifications = new ClipNotifications(*this);
+    new PreferencesWatch(this);
     PermissionOnce::rememberExistingPrompts();
     if (hooks.account)
         hooks.account();

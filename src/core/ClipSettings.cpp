@@ -3,6 +3,7 @@
 #include "core/Preferences.h"
 
 #include <algorithm>
+#include <atomic>
 
 namespace {
 
@@ -11,6 +12,17 @@ const QString captureMicKey = QStringLiteral("captureMic");
 const QString recordModeKey = QStringLiteral("recordMode");
 const QString armOnLaunchKey = QStringLiteral("armOnLaunch");
 const QString keepRunningKey = QStringLiteral("keepRunning");
+
+// The clip length as last read or written; not a length at all until then.
+std::atomic<double> keptLength {-1};
+
+double offeredOr30(double seconds)
+{
+    const bool offered =
+        std::find(ClipSettings::lengthOptions.begin(), ClipSettings::lengthOptions.end(),
+                  seconds) != ClipSettings::lengthOptions.end();
+    return offered ? seconds : 30.0;
+}
 
 bool readBool(const QString &key, bool whenMissing)
 {
@@ -43,16 +55,24 @@ namespace ClipSettings {
 
 double maxDuration()
 {
+    const double kept = keptLength.load(std::memory_order_relaxed);
+    if (kept > 0)
+        return kept;
     // A value that is not a number reads as 0, like a missing key.
-    const double stored = Preferences::open()->value(clipLengthKey).toDouble();
-    const bool offered =
-        std::find(lengthOptions.begin(), lengthOptions.end(), stored) != lengthOptions.end();
-    return offered ? stored : 30.0;
+    const double stored = offeredOr30(Preferences::open()->value(clipLengthKey).toDouble());
+    keptLength.store(stored, std::memory_order_relaxed);
+    return stored;
 }
 
 void setMaxDuration(double seconds)
 {
     write(clipLengthKey, seconds);
+    keptLength.store(offeredOr30(seconds), std::memory_order_relaxed);
+}
+
+void reload()
+{
+    keptLength.store(-1, std::memory_order_relaxed);
 }
 
 bool captureMic()

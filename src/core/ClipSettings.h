@@ -26,16 +26,22 @@ private:
 };
 
 // The capture pipeline's settings. Each accessor goes to the preferences store at the moment it
-// is called: nothing is cached, so a change made anywhere is seen by the next read on any thread.
+// is called, so a change made anywhere is seen by the next read on any thread; the clip length
+// alone is kept in memory (see maxDuration).
 namespace ClipSettings {
 
 inline constexpr int fps = 60;
 inline constexpr std::array<double, 4> lengthOptions {15, 30, 60, 120};
 
 // The clip length in seconds: the stored value when it is exactly one of `lengthOptions`,
-// otherwise 30. Writes store any value as given.
+// otherwise 30. Writes store any value as given. The replay buffer asks for it with every frame
+// and packet it stores, hundreds of times a second, so it is read from the store once and then
+// kept: a write through setMaxDuration() is seen at once, a change made to the file by anyone
+// else once reload() has been called (the engine does at each arming, PreferencesWatch when the
+// file changes).
 double maxDuration();
 void setMaxDuration(double seconds);
+void reload();
 
 bool captureMic(); // false when missing
 void setCaptureMic(bool on);

@@ -2,12 +2,16 @@
 #include "core/Log.h"
 #include "core/Paths.h"
 #include "core/Preferences.h"
+#include "core/PreferencesWatch.h"
 
 #include "support/TestEnvironment.h"
 
+#include <QCoreApplication>
 #include <QDir>
 #include <QFile>
 #include <QFileInfo>
+#include <QSettings>
+#include <QTest>
 
 using Settings = TempHomeTest;
 
@@ -41,6 +45,29 @@ TEST_F(Settings, DefaultsAndRoundTripsThroughTheStoreFile)
     EXPECT_TRUE(text.contains(QStringLiteral("armOnLaunch=false")));
 }
 
+TEST_F(Settings, TheClipLengthIsKeptUntilTheFileChangesFromOutside)
+{
+    int argc = 0;
+    QCoreApplication application(argc, nullptr);
+    ClipSettings::setMaxDuration(60);
+    const PreferencesWatch watch;
+    // Another program (or an editor) writes the file behind our back.
+    {
+        QSettings other(Preferences::open()->fileName(), QSettings::IniFormat);
+        other.setValue(QStringLiteral("clipLengthSeconds"), 15);
+    }
+    // What is kept stands until the watch has seen the change, then the file wins.
+    EXPECT_EQ(ClipSettings::maxDuration(), 60.0);
+    EXPECT_TRUE(QTest::qWaitFor([] { return ClipSettings::maxDuration() == 15.0; }, 5000));
+    // reload() reads the file afresh at once (the engine does at every arming).
+    {
+        QSettings other(Preferences::open()->fileName(), QSettings::IniFormat);
+        other.setValue(QStringLiteral("clipLengthSeconds"), 120);
+    }
+    ClipSettings::reload();
+    EXPECT_EQ(ClipSettings::maxDuration(), 120.0);
+}
+
 TEST_F(Settings, UnusableStoredValuesReadAsTheirDefaults)
 {
     for (double stored : {45.0, 0.0, 30.0000001, -15.0, 119.99999}) {
@@ -51,6 +78,7 @@ TEST_F(Settings, UnusableStoredValuesReadAsTheirDefaults)
     store->setValue(QStringLiteral("clipLengthSeconds"), QStringLiteral("sixty"));
     store->setValue(QStringLiteral("recordMode"), QStringLiteral("Session"));
     store->sync();
+    ClipSettings::reload();
     EXPECT_EQ(ClipSettings::maxDuration(), 30.0);
     EXPECT_EQ(ClipSettings::mode(), RecordMode::clip);
     store->setValue(QStringLiteral("recordMode"), QStringLiteral("session "));
@@ -61,11 +89,13 @@ TEST_F(Settings, UnusableStoredValuesReadAsTheirDefaults)
     EXPECT_EQ(RecordMode::fromText(QStringLiteral("session")), RecordMode::session);
     EXPECT_EQ(RecordMode(RecordMode::clip).text(), QStringLiteral("clip"));
 
-    // A store edited by hand while the program runs is seen at the next read.
+    // A store edited by hand while the program runs is seen at the next read; the clip length
+    // once it is read again (what the watch on the file does).
     QFile file(store->fileName());
     ASSERT_TRUE(file.open(QIODevice::WriteOnly | QIODevice::Truncate));
     file.write("[General]\nclipLengthSeconds=60\narmOnLaunch=false\n");
     file.close();
+    ClipSettings::reload();
     EXPECT_EQ(ClipSettings::maxDuration(), 60.0);
     EXPECT_FALSE(ClipSettings::armOnLaunch());
 }
