@@ -193,6 +193,9 @@ void ClipEngine::arm()
             access.request();
         throw RecorderError::notReady(access.whyNot ? access.whyNot() : QString());
     }
+    // What is kept of the settings is read afresh once per arming; the app's watch on the
+    // preferences file covers changes made while armed.
+    ClipSettings::reload();
     const bool mic = ClipSettings::captureMic();
     log(QStringLiteral("start() preflight=%1 mode=%2 mic=%3")
             .arg(boolText(screenAccessGranted()), ClipSettings::mode().text(), boolText(mic)));
@@ -238,7 +241,10 @@ void ClipEngine::arm()
     config.width = size.width();
     config.height = size.height();
     config.fps = ClipSettings::fps;
-    config.queueDepth = 3;
+    // One frame being converted and encoded on the video queue, one being grabbed: each more
+    // would be another 8 MB of pixels held for a frame that is skipped anyway when the encoder
+    // falls behind.
+    config.queueDepth = 2;
     config.showsCursor = true;
     config.capturesAudio = true;
     config.sampleRate = AudioDefaults::sampleRate;
@@ -288,8 +294,8 @@ void ClipEngine::openEncoder(int width, int height)
     m_framesIn = 0;
     m_framesEncoded = 0;
     try {
-        // The encoder's thread stores straight into the buffer; closeEncoder() joins that thread
-        // before the buffer is emptied.
+        // The encoder stores straight into the buffer from the video queue; the queue is drained
+        // (Capture::halt) before closeEncoder() lets the buffer be emptied.
         m_encoder = std::make_unique<VideoEncoder>(
             width, height, [this](EncodedFrame frame, VideoFormatPtr keyFormat) {
                 ++m_framesEncoded;
@@ -509,16 +515,21 @@ void ClipEngine::streamDidStop(const std::string &error)
     });
 }
 
-void ClipEngine::logCaptureCounts(const QString &when) const
+ScreenStream::Stats ClipEngine::captureStats() const
 {
     std::shared_ptr<Capture> capture;
     {
         std::scoped_lock lock(m_stateLock);
         capture = m_capture;
     }
-    if (!capture || !capture->stream)
+    return capture && capture->stream ? capture->stream->stats() : ScreenStream::Stats {};
+}
+
+void ClipEngine::logCaptureCounts(const QString &when) const
+{
+    const ScreenStream::Stats counts = captureStats();
+    if (counts.complete + counts.idle + counts.skipped + counts.late + counts.unchanged == 0)
         return;
-    const ScreenStream::Stats counts = capture->stream->stats();
     log(QStringLiteral("%1: capture frames=%2 idle=%3 skipped=%4 late=%5 unchanged=%6")
             .arg(when)
             .arg(counts.complete)

@@ -96,6 +96,8 @@ public:
     // Frames handed to the encoder, and frames it returned, since the last start.
     int64_t framesIn() const { return m_framesIn.load(); }
     int64_t framesEncoded() const { return m_framesEncoded.load(); }
+    // The running stream's own counts (zeros while disarmed).
+    ScreenStream::Stats captureStats() const;
 
     // The capture size for a display of `width` × `height` pixels: both sides even, the longer
     // at most 1920, the aspect kept.

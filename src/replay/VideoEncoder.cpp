@@ -2,7 +2,6 @@
 
 #include "core/ClipSettings.h"
 #include "core/Log.h"
-#include "core/SerialQueue.h"
 #include "media/H264Bitstream.h"
 #include "media/RecorderError.h"
 #include "replay/FrameConverter.h"
@@ -47,15 +46,9 @@ VideoEncoder::VideoEncoder(int64_t width, int64_t height, Output output)
     m_packet.reset(av_packet_alloc());
     if (!m_packet)
         failToStart(AVERROR(ENOMEM), FFmpeg::errorText(AVERROR(ENOMEM)));
-    m_queue = std::make_unique<SerialQueue>("com.quillfen.vantrel.encoder", "vt-encoder");
 }
 
-VideoEncoder::~VideoEncoder()
-{
-    m_stopping = true;
-    // Runs the waiting jobs (which now do nothing) and joins the thread.
-    m_queue.reset();
-}
+VideoEncoder::~VideoEncoder() = default;
 
 void VideoEncoder::open(int64_t width, int64_t height)
 {
@@ -124,63 +117,47 @@ void VideoEncoder::encode(const VideoFrame &frame)
         reportSubmission(AVERROR(EINVAL), ordinal);
         return;
     }
-    // Only this thread adds to m_waiting, so the check cannot go stale upwards.
-    if (m_waiting.load() >= maxWaiting) {
-        reportSubmission(AVERROR(EAGAIN), ordinal);
-        return;
-    }
-    FramePtr picture = takePicture();
+    AVFrame *picture = writablePicture();
     if (!picture || !FrameConverter::convert(frame, *picture)) {
         reportSubmission(picture ? AVERROR(EINVAL) : AVERROR(ENOMEM), ordinal);
         return;
     }
-    const MediaTime duration =
-        frame.duration.isValid() && !frame.duration.isZero() ? frame.duration : oneFrame();
-    auto job = std::make_shared<Job>(Job {std::move(picture), frame.pts, duration, ordinal});
-    ++m_waiting;
-    m_queue->async([this, job] {
-        if (m_stopping)
-            release(std::move(job->picture));
-        else
-            encodeOnQueue(*job);
-    });
+    submit(*picture, frame.pts, frame.duration, ordinal);
 }
 
-VideoEncoder::FramePtr VideoEncoder::takePicture()
+void VideoEncoder::encode(const AVFrame &picture, MediaTime pts, MediaTime duration)
 {
-    FramePtr picture;
-    {
-        std::scoped_lock lock(m_poolLock);
-        if (!m_pool.empty()) {
-            picture = std::move(m_pool.back());
-            m_pool.pop_back();
-        }
+    const int64_t ordinal = ++m_handedOver;
+    if (picture.width != m_width || picture.height != m_height || picture.format != m_inputFormat ||
+        !pts.isValid()) {
+        reportSubmission(AVERROR(EINVAL), ordinal);
+        return;
     }
-    // The encoder may still hold a reference to a returned buffer (hardware encoders read
-    // them later); such a one is let go, and freed when the encoder is done with it.
-    if (picture && av_frame_is_writable(picture.get()))
-        return picture;
-    picture.reset(av_frame_alloc());
-    if (!picture)
-        return nullptr;
-    picture->format = m_inputFormat;
-    picture->width = m_width;
-    picture->height = m_height;
-    if (av_frame_get_buffer(picture.get(), 0) < 0)
-        return nullptr;
-    return picture;
+    // The encoder writes its own fields (time, picture type) on what it is given.
+    FramePtr reference(av_frame_clone(&picture));
+    if (!reference) {
+        reportSubmission(AVERROR(ENOMEM), ordinal);
+        return;
+    }
+    submit(*reference, pts, duration, ordinal);
 }
 
-void VideoEncoder::release(FramePtr picture)
+AVFrame *VideoEncoder::writablePicture()
 {
-    {
-        std::scoped_lock lock(m_poolLock);
-        if (m_pool.size() <= size_t(maxWaiting))
-            m_pool.push_back(std::move(picture));
+    if (m_picture && av_frame_is_writable(m_picture.get()))
+        return m_picture.get();
+    // Still referenced by a hardware encoder: that one keeps its copy, this one is new.
+    m_picture.reset(av_frame_alloc());
+    if (!m_picture)
+        return nullptr;
+    m_picture->format = m_inputFormat;
+    m_picture->width = m_width;
+    m_picture->height = m_height;
+    if (av_frame_get_buffer(m_picture.get(), 0) < 0) {
+        m_picture.reset();
+        return nullptr;
     }
-    // The slot frees as soon as the encoder has taken the picture, before its packet is
-    // stored: storing (and what the buffer's callback does) is no reason to turn frames away.
-    --m_waiting;
+    return m_picture.get();
 }
 
 void VideoEncoder::reportSubmission(int status, int64_t ordinal)
@@ -190,48 +167,49 @@ void VideoEncoder::reportSubmission(int status, int64_t ordinal)
         Log::system(QStringLiteral("encode status %1").arg(status));
 }
 
-void VideoEncoder::encodeOnQueue(Job &job)
+void VideoEncoder::submit(AVFrame &picture, MediaTime pts, MediaTime duration, int64_t ordinal)
 {
+    if (!duration.isValid() || duration.isZero())
+        duration = oneFrame();
     // Nanoseconds, strictly increasing: the encoder needs distinct, ordered times, and finds a
     // frame's exact capture times again by this one.
-    const MediaTime inNanoseconds = job.pts.converted(nanosecond);
+    const MediaTime inNanoseconds = pts.converted(nanosecond);
     int64_t encoderPts = inNanoseconds.isValid() ? inNanoseconds.value : m_lastEncoderPts + 1;
     if (m_anySubmitted && encoderPts <= m_lastEncoderPts)
         encoderPts = m_lastEncoderPts + 1;
 
     // Frames may come further apart than 1/60 s (a still screen sends fewer), so the frame
     // count alone would let key frames drift further apart than two seconds.
-    const bool forceKey = !m_lastKeyPts.isValid() || job.pts - m_lastKeyPts >= keyFrameInterval;
+    const bool forceKey = !m_lastKeyPts.isValid() || pts - m_lastKeyPts >= keyFrameInterval;
 
-    AVFrame *toSend = job.picture.get();
-    FramePtr uploaded;
+    AVFrame *toSend = &picture;
     if (m_hwFrames) {
-        uploaded.reset(av_frame_alloc());
-        int status =
-            uploaded ? av_hwframe_get_buffer(m_hwFrames.get(), uploaded.get(), 0) : AVERROR(ENOMEM);
+        if (!m_uploaded)
+            m_uploaded.reset(av_frame_alloc());
+        int status = m_uploaded ? av_hwframe_get_buffer(m_hwFrames.get(), m_uploaded.get(), 0)
+                                : AVERROR(ENOMEM);
         if (status == 0)
-            status = av_hwframe_transfer_data(uploaded.get(), job.picture.get(), 0);
+            status = av_hwframe_transfer_data(m_uploaded.get(), &picture, 0);
         if (status < 0) {
-            release(std::move(job.picture));
-            reportSubmission(status, job.ordinal);
+            reportSubmission(status, ordinal);
             return;
         }
-        toSend = uploaded.get();
+        toSend = m_uploaded.get();
     }
     toSend->pts = encoderPts;
     toSend->pict_type = forceKey ? AV_PICTURE_TYPE_I : AV_PICTURE_TYPE_NONE;
     const int status = avcodec_send_frame(m_context.get(), toSend);
-    uploaded.reset();
-    release(std::move(job.picture));
+    if (m_hwFrames)
+        av_frame_unref(m_uploaded.get());
     if (status < 0) {
-        reportSubmission(status, job.ordinal);
+        reportSubmission(status, ordinal);
         return;
     }
     m_lastEncoderPts = encoderPts;
     m_anySubmitted = true;
     if (forceKey)
-        m_lastKeyPts = job.pts;
-    m_timings.push_back({encoderPts, job.pts, job.duration});
+        m_lastKeyPts = pts;
+    m_timings.push_back({encoderPts, pts, duration});
     if (m_timings.size() > maxTimings)
         m_timings.pop_front();
     receivePackets();

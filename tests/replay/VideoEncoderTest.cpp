@@ -14,6 +14,7 @@ extern "C" {
 #include <chrono>
 #include <condition_variable>
 #include <cstdlib>
+#include <cstring>
 #include <memory>
 #include <mutex>
 #include <vector>
@@ -318,15 +319,25 @@ TEST_F(VideoEncoderTest, EncodesOnlyNewPicturesOfItsSizeAndNothingOnceClosed)
     EXPECT_EQ(snap.video.front().pts, replay_test::frameTime(10));
     EXPECT_EQ(snap.videoFormat->width, 160);
 
-    // Frames still inside the encoder when it is closed never come out of it.
-    for (int i = 0; i < VideoEncoder::maxWaiting; ++i)
-        pipeline.encoder->encode(small.frame(10 + i, replay_test::frameTime(20 + i)));
+    // A picture already in the encoder's planes goes in as it is; one in other planes does not.
+    FFmpeg::FramePtr planes(av_frame_alloc());
+    planes->format = pipeline.encoder->inputFormat();
+    planes->width = 160;
+    planes->height = 96;
+    ASSERT_EQ(av_frame_get_buffer(planes.get(), 0), 0);
+    ASSERT_EQ(av_frame_make_writable(planes.get()), 0);
+    for (int plane = 0; plane < 3; ++plane)
+        std::memset(planes->data[plane], 90 + plane, size_t(planes->linesize[plane]) * 48);
+    pipeline.encoder->encode(*planes, replay_test::frameTime(20), MediaTime());
+    planes->format = AV_PIX_FMT_RGB24;
+    pipeline.encoder->encode(*planes, replay_test::frameTime(21), MediaTime());
+    EXPECT_EQ(pipeline.returned(), 11);
+    EXPECT_EQ(pipeline.buffer.snapshot().video.back().pts, replay_test::frameTime(20));
+
     pipeline.encoder.reset();
-    const int64_t returned = pipeline.returned();
-    EXPECT_LE(returned, 10 + VideoEncoder::maxWaiting);
     pipeline.buffer.invalidate();
     EXPECT_EQ(pipeline.buffer.videoCount(), 0);
-    EXPECT_EQ(pipeline.returned(), returned);
+    EXPECT_EQ(pipeline.returned(), 11);
 }
 
 TEST_F(VideoEncoderTest, EncodersThatCannotStartSayWhy)
