@@ -1,4 +1,4 @@
-#include "capture/x11/PixelBufferPool.h"
+#include "capture/PixelBufferPool.h"
 
 #include <sys/mman.h>
 #include <unistd.h>

@@ -1,6 +1,6 @@
 #include "capture/ScreenStream.h"
 #include "capture/x11/CursorOverlay.h"
-#include "capture/x11/PixelBufferPool.h"
+#include "capture/PixelBufferPool.h"
 
 #include <gtest/gtest.h>
 

@@ -1,9 +1,9 @@
 #include "capture/wayland/PipeWireScreenStream.h"
 
+#include "capture/PixelBufferPool.h"
 #include "capture/QueueDelivery.h"
 #include "capture/pulse/PulseAudioCapture.h"
 #include "capture/wayland/ScreenCastPortal.h"
-#include "capture/x11/PixelBufferPool.h" // FIXME: shared by both screen backends; it belongs beside ScreenStream
 #include "core/Log.h"
 #include "media/MonotonicClock.h"
 

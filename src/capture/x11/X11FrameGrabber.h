@@ -1,7 +1,7 @@
 #pragma once
 
 #include "capture/ScreenStream.h"
-#include "capture/x11/PixelBufferPool.h"
+#include "capture/PixelBufferPool.h"
 #include "capture/x11/X11Displays.h"
 
 #include <xcb/shm.h>

@@ -1,8 +1,8 @@
 #include "capture/x11/X11ScreenStream.h"
 
+#include "capture/PixelBufferPool.h"
 #include "capture/QueueDelivery.h"
 #include "capture/pulse/PulseAudioCapture.h"
-#include "capture/x11/PixelBufferPool.h"
 #include "capture/x11/X11FrameGrabber.h"
 #include "core/Log.h"
 #include "media/MonotonicClock.h"
