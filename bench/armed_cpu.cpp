@@ -10,15 +10,26 @@
 //   encoded  frames per second handed to the encoder (complete ones)
 //   rss_mb, payload_mb, buffered_s   resident memory, the bytes the replay buffer holds, its span
 // With --save, a clip of the clip length is saved half way through the stretch, and the line
-// also has save_s (how long the save took), lost (frames missing from the capture while it ran,
+// also has save_s (how long the save took), skipped and late (the capture's own counts of frames
+// it did not deliver while the save ran), lost (frames missing from the capture while it ran,
 // from the gaps between the stored frames' capture times), lost_before (the same for as long
 // just before it, for comparison) and the clip's path.
+//
+//   bench_armed_cpu --floor [--seconds N]
+//
+// The encoder alone: a second of the display's frames is captured and converted into the
+// encoder's planes first, then the same encoder the engine uses (its settings, one thread handing
+// it frames, its packets taken and dropped) is fed those frames at 60 a second, round and round,
+// for the measured stretch. Prints cpu (over that stretch only) and fps, as above.
 
 #include "BenchSupport.h"
 
 #include "core/ClipSettings.h"
+#include "core/SerialQueue.h"
 #include "engine/ClipEngine.h"
 #include "media/MonotonicClock.h"
+#include "replay/FrameConverter.h"
+#include "replay/VideoEncoder.h"
 
 #include <QCoreApplication>
 
@@ -26,10 +37,13 @@
 
 #include <algorithm>
 #include <cmath>
+#include <condition_variable>
 #include <cstdio>
 #include <cstring>
 #include <fstream>
+#include <future>
 #include <iterator>
+#include <mutex>
 #include <sstream>
 #include <string>
 #include <thread>
@@ -88,6 +102,88 @@ void sleepSeconds(double seconds)
     std::this_thread::sleep_for(std::chrono::duration<double>(seconds));
 }
 
+// The encoder alone on the display's own frames; see the top of the file.
+int floorRun(double seconds)
+{
+    constexpr int captured = ClipSettings::fps;
+    std::unique_ptr<ScreenCaptureService> service = ScreenCaptureService::create();
+    const ShareableContent content = service->shareableContent();
+    if (content.displays.empty()) {
+        std::fprintf(stderr, "bench_armed_cpu: no display to capture\n");
+        return 1;
+    }
+    const CaptureDisplay display = content.displays.front();
+    StreamConfiguration config;
+    config.capturesAudio = false;
+    std::unique_ptr<ScreenStream> stream = service->makeStream(display, config);
+
+    std::unique_ptr<VideoEncoder> encoder;
+    try {
+        encoder = std::make_unique<VideoEncoder>(display.width, display.height,
+                                                 [](EncodedFrame, VideoFormatPtr) {});
+    } catch (const std::exception &e) {
+        std::fprintf(stderr, "bench_armed_cpu: no encoder: %s\n", e.what());
+        return 1;
+    }
+    std::vector<FFmpeg::FramePtr> pictures;
+    std::mutex lock;
+    std::condition_variable filled;
+    SerialQueue queue("com.quillfen.vantrel.bench", "vt-bench");
+    stream->addScreenOutput(queue, [&](const VideoFrame &frame) {
+        if (frame.status != VideoFrame::Status::complete)
+            return;
+        FFmpeg::FramePtr picture(av_frame_alloc());
+        picture->format = encoder->inputFormat();
+        picture->width = frame.width;
+        picture->height = frame.height;
+        if (av_frame_get_buffer(picture.get(), 0) < 0 || !FrameConverter::convert(frame, *picture))
+            return;
+        std::scoped_lock guard(lock);
+        if (int(pictures.size()) < captured)
+            pictures.push_back(std::move(picture));
+        filled.notify_all();
+    });
+    std::promise<std::optional<std::string>> started;
+    stream->startCapture([&](std::optional<std::string> error) { started.set_value(error); });
+    if (auto error = started.get_future().get()) {
+        std::fprintf(stderr, "bench_armed_cpu: capture failed: %s\n", error->c_str());
+        return 1;
+    }
+    {
+        std::unique_lock guard(lock);
+        filled.wait_for(guard, std::chrono::seconds(30),
+                        [&] { return int(pictures.size()) >= captured; });
+    }
+    stream->stopCapture();
+    stream.reset(); // before the queue it delivers on
+    if (int(pictures.size()) < captured) {
+        std::fprintf(stderr, "bench_armed_cpu: only %zu frames captured\n", pictures.size());
+        return 1;
+    }
+
+    // Paced like the capture: each frame is due at its slot, and one that is late is not made up.
+    const MediaTime period = MediaTime::make(1, ClipSettings::fps);
+    const auto start = std::chrono::steady_clock::now();
+    const double cpu0 = bench::cpuSeconds(0);
+    int64_t sent = 0;
+    for (int64_t slot = 0;; ++slot) {
+        const auto due = start + std::chrono::nanoseconds(slot * 1'000'000'000 / ClipSettings::fps);
+        if (due - start >= std::chrono::duration<double>(seconds))
+            break;
+        std::this_thread::sleep_until(due);
+        if (std::chrono::steady_clock::now() - due > std::chrono::nanoseconds(16'666'667))
+            continue;
+        const AVFrame &picture = *pictures[size_t(slot % captured)];
+        encoder->encode(picture, MediaTime::make(slot, ClipSettings::fps), period);
+        ++sent;
+    }
+    const double elapsed = bench::secondsSince(start);
+    std::printf("cpu=%.2f fps=%.2f\n", (bench::cpuSeconds(0) - cpu0) / elapsed * 100,
+                double(sent) / elapsed);
+    std::fflush(stdout);
+    return 0;
+}
+
 } // namespace
 
 int main(int argc, char **argv)
@@ -98,6 +194,7 @@ int main(int argc, char **argv)
     double settle = 3;
     double clipLength = 30;
     bool save = false;
+    bool floor = false;
     for (int i = 1; i < argc; ++i) {
         const std::string arg = argv[i];
         const bool hasValue = i + 1 < argc;
@@ -109,6 +206,8 @@ int main(int argc, char **argv)
             clipLength = std::stod(argv[++i]);
         else if (arg == "--save")
             save = true;
+        else if (arg == "--floor")
+            floor = true;
         else {
             std::fprintf(stderr, "bench_armed_cpu: unknown argument %s\n", arg.c_str());
             return 2;
@@ -116,6 +215,8 @@ int main(int argc, char **argv)
     }
 
     bench::isolateHome();
+    if (floor)
+        return floorRun(seconds);
     ClipSettings::setMaxDuration(clipLength);
     ClipEngine engine;
     try {
@@ -134,6 +235,7 @@ int main(int argc, char **argv)
     std::string saveFigures;
     if (save) {
         sleepSeconds(seconds / 2);
+        const ScreenStream::Stats before = engine.captureStats();
         const int64_t saveFrom = monotonicNanoseconds();
         QString clip;
         try {
@@ -143,11 +245,15 @@ int main(int argc, char **argv)
             return 1;
         }
         const int64_t saveTo = monotonicNanoseconds();
+        const ScreenStream::Stats after = engine.captureStats();
         sleepSeconds(0.5); // the frames of the save's last moments leave the encoder
         const int64_t span = saveTo - saveFrom;
         char text[300];
-        std::snprintf(text, sizeof text, " save_s=%.2f lost=%lld lost_before=%lld clip=%s",
-                      double(span) / 1e9, (long long)lostFrames(engine.buffer(), saveFrom, saveTo),
+        std::snprintf(text, sizeof text,
+                      " save_s=%.2f skipped=%lld late=%lld lost=%lld lost_before=%lld clip=%s",
+                      double(span) / 1e9, (long long)(after.skipped - before.skipped),
+                      (long long)(after.late - before.late),
+                      (long long)lostFrames(engine.buffer(), saveFrom, saveTo),
                       (long long)lostFrames(engine.buffer(), saveFrom - span, saveFrom),
                       clip.toUtf8().constData());
         saveFigures = text;
