@@ -155,7 +155,7 @@ TEST_F(EndToEnd, KilledInTheMiddleOfASaveLeavesNothingBrokenInTheLibrary)
         }
         return QString();
     };
-    // The audio packets (10 ms each) the replay held when the latest save began, from its log
+    // The audio packets (40 ms each) the replay held when the latest save began, from its log
     // line; the test screen is still, so the video is one frame whatever the wait.
     const auto lastSavePackets = [&] {
         const QString log = app.logSinceStart();
@@ -171,7 +171,7 @@ TEST_F(EndToEnd, KilledInTheMiddleOfASaveLeavesNothingBrokenInTheLibrary)
         pressKey(QStringLiteral("F12"));
         const QDeadlineTimer attempt(1600ms);
         while (caught.isEmpty() && !attempt.hasExpired()) {
-            if (lastSavePackets() >= 300)
+            if (lastSavePackets() >= 75) // three seconds
                 caught = beingWritten();
             if (caught.isEmpty())
                 QThread::msleep(2);

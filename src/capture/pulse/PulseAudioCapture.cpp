@@ -8,16 +8,22 @@
 
 #include <algorithm>
 #include <array>
+#include <cstdlib>
 #include <stdexcept>
 
 namespace {
 
 constexpr int64_t packetNanoseconds = 10'000'000;
+// Stamped packets that follow on from each other are handed on together, in blocks of about this
+// length: each hand-over wakes the consumer's queue, the session writer and its AAC encoder, and
+// on a still screen those wake-ups are most of what an armed program costs. The server keeps
+// delivering (and the clock keeps measuring) every 10 ms, where its time estimates are tight.
+constexpr int64_t blockNanoseconds = 40'000'000;
 // The capture-time estimate jitters by a millisecond or two with thread scheduling; a drift past
 // this that lasts (AudioClock's patience) is a real gap, or the sound card's clock running apart.
 constexpr int64_t reanchorToleranceNanoseconds = 5'000'000;
-// A second of packets may wait for a busy consumer before new ones are dropped.
-constexpr int maxPacketsInFlight = 100;
+// A second of blocks may wait for a busy consumer before new ones are dropped.
+constexpr int maxPacketsInFlight = int(1'000'000'000 / blockNanoseconds);
 constexpr pa_usec_t startTimeoutMicroseconds = 5'000'000;
 
 struct ProplistDeleter
@@ -51,6 +57,11 @@ struct PulseAudioCapture::Recording
     QueueDelivery delivery;
     std::unique_ptr<pa_stream, StreamDeleter> stream; // touched with the mainloop's lock only
     AudioClock clock; // mainloop thread only
+    // The block being gathered (mainloop thread only, then stop()): samples that abut exactly,
+    // the first of them at `pendingTime`.
+    std::vector<uint8_t> pending;
+    int64_t pendingTime = 0;
+    int64_t pendingFrames = 0;
     std::atomic<int64_t> packets {0};
     std::atomic<int64_t> dropped {0};
     std::atomic<int64_t> holes {0};
@@ -234,8 +245,11 @@ void PulseAudioCapture::stop(bool waitForHandlers)
         pa_threaded_mainloop_unlock(m_loop.get());
         // Joins libpulse's thread: from here on no callback runs.
         pa_threaded_mainloop_stop(m_loop.get());
-        for (const auto &recording : m_recordings)
+        for (const auto &recording : m_recordings) {
             recording->stream.reset();
+            // The last few packets of a block still being gathered go out too.
+            handOn(*recording);
+        }
         m_context.reset();
         m_loop.reset();
     }
@@ -363,17 +377,38 @@ void PulseAudioCapture::deliver(Recording &recording, const uint8_t *data, size_
         const int64_t kept = count - stamp.skip;
         if (kept <= 0)
             continue;
-        Bytes payload = Bytes::copy(
-            {data + size_t(offset + stamp.skip) * frameBytes, size_t(kept) * frameBytes});
-        const bool posted = recording.delivery.post([handler = recording.handler,
-                                                     payload = std::move(payload),
-                                                     time = stamp.time, kept, format = m_format,
-                                                     rate = m_sampleRate] {
-            const std::array<std::span<const uint8_t>, 1> pieces {payload.span()};
-            AudioSampleBuffer sample {
-                pieces, nanosecondTime(time), MediaTime::make(kept, rate), kept, format, payload};
-            handler(sample);
-        });
-        (posted ? recording.packets : recording.dropped).fetch_add(1);
+        // A packet that does not start where the block ends (a re-anchored clock, cut samples)
+        // starts a block of its own.
+        const int64_t blockEnd =
+            recording.pendingTime + recording.pendingFrames * 1'000'000'000 / m_sampleRate;
+        if (recording.pendingFrames > 0 && std::abs(stamp.time - blockEnd) > 1)
+            handOn(recording);
+        if (recording.pendingFrames == 0)
+            recording.pendingTime = stamp.time;
+        const uint8_t *from = data + size_t(offset + stamp.skip) * frameBytes;
+        recording.pending.insert(recording.pending.end(), from, from + size_t(kept) * frameBytes);
+        recording.pendingFrames += kept;
+        if (recording.pendingFrames * 1'000'000'000 >= blockNanoseconds * m_sampleRate)
+            handOn(recording);
     }
+}
+
+void PulseAudioCapture::handOn(Recording &recording)
+{
+    if (recording.pendingFrames == 0)
+        return;
+    Bytes payload = Bytes::copy(recording.pending);
+    const int64_t frames = recording.pendingFrames;
+    recording.pending.clear(); // keeps its capacity: no allocation for the next block
+    recording.pendingFrames = 0;
+    const bool posted = recording.delivery.post([handler = recording.handler,
+                                                 payload = std::move(payload),
+                                                 time = recording.pendingTime, frames,
+                                                 format = m_format, rate = m_sampleRate] {
+        const std::array<std::span<const uint8_t>, 1> pieces {payload.span()};
+        AudioSampleBuffer sample {
+            pieces, nanosecondTime(time), MediaTime::make(frames, rate), frames, format, payload};
+        handler(sample);
+    });
+    (posted ? recording.packets : recording.dropped).fetch_add(1);
 }

@@ -16,9 +16,9 @@ using namespace capture_test;
 using namespace std::chrono_literals;
 
 // A 1 kHz tone played into the default sink comes back from its monitor: at its pitch, in packets
-// of 10 ms or less whose times follow on from each other, on the capture clock, close to when
+// of about 40 ms whose times follow on from each other, on the capture clock, close to when
 // it was played.
-TEST(PulseAudioCaptureTest, RecordsTheSinkMonitorInContinuousTenMillisecondPackets)
+TEST(PulseAudioCaptureTest, RecordsTheSinkMonitorInContinuousFortyMillisecondBlocks)
 {
     QTemporaryDir dir;
     const std::string tone = dir.filePath(QStringLiteral("tone.wav")).toStdString();
@@ -33,7 +33,7 @@ TEST(PulseAudioCaptureTest, RecordsTheSinkMonitorInContinuousTenMillisecondPacke
     capture.start();
     // A fresh null sink may take a while to start handing out its monitor, and its first
     // latency report is far off; by a second and a half it has settled.
-    ASSERT_TRUE(log.waitFor(150));
+    ASSERT_TRUE(log.waitFor(38));
     const int64_t playedAfter = monotonicNanoseconds();
     ASSERT_EQ(ChildProcess::run({"paplay", tone}), 0);
     const int64_t playedBefore = monotonicNanoseconds();
@@ -44,7 +44,7 @@ TEST(PulseAudioCaptureTest, RecordsTheSinkMonitorInContinuousTenMillisecondPacke
     EXPECT_EQ(log.packets().size(), packets.size()) << "packets after stop() returned";
 
     EXPECT_NEAR(toneFrequency(packets), 1000, 15);
-    ASSERT_GT(packets.size(), 100u);
+    ASSERT_GT(packets.size(), 25u);
     const PulseAudioCapture::Stats stats = capture.stats(PulseAudioCapture::Source::system);
     EXPECT_EQ(stats.dropped, 0);
     std::vector<int64_t> durations;
@@ -53,7 +53,7 @@ TEST(PulseAudioCaptureTest, RecordsTheSinkMonitorInContinuousTenMillisecondPacke
         const AudioRecord &p = packets[i];
         ASSERT_EQ(p.channels, 2);
         ASSERT_EQ(p.samples.size(), size_t(p.frames) * 2);
-        EXPECT_LE(p.frames, 720);
+        EXPECT_LE(p.frames, 1920 + 720);
         EXPECT_NEAR(double(p.duration), p.frames * 1e9 / 48000, 1);
         durations.push_back(p.duration);
         if (i > 0) {
@@ -65,7 +65,7 @@ TEST(PulseAudioCaptureTest, RecordsTheSinkMonitorInContinuousTenMillisecondPacke
     EXPECT_LE(breaks, stats.reanchors + stats.holes);
     EXPECT_LE(stats.reanchors, 5); // the null sink's latency settles, paplay joins and leaves
     std::nth_element(durations.begin(), durations.begin() + durations.size() / 2, durations.end());
-    EXPECT_NEAR(double(durations[durations.size() / 2]), 10e6, 1e6);
+    EXPECT_NEAR(double(durations[durations.size() / 2]), 40e6, 1e6);
 
     // The tone starts between paplay's start and end, on the monotonic clock.
     const std::vector<float> left = firstChannel(packets);
