@@ -19,6 +19,7 @@
 
 #include <QApplication>
 #include <QElapsedTimer>
+#include <QEventLoop>
 #include <QMainWindow>
 #include <QMenuBar>
 #include <QTimer>
@@ -40,6 +41,15 @@ long residentKilobytes()
             return std::stol(line.substr(6));
     }
     return 0;
+}
+
+// Runs the event loop for a while, sleeping when there is nothing to do. processEvents() in a
+// loop would never sleep and would measure its own spinning instead of the program.
+void waitIdle(int ms)
+{
+    QEventLoop loop;
+    QTimer::singleShot(ms, &loop, &QEventLoop::quit);
+    loop.exec();
 }
 
 // Reports once the window's content has been painted and the paint has reached the screen.
@@ -104,7 +114,7 @@ int armed(int argc, char **argv, bool windowOpen)
     QElapsedTimer waited;
     waited.start();
     while (!delegate.model().isClipping() && waited.elapsed() < 60000)
-        QCoreApplication::processEvents(QEventLoop::AllEvents, 50);
+        waitIdle(50);
     if (!delegate.model().isClipping()) {
         std::fprintf(stderr, "did not arm: %s\n", qPrintable(delegate.model().status()));
         return 1;
@@ -112,16 +122,10 @@ int armed(int argc, char **argv, bool windowOpen)
     if (!windowOpen && delegate.window())
         delegate.window()->close();
     // Let the start settle, then measure a still stretch.
-    auto spin = [](int ms) {
-        QElapsedTimer timer;
-        timer.start();
-        while (timer.elapsed() < ms)
-            QCoreApplication::processEvents(QEventLoop::AllEvents, 50);
-    };
-    spin(3000);
+    waitIdle(3000);
     const double cpu0 = bench::cpuSeconds(0);
     const auto start = std::chrono::steady_clock::now();
-    spin(10000);
+    waitIdle(10000);
     std::printf("cpu %.5f\n", (bench::cpuSeconds(0) - cpu0) / bench::secondsSince(start));
     std::fflush(stdout);
     delegate.applicationWillTerminate();
