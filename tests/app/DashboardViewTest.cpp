@@ -221,6 +221,7 @@ TEST_F(DashboardViewTest, SharingStatesPerClipAndForTheFolder)
     const ClipFile clip = clipNamed(QStringLiteral("a.mp4"));
     model->setClips({clip});
     openTab(QStringLiteral("tabLibrary"));
+    EXPECT_EQ(text(QStringLiteral("clipCount")), QStringLiteral("1 clip · full quality"));
     QWidget *library = child<QWidget>(view.get(), QStringLiteral("libraryPage"));
     QWidget *row = child<QWidget>(library, QStringLiteral("clipRow:a.mp4"));
     ASSERT_TRUE(waitUntil([row] { return row->isVisible(); }));
