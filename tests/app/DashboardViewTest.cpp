@@ -268,6 +268,7 @@ TEST_F(DashboardViewTest, SettingsKeyCaptureTogglesAndMeasuredMemory)
     EXPECT_EQ(text(QStringLiteral("keyNote")),
               QStringLiteral("Under Wayland, Vantrel needs to read the keyboard: add yourself to "
                              "the input group, then log in again."));
+    saveScreen(view.get(), QStringLiteral("settings-idle"));
     calls.clear();
     clickOn(button(QStringLiteral("changeKey")));
     EXPECT_EQ(calls, QStringList {QStringLiteral("changeHotkey")});
