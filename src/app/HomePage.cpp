@@ -4,8 +4,11 @@
 #include "app/ClipRow.h"
 #include "app/DashboardCallbacks.h"
 #include "app/DashboardStyle.h"
+#include "app/StatusTexts.h"
 #include "core/ClipSettings.h"
 #include "input/HotkeyManager.h"
+#include "input/InputAccess.h"
+#include "input/PermissionTexts.h"
 #include "promo/Palette.h"
 
 #include <QHBoxLayout>
@@ -80,7 +83,7 @@ HomePage::HomePage(AppModel &model, const DashboardCallbacks &callbacks, QWidget
     page->addLayout(actions);
 
     // Where the clip key does not reach other programs, say what makes it do so. On this
-    // desktop that is read access to the keyboards; clicking shows the full help.
+    // desktop that is read access to the keyboards; clicking shows the full help under it.
     m_keyNotice = new Card(this, QColor::fromRgbF(1.0f, 0.62f, 0.04f, 0.16f));
     m_keyNotice->setObjectName(QStringLiteral("keyNotice"));
     m_keyNotice->setClickable(true);
@@ -88,16 +91,21 @@ HomePage::HomePage(AppModel &model, const DashboardCallbacks &callbacks, QWidget
     notice->setContentsMargins(12, 9, 12, 9);
     notice->setSpacing(2);
     m_keyNoticeTitle = label(QString(), 12, QFont::DemiBold, orange, m_keyNotice);
-    auto *noticeText =
-        label(QStringLiteral("Under Wayland, Vantrel needs to read the keyboard: add "
-                             "yourself to the input group, then log in again."),
-              12, QFont::Normal, orange, m_keyNotice);
+    auto *noticeText = label(StatusTexts::keyAccessHint(), 12, QFont::Normal, orange, m_keyNotice);
+    noticeText->setObjectName(QStringLiteral("keyNoticeText"));
     noticeText->setWordWrap(true);
     notice->addWidget(m_keyNoticeTitle);
     notice->addWidget(noticeText);
-    connect(m_keyNotice, &Card::clicked, this,
-            [] { HotkeyManager::shared().openPermissionSettings(); });
+    connect(m_keyNotice, &Card::clicked, this, &HomePage::toggleKeyHelp);
     page->addWidget(m_keyNotice);
+    m_keyHelp = label(QString(), 12, QFont::Normal, Palette::white(0.7), this);
+    m_keyHelp->setObjectName(QStringLiteral("keyHelp"));
+    m_keyHelp->setWordWrap(true);
+    // The help holds a command to type; it can be selected and copied.
+    m_keyHelp->setTextInteractionFlags(Qt::TextSelectableByMouse);
+    m_keyHelp->setContentsMargins(12, 0, 12, 0);
+    m_keyHelp->hide();
+    page->addWidget(m_keyHelp);
 
     page->addSpacing(6);
     page->addWidget(caption(QStringLiteral("CLIP LENGTH"), this));
@@ -184,6 +192,25 @@ void HomePage::refreshKey()
     m_saveKey->setText(m_model.hotkeyName());
     m_keyNoticeTitle->setText(m_model.hotkeyName() + QStringLiteral(" only works in this window"));
     m_keyNotice->setVisible(!m_model.hotkeyWorksEverywhere());
+    if (m_model.hotkeyWorksEverywhere())
+        m_keyHelp->hide();
+}
+
+void HomePage::toggleKeyHelp()
+{
+    if (!m_keyHelp->isHidden()) {
+        m_keyHelp->hide();
+        return;
+    }
+    // Asking is a good moment to try the key's paths again: the user may just have joined the
+    // group. The help is worded for what works after that.
+    HotkeyManager &hotkeys = HotkeyManager::shared();
+    hotkeys.retryPaths();
+    if (m_model.hotkeyWorksEverywhere())
+        return;
+    m_keyHelp->setText(
+        PermissionTexts::hotkeyHelp(InputAccess::keyboardsReadable(), hotkeys.x11KeysWork()).text);
+    m_keyHelp->show();
 }
 
 void HomePage::refreshLengths()

@@ -23,6 +23,7 @@ public:
 private:
     void refreshState();
     void refreshKey();
+    void toggleKeyHelp();
     void refreshLengths();
     void refreshLatest();
 
@@ -36,6 +37,7 @@ private:
     QLabel *m_saveKey = nullptr;
     Card *m_keyNotice = nullptr;
     QLabel *m_keyNoticeTitle = nullptr;
+    QLabel *m_keyHelp = nullptr;
     QList<QPushButton *> m_lengths;
     ToggleSwitch *m_mic = nullptr;
     QVBoxLayout *m_latest = nullptr;

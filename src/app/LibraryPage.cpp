@@ -79,9 +79,12 @@ LibraryPage::LibraryPage(AppModel &model, const DashboardCallbacks &callbacks, Q
 void LibraryPage::refreshClips()
 {
     const QList<ClipFile> clips = m_model.clips();
-    m_count->setText(clips.isEmpty()
-                         ? QStringLiteral("No clips yet")
-                         : QString::number(clips.size()) + QStringLiteral(" clips · full quality"));
+    QString count = QStringLiteral("No clips yet");
+    if (clips.size() == 1)
+        count = QStringLiteral("1 clip · full quality");
+    else if (!clips.isEmpty())
+        count = QString::number(clips.size()) + QStringLiteral(" clips · full quality");
+    m_count->setText(count);
     while (QLayoutItem *item = m_rows->takeAt(0)) {
         delete item->widget();
         delete item;

@@ -3,6 +3,7 @@
 #include "app/AppModel.h"
 #include "app/DashboardCallbacks.h"
 #include "app/DashboardStyle.h"
+#include "app/StatusTexts.h"
 #include "promo/Palette.h"
 
 #include <QHBoxLayout>
@@ -145,11 +146,9 @@ void SettingsPage::refreshKey()
     const bool capturing = m_model.isCapturingHotkey();
     m_keyChip->setText(capturing ? QStringLiteral("Press a key…") : m_model.hotkeyName());
     m_change->setText(capturing ? QStringLiteral("Cancel") : QStringLiteral("Change"));
-    // On X11 the key already reaches every program; elsewhere it needs the keyboards.
-    m_keyNote->setText(m_model.hotkeyWorksEverywhere()
-                           ? QStringLiteral("Works in any app.")
-                           : QStringLiteral("Add yourself to the input group to use it "
-                                            "everywhere."));
+    // The same words as Home's notice, so the two never tell different stories.
+    m_keyNote->setText(m_model.hotkeyWorksEverywhere() ? QStringLiteral("Works in any app.")
+                                                       : StatusTexts::keyAccessHint());
 }
 
 void SettingsPage::refreshToggles()

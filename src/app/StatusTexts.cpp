@@ -53,4 +53,10 @@ QString forSession(const SessionOutcome &session)
     return {};
 }
 
+QString keyAccessHint()
+{
+    return QStringLiteral("Under Wayland, Vantrel needs to read the keyboard: add yourself to the "
+                          "input group, then log in again.");
+}
+
 } // namespace StatusTexts

@@ -21,4 +21,9 @@ QString forSavedClip(const WrittenFile &clip);
 // clip), why a file that was to be kept was lost, or empty when there was none to keep.
 QString forSession(const SessionOutcome &session);
 
+// What gives the clip key every application where it only works in our window. On X11 the key
+// already reaches every program through the X server; under Wayland it needs read access to
+// the keyboards, which the "input" group gives.
+QString keyAccessHint();
+
 } // namespace StatusTexts

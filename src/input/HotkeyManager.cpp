@@ -342,11 +342,15 @@ void HotkeyManager::stopPermissionPoll()
 
 void HotkeyManager::openPermissionSettings()
 {
-    PermissionNotifier::instance().post(PermissionTexts::hotkeyHelp(
-        InputAccess::keyboardsReadable(),
-        isPathInstalled(Path::x11Grab) || isPathInstalled(Path::xinputRaw)));
+    PermissionNotifier::instance().post(
+        PermissionTexts::hotkeyHelp(InputAccess::keyboardsReadable(), x11KeysWork()));
     if (!ScreenAccess::isGranted())
         openScreenRecordingSettings();
+    retryPaths();
+}
+
+void HotkeyManager::retryPaths()
+{
     installAll();
     startPermissionPoll();
     refreshGlobalState();

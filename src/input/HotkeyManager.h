@@ -85,9 +85,18 @@ public:
     // Tells the user (through PermissionNotifier) how to give the clip key access to every
     // application and what works without it, then retries the paths.
     void openPermissionSettings();
+    // Tries the missing paths again now, and every 1.5 s while armed: the user may just have
+    // been given access.
+    void retryPaths();
     void openScreenRecordingSettings();
 
     bool isPathInstalled(Path path) const;
+    // The clip key reaches other X11 applications (the X grab or XInput2), whether or not the
+    // keyboards can be read.
+    bool x11KeysWork() const
+    {
+        return isPathInstalled(Path::x11Grab) || isPathInstalled(Path::xinputRaw);
+    }
     // "keyboards, x11 grab, xinput2 raw, window, portal shortcut", or "none".
     QString installedPathsText() const;
     // What the user can do for the clip key to work in every application; empty when it does.

@@ -5,8 +5,12 @@
 #include "app/DashboardSidebar.h"
 #include "app/UpdatePanel.h"
 #include "cloud/AccountStore.h"
+#include "promo/AdsStore.h"
+#include "promo/RailCard.h"
+#include "promo/SponsoredRail.h"
 #include "update/UpdateStore.h"
 
+#include "BrowserCatcher.h"
 #include "cloud/ServiceTestSupport.h"
 #include "support/LocalHttpServer.h"
 #include "support/TestEnvironment.h"
@@ -66,6 +70,7 @@ TEST_F(DashboardAccountTest, SignedOutSignsInByTokenShowsTheProfileAndSignsOut)
     EXPECT_TRUE(shown(panel, QStringLiteral("signIn")));
     EXPECT_FALSE(shown(panel, QStringLiteral("signOut")));
     EXPECT_TRUE(showsText(panel, QStringLiteral("Sign in to share clips")));
+    saveScreen(&window, QStringLiteral("account-signed-out"));
 
     account.applyToken(token);
     ASSERT_TRUE(waitUntil([&] { return showsText(panel, QStringLiteral("Panel Kit")); }, 10000))
@@ -81,6 +86,57 @@ TEST_F(DashboardAccountTest, SignedOutSignsInByTokenShowsTheProfileAndSignsOut)
     ASSERT_TRUE(waitUntil([&] { return shown(panel, QStringLiteral("signIn")); }));
     EXPECT_FALSE(showsText(panel, QStringLiteral("Panel Kit")));
     EXPECT_FALSE(account.isSignedIn());
+
+    // Signing in again through the browser: the service's code waits under the button.
+    BrowserCatcher browser;
+    clickOn(child<QPushButton>(panel, QStringLiteral("signIn")));
+    ASSERT_TRUE(waitUntil([&] { return !account.loginCodeText().isEmpty(); }, 10000));
+    EXPECT_TRUE(showsText(panel, QStringLiteral("Code ") + account.loginCodeText()));
+    EXPECT_TRUE(showsText(panel, QStringLiteral("Finish signing in in your browser.")));
+    EXPECT_EQ(browser.opened.size(), 1);
+    saveScreen(&window, QStringLiteral("account-signed-out-pending"));
+    account.signOut();
+    EXPECT_FALSE(showsText(panel, QStringLiteral("Finish signing in"))) << "signing out drops it";
+}
+
+TEST_F(DashboardAccountTest, TheRailShowsTheServicesSponsorCards)
+{
+    const TestService service = TestService::fromEnvironment();
+    if (service.url.isEmpty())
+        GTEST_SKIP() << noServiceReason;
+    service.useInThisProcess();
+    ASSERT_TRUE(service.setAds(R"({"slots":[
+        {"id":"n","name":"Nimbus","line":"Fast builds for game clips"},
+        {"id":"o","name":"Orbit Hosting","line":"Share highlights at full quality"}]})"));
+    // Other tests expect the fixture's service without cards.
+    struct Restore
+    {
+        const TestService &service;
+        ~Restore() { service.setAds(R"({"slots":[]})"); }
+    } restore {service};
+
+    QWidget window;
+    QPalette dark = window.palette();
+    dark.setColor(QPalette::Window, QColor(18, 18, 22));
+    window.setPalette(dark);
+    window.setAutoFillBackground(true);
+    auto *column = new QVBoxLayout(&window);
+    column->setContentsMargins(0, 0, 0, 0);
+    AdsStore ads;
+    auto *rail = new SponsoredRail(ads, &window);
+    column->addWidget(rail);
+    window.resize(204, 600);
+    window.show();
+    ASSERT_TRUE(waitUntil([&] { return window.isVisible(); }));
+    saveScreen(&window, QStringLiteral("rail-placeholders-service"));
+
+    ads.refresh();
+    ASSERT_TRUE(waitUntil([&] { return ads.slotList().size() == 2; }, 10000))
+        << "the cards from the service";
+    EXPECT_EQ(ads.slotList()[0].name, QStringLiteral("Nimbus"));
+    EXPECT_EQ(ads.slotList()[1].line, QStringLiteral("Share highlights at full quality"));
+    ASSERT_EQ(rail->cards().size(), 2);
+    saveScreen(&window, QStringLiteral("rail-cards-service"));
 }
 
 TEST_F(DashboardAccountTest, ANewerReleaseShowsTheBadgeWhichOpensTheSheetUntilLater)

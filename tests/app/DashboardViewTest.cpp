@@ -6,11 +6,15 @@
 #include "app/SettingsPage.h"
 #include "core/ClipSettings.h"
 #include "core/Preferences.h"
+#include "input/HotkeyManager.h"
+#include "input/PermissionTexts.h"
 
 #include "support/TestEnvironment.h"
 #include "support/WidgetTesting.h"
 
 #include <QClipboard>
+#include <QDir>
+#include <QFile>
 #include <QGuiApplication>
 #include <QLabel>
 #include <QPushButton>
@@ -121,6 +125,47 @@ TEST_F(DashboardViewTest, HomeArmButtonStatePillAndMicrophoneFollowTheModel)
     EXPECT_FALSE(child<QWidget>(view.get(), QStringLiteral("keyNotice"))->isVisible());
 }
 
+TEST_F(DashboardViewTest, KeyNoticeOpensAndClosesItsHelpUnderIt)
+{
+    // A keyboard folder without keyboards: the help is the one that says how to get access.
+    const QString input = home() + QStringLiteral("/input");
+    ASSERT_TRUE(QDir().mkpath(input));
+    qputenv("VANTREL_INPUT_DIR", QFile::encodeName(input));
+    struct Restore
+    {
+        ~Restore() { qunsetenv("VANTREL_INPUT_DIR"); }
+    } restore;
+
+    QWidget *notice = child<QWidget>(view.get(), QStringLiteral("keyNotice"));
+    auto *help = child<QLabel>(view.get(), QStringLiteral("keyHelp"));
+    ASSERT_TRUE(notice && help);
+    ASSERT_TRUE(notice->isVisible());
+    EXPECT_FALSE(help->isVisible());
+    EXPECT_EQ(child<QLabel>(view.get(), QStringLiteral("keyNote"))->text(),
+              child<QLabel>(notice, QStringLiteral("keyNoticeText"))->text())
+        << "Settings tells the same story as Home";
+
+    clickOn(notice);
+    ASSERT_TRUE(help->isVisible());
+    // The X paths were retried by the click; the help is worded for what they gave.
+    EXPECT_EQ(help->text(),
+              PermissionTexts::hotkeyHelp(false, HotkeyManager::shared().x11KeysWork()).text);
+    EXPECT_TRUE(help->text().contains(QStringLiteral("usermod -aG input")));
+    EXPECT_TRUE(help->wordWrap());
+    EXPECT_GE(help->mapTo(view.get(), QPoint()).y(),
+              notice->mapTo(view.get(), QPoint(0, notice->height())).y())
+        << "under the notice";
+    saveScreen(view.get(), QStringLiteral("home-key-help"));
+
+    clickOn(notice);
+    EXPECT_FALSE(help->isVisible());
+    clickOn(notice);
+    EXPECT_TRUE(help->isVisible());
+    model->setHotkeyWorksEverywhere(true);
+    EXPECT_FALSE(notice->isVisible());
+    EXPECT_FALSE(help->isVisible()) << "no help for a key that already works everywhere";
+}
+
 TEST_F(DashboardViewTest, ClipLengthChangesTheSaveLabelAndTheSettingAtOnce)
 {
     QPushButton *save = button(QStringLiteral("save"));
@@ -176,6 +221,7 @@ TEST_F(DashboardViewTest, SharingStatesPerClipAndForTheFolder)
     const ClipFile clip = clipNamed(QStringLiteral("a.mp4"));
     model->setClips({clip});
     openTab(QStringLiteral("tabLibrary"));
+    EXPECT_EQ(text(QStringLiteral("clipCount")), QStringLiteral("1 clip · full quality"));
     QWidget *library = child<QWidget>(view.get(), QStringLiteral("libraryPage"));
     QWidget *row = child<QWidget>(library, QStringLiteral("clipRow:a.mp4"));
     ASSERT_TRUE(waitUntil([row] { return row->isVisible(); }));
@@ -220,7 +266,9 @@ TEST_F(DashboardViewTest, SettingsKeyCaptureTogglesAndMeasuredMemory)
     EXPECT_EQ(text(QStringLiteral("keyChip")), QStringLiteral("F12"));
     EXPECT_EQ(button(QStringLiteral("changeKey"))->text(), QStringLiteral("Change"));
     EXPECT_EQ(text(QStringLiteral("keyNote")),
-              QStringLiteral("Add yourself to the input group to use it everywhere."));
+              QStringLiteral("Under Wayland, Vantrel needs to read the keyboard: add yourself to "
+                             "the input group, then log in again."));
+    saveScreen(view.get(), QStringLiteral("settings-idle"));
     calls.clear();
     clickOn(button(QStringLiteral("changeKey")));
     EXPECT_EQ(calls, QStringList {QStringLiteral("changeHotkey")});

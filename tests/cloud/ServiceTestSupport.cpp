@@ -1,6 +1,7 @@
 #include "ServiceTestSupport.h"
 
 #include <QProcess>
+#include <QTemporaryFile>
 
 #include <optional>
 
@@ -60,5 +61,14 @@ QString TestService::issueToken(const QString &email) const
 bool TestService::revokeToken(const QString &token) const
 {
     return runService(*this, {QStringLiteral("token"), QStringLiteral("revoke"), token})
+        .has_value();
+}
+
+bool TestService::setAds(const QByteArray &json) const
+{
+    QTemporaryFile file;
+    if (!file.open() || file.write(json) != json.size() || !file.flush())
+        return false;
+    return runService(*this, {QStringLiteral("ads"), QStringLiteral("set"), file.fileName()})
         .has_value();
 }

@@ -21,6 +21,8 @@ struct TestService
     // `token issue`: a fresh bearer token for the user; empty on failure.
     QString issueToken(const QString &email) const;
     bool revokeToken(const QString &token) const;
+    // `ads set`: the sponsor cards the service hands out, as JSON; true on success.
+    bool setAds(const QByteArray &json) const;
 };
 
 // Why a test that needs the service cannot run, for GTEST_SKIP.

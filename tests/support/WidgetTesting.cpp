@@ -13,7 +13,7 @@ void clickOn(QWidget *widget, QPoint at)
 
 void saveScreen(QWidget *widget, const QString &name)
 {
-    const QString folder = qEnvironmentVariable("VANTREL_SCREENS_DIR");
+    const QString folder = qEnvironmentVariable("VANTREL_SCREENSHOT_DIR");
     if (folder.isEmpty() || !widget)
         return;
     QDir().mkpath(folder);

@@ -34,5 +34,5 @@ template<typename T = QWidget> T *child(const QObject *root, const QString &name
 // when the widget is not on screen (a hidden button cannot be clicked).
 void clickOn(QWidget *widget, QPoint at = {});
 
-// Saves a picture of `widget` as NAME.png in $VANTREL_SCREENS_DIR, when that is set.
+// Saves a picture of `widget` as NAME.png in $VANTREL_SCREENSHOT_DIR, when that is set.
 void saveScreen(QWidget *widget, const QString &name);
