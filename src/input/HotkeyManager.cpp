@@ -340,15 +340,6 @@ void HotkeyManager::stopPermissionPoll()
     m_pollTimer->stop();
 }
 
-void HotkeyManager::openPermissionSettings()
-{
-    PermissionNotifier::instance().post(
-        PermissionTexts::hotkeyHelp(InputAccess::keyboardsReadable(), x11KeysWork()));
-    if (!ScreenAccess::isGranted())
-        openScreenRecordingSettings();
-    retryPaths();
-}
-
 void HotkeyManager::retryPaths()
 {
     installAll();

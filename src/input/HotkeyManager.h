@@ -82,9 +82,6 @@ public:
     // Leaves capture mode without calling the handler.
     void cancelCapture();
 
-    // Tells the user (through PermissionNotifier) how to give the clip key access to every
-    // application and what works without it, then retries the paths.
-    void openPermissionSettings();
     // Tries the missing paths again now, and every 1.5 s while armed: the user may just have
     // been given access.
     void retryPaths();
