@@ -14,6 +14,8 @@
 
 #include <QScopeGuard>
 
+#include <sys/prctl.h>
+
 #include <chrono>
 #include <cmath>
 #include <future>
@@ -78,6 +80,10 @@ void ClipEngine::Capture::halt()
 ClipEngine::ClipEngine(ServiceFactory makeService)
     : m_makeService(std::move(makeService))
 {
+    // libx264 asks for transparent huge pages for its frame buffers, which rounds each of them
+    // up to 2 MB: about 7 MB more held for as long as the program is armed, hours beside a game,
+    // for no measurable gain in speed. The setting is the process's; nothing else here wants them.
+    prctl(PR_SET_THP_DISABLE, 1, 0, 0, 0);
 }
 
 ClipEngine::~ClipEngine()
