@@ -247,10 +247,9 @@ void ClipEngine::arm()
     config.width = size.width();
     config.height = size.height();
     config.fps = ClipSettings::fps;
-    // One frame being converted and encoded on the video queue, one being grabbed: each more
-    // would be another 8 MB of pixels held for a frame that is skipped anyway when the encoder
-    // falls behind.
-    config.queueDepth = 2;
+    // One frame being converted and encoded on the video queue, one waiting, one being grabbed:
+    // with only two, a save (which takes a core for a moment) made the capture skip frames.
+    config.queueDepth = 3;
     config.showsCursor = true;
     config.capturesAudio = true;
     config.sampleRate = AudioDefaults::sampleRate;
