@@ -19,6 +19,7 @@ fixture=tests/fixtures/wayland
 session=$work/session
 peer_pid=""
 
+. bench/lib/measure.sh
 cleanup() {
   [ -n "$peer_pid" ] && kill "$peer_pid" 2>/dev/null || true
   wait 2>/dev/null || true
@@ -27,10 +28,6 @@ cleanup() {
 }
 trap cleanup EXIT
 
-ticks() { sed 's/.*) //' "/proc/$1/stat" | awk '{print $12 + $13}'; }
-median() { sort -g | awk '{v[NR] = $1} END {print (NR % 2) ? v[(NR + 1) / 2] : (v[NR / 2] + v[NR / 2 + 1]) / 2}'; }
-field() { tr ' ' '\n' | sed -n "s/^$1=//p"; }
-hz=$(getconf CLK_TCK)
 
 start_session() {
   VANTREL_WAYLAND_TICK=0.01 "$fixture" start "$session" "$PWD/build/xdg-desktop-portal-wlr" 2>"$work/fixture.log" ||

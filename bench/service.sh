@@ -14,15 +14,8 @@ bin=$PWD/build/bin/vantrel-service
 runs=${SERVICE_BENCH_RUNS:-5}
 work=$(mktemp -d /tmp/vantrel-bench-service-XXXXXX)
 chmod 755 "$work"
-pids=()
-cleanup() {
-  for pid in "${pids[@]}"; do kill "$pid" 2>/dev/null || true; done
-  wait 2>/dev/null || true
-  rm -rf "$work"
-}
-trap cleanup EXIT
+. bench/lib/measure.sh
 
-median() { sort -g | awk '{v[NR] = $1} END {print (NR % 2) ? v[(NR + 1) / 2] : (v[NR / 2] + v[NR / 2 + 1]) / 2}'; }
 free_port() { python3 -c 'import socket; s = socket.socket(); s.bind(("127.0.0.1", 0)); print(s.getsockname()[1])'; }
 mb() { awk -v b="$1" 'BEGIN {printf "%.1f", b / 1e6}'; }
 rss_kb() { awk '/^VmRSS/ {print $2}' "/proc/$1/status"; }

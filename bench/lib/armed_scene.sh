@@ -5,20 +5,7 @@
 # on exit.
 
 work=$(mktemp -d /tmp/vantrel-armed-XXXXXX)
-pids=()
-
-cleanup() {
-  for pid in "${pids[@]}"; do kill "$pid" 2>/dev/null || true; done
-  wait 2>/dev/null || true
-  rm -rf "$work"
-}
-trap cleanup EXIT
-
-# utime + stime of a process, in clock ticks (the name field may hold blanks).
-ticks() { sed 's/.*) //' "/proc/$1/stat" | awk '{print $12 + $13}'; }
-median() { sort -g | awk '{v[NR] = $1} END {print (NR % 2) ? v[(NR + 1) / 2] : (v[NR / 2] + v[NR / 2 + 1]) / 2}'; }
-field() { tr ' ' '\n' | sed -n "s/^$1=//p"; }
-hz=$(getconf CLK_TCK)
+. bench/lib/measure.sh
 
 # A private X server at 1920x1080 (it picks a free display number itself) and audio server.
 exec 3>"$work/display"
