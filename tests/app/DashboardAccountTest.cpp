@@ -40,6 +40,15 @@ bool showsText(QWidget *root, const QString &text)
     return false;
 }
 
+// The dashboard's own background, so a picture shows a piece as the window does.
+void paintDashboardBackground(QWidget &window)
+{
+    QPalette dark = window.palette();
+    dark.setColor(QPalette::Window, QColor(18, 18, 22));
+    window.setPalette(dark);
+    window.setAutoFillBackground(true);
+}
+
 } // namespace
 
 TEST_F(DashboardAccountTest, SignedOutSignsInByTokenShowsTheProfileAndSignsOut)
@@ -55,11 +64,7 @@ TEST_F(DashboardAccountTest, SignedOutSignsInByTokenShowsTheProfileAndSignsOut)
 
     AccountStore &account = AccountStore::shared();
     QWidget window;
-    // The window's own background, so the picture shows the panel as the dashboard does.
-    QPalette dark = window.palette();
-    dark.setColor(QPalette::Window, QColor(18, 18, 22));
-    window.setPalette(dark);
-    window.setAutoFillBackground(true);
+    paintDashboardBackground(window);
     auto *column = new QVBoxLayout(&window);
     auto *panel = new AccountPanel(account, &window);
     column->addWidget(panel);
@@ -116,10 +121,7 @@ TEST_F(DashboardAccountTest, TheRailShowsTheServicesSponsorCards)
     } restore {service};
 
     QWidget window;
-    QPalette dark = window.palette();
-    dark.setColor(QPalette::Window, QColor(18, 18, 22));
-    window.setPalette(dark);
-    window.setAutoFillBackground(true);
+    paintDashboardBackground(window);
     auto *column = new QVBoxLayout(&window);
     column->setContentsMargins(0, 0, 0, 0);
     AdsStore ads;
