@@ -144,6 +144,21 @@ int run(int argc, char *argv[])
     av_log_set_level(AV_LOG_ERROR);
     QTextStream out(stdout);
 
+    // SIGTERM and SIGINT quit like the menu's Quit, so a session in progress is kept. Taken
+    // before launching goes on, so a stop asked for during it (a nested loop reading the secret
+    // store may see it) is kept for the main loop rather than lost.
+    bool quitAsked = false;
+    if (::socketpair(AF_UNIX, SOCK_STREAM, 0, signalPipe) == 0) {
+        auto *notifier = new QSocketNotifier(signalPipe[0], QSocketNotifier::Read, &app);
+        QObject::connect(notifier, &QSocketNotifier::activated, &app, [&quitAsked] {
+            char byte;
+            [[maybe_unused]] ssize_t n = ::read(signalPipe[0], &byte, 1);
+            quitAsked = true;
+            QCoreApplication::quit();
+        });
+        std::signal(SIGTERM, onTerminate);
+        std::signal(SIGINT, onTerminate);
+    }
     AppDelegate delegate;
     UpdateStore &updates = UpdateStore::shared();
     delegate.hooks.update = [&updates] { updates.applyOnLaunch(); };
@@ -157,19 +172,10 @@ int run(int argc, char *argv[])
     printPaths(out);
     out.flush();
 
-    // SIGTERM and SIGINT quit like the menu's Quit, so a session in progress is kept.
-    if (::socketpair(AF_UNIX, SOCK_STREAM, 0, signalPipe) == 0) {
-        auto *notifier = new QSocketNotifier(signalPipe[0], QSocketNotifier::Read, &app);
-        QObject::connect(notifier, &QSocketNotifier::activated, &app, [] {
-            char byte;
-            [[maybe_unused]] ssize_t n = ::read(signalPipe[0], &byte, 1);
-            QCoreApplication::quit();
-        });
-        std::signal(SIGTERM, onTerminate);
-        std::signal(SIGINT, onTerminate);
-    }
     QObject::connect(&app, &QCoreApplication::aboutToQuit, &delegate,
                      &AppDelegate::applicationWillTerminate);
+    if (quitAsked)
+        QMetaObject::invokeMethod(&app, &QCoreApplication::quit, Qt::QueuedConnection);
     return app.exec();
 }
 

@@ -1,5 +1,6 @@
 #include "capture/CaptureRecorders.h"
 
+#include <algorithm>
 #include <cmath>
 
 namespace capture_test {
@@ -16,24 +17,35 @@ std::vector<float> firstChannel(const std::vector<AudioRecord> &packets)
 
 double toneFrequency(const std::vector<AudioRecord> &packets, int sampleRate)
 {
-    std::vector<float> loud;
+    // The median spacing of upward zero crossings, placed between samples by interpolation:
+    // the silence around the tone (whole blocks of it when a block is only partly loud) and a
+    // glitch where a busy machine dropped audio move single spacings, not the median.
+    std::vector<double> spacings;
+    size_t loudSamples = 0;
     for (const AudioRecord &packet : packets) {
         double energy = 0;
         for (float s : packet.samples)
             energy += double(s) * s;
         const double rms = packet.samples.empty() ? 0 : std::sqrt(energy / packet.samples.size());
-        if (rms < 0.05)
+        if (rms < 0.05 || packet.channels <= 0)
             continue;
-        for (size_t i = 0; packet.channels > 0 && i < packet.samples.size();
-             i += size_t(packet.channels))
-            loud.push_back(packet.samples[i]);
+        const size_t step = size_t(packet.channels);
+        loudSamples += packet.samples.size() / step;
+        double last = -1;
+        for (size_t i = step, n = 1; i < packet.samples.size(); i += step, ++n) {
+            const float a = packet.samples[i - step], b = packet.samples[i];
+            if (!(a < 0 && b >= 0))
+                continue;
+            const double at = double(n) - 1 + double(-a) / double(b - a);
+            if (last >= 0)
+                spacings.push_back(at - last);
+            last = at;
+        }
     }
-    if (loud.size() < size_t(sampleRate) / 10)
+    if (loudSamples < size_t(sampleRate) / 10 || spacings.empty())
         return 0;
-    int crossings = 0;
-    for (size_t i = 1; i < loud.size(); ++i)
-        crossings += loud[i - 1] < 0 && loud[i] >= 0;
-    return crossings * double(sampleRate) / double(loud.size());
+    std::nth_element(spacings.begin(), spacings.begin() + spacings.size() / 2, spacings.end());
+    return double(sampleRate) / spacings[spacings.size() / 2];
 }
 
 } // namespace capture_test

@@ -155,8 +155,8 @@ private:
     std::vector<AudioRecord> m_packets;
 };
 
-// The frequency of the loudest stretch of the first channel: positive-going zero crossings per
-// second over the packets whose level stands clear of silence. 0 when nothing is audible.
+// The frequency heard in the first channel of the packets whose level stands clear of silence,
+// from the median spacing of its upward zero crossings. 0 when nothing is audible.
 double toneFrequency(const std::vector<AudioRecord> &packets, int sampleRate = 48000);
 
 // The first channel's samples of all packets, in order.
