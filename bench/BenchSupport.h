@@ -4,8 +4,10 @@
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
+#include <filesystem>
 #include <fstream>
 #include <iterator>
+#include <map>
 #include <sstream>
 #include <string>
 #include <vector>
@@ -31,10 +33,11 @@ inline double secondsSince(std::chrono::steady_clock::time_point start)
     return std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
 }
 
-// utime + stime of a process (0: this one), in seconds.
-inline double cpuSeconds(pid_t pid)
+// CPU seconds (user and system) of the process `pid` (0: this one), or of one of its threads when
+// `path` names /proc/self/task/TID/stat.
+inline double cpuSecondsFrom(const std::string &path)
 {
-    std::ifstream file("/proc/" + (pid ? std::to_string(pid) : std::string("self")) + "/stat");
+    std::ifstream file(path);
     std::string text((std::istreambuf_iterator<char>(file)), std::istreambuf_iterator<char>());
     // The command name may hold blanks; the fields after it are blank-separated.
     std::istringstream fields(text.substr(text.rfind(')') + 2));
@@ -45,6 +48,25 @@ inline double cpuSeconds(pid_t pid)
             ticks += std::stod(field);
     }
     return ticks / double(sysconf(_SC_CLK_TCK));
+}
+
+inline double cpuSeconds(pid_t pid)
+{
+    return cpuSecondsFrom("/proc/" + (pid ? std::to_string(pid) : std::string("self")) + "/stat");
+}
+
+// CPU seconds so far of each of this process's threads, by thread name (threads of one name
+// summed).
+inline std::map<std::string, double> threadCpuSeconds()
+{
+    std::map<std::string, double> out;
+    for (const auto &entry : std::filesystem::directory_iterator("/proc/self/task")) {
+        std::ifstream comm(entry.path() / "comm");
+        std::string name;
+        std::getline(comm, name);
+        out[name] += cpuSecondsFrom(entry.path() / "stat");
+    }
+    return out;
 }
 
 // Points HOME and the XDG folders at a fresh temporary folder, so a benchmark never reads or

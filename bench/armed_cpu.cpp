@@ -33,6 +33,7 @@
 
 #include <QCoreApplication>
 
+#include <malloc.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -50,15 +51,30 @@
 
 namespace {
 
-double residentMegabytes()
+// A line of /proc/self/status in megabytes, such as "VmRSS" or "RssAnon".
+double statusMegabytes(const std::string &key)
 {
     std::ifstream file("/proc/self/status");
     std::string line;
     while (std::getline(file, line)) {
-        if (line.rfind("VmRSS:", 0) == 0)
-            return std::stod(line.substr(6)) / 1024.0;
+        if (line.rfind(key + ':', 0) == 0)
+            return std::stod(line.substr(key.size() + 1)) / 1024.0;
     }
     return 0;
+}
+
+// Where the resident memory is: the program's own (anonymous), its libraries' pages, shared
+// memory, and of the heap what malloc holds free (fragmentation and arenas kept for reuse).
+std::string memoryBreakdown()
+{
+    const struct mallinfo2 heap = mallinfo2();
+    char text[200];
+    std::snprintf(text, sizeof text,
+                  " anon_mb=%.1f file_mb=%.1f shmem_mb=%.1f heap_free_mb=%.1f heap_mapped_mb=%.1f",
+                  statusMegabytes("RssAnon"), statusMegabytes("RssFile"),
+                  statusMegabytes("RssShmem"), double(heap.fordblks) / 1048576.0,
+                  double(heap.hblkhd) / 1048576.0);
+    return text;
 }
 
 double payloadMegabytes(ReplayBuffer &buffer)
@@ -228,6 +244,7 @@ int main(int argc, char **argv)
     sleepSeconds(settle);
 
     const double cpu0 = bench::cpuSeconds(0);
+    const std::map<std::string, double> threads0 = bench::threadCpuSeconds();
     const int64_t delivered0 = engine.framesDelivered();
     const int64_t encoded0 = engine.framesIn();
     const auto t0 = std::chrono::steady_clock::now();
@@ -268,9 +285,27 @@ int main(int argc, char **argv)
     const double cpu = (bench::cpuSeconds(0) - cpu0) / elapsed * 100;
     const double fps = double(engine.framesDelivered() - delivered0) / elapsed;
     const double encoded = double(engine.framesIn() - encoded0) / elapsed;
-    std::printf("cpu=%.2f fps=%.2f encoded=%.2f rss_mb=%.1f payload_mb=%.1f buffered_s=%.1f%s\n",
-                cpu, fps, encoded, residentMegabytes(), payloadMegabytes(engine.buffer()),
-                engine.bufferedDuration(), saveFigures.c_str());
+    // Each thread's share over the stretch, the busiest first: where a still screen's cost goes.
+    std::vector<std::pair<double, std::string>> busiest;
+    for (const auto &[name, seconds] : bench::threadCpuSeconds()) {
+        const auto before = threads0.find(name);
+        const double share =
+            (seconds - (before == threads0.end() ? 0 : before->second)) / elapsed * 100;
+        if (share >= 0.05)
+            busiest.emplace_back(share, name);
+    }
+    std::sort(busiest.rbegin(), busiest.rend());
+    std::string threadFigures = " threads=";
+    for (const auto &[share, name] : busiest) {
+        char text[80];
+        std::snprintf(text, sizeof text, "%s%s:%.2f", threadFigures.size() > 9 ? "," : "",
+                      name.c_str(), share);
+        threadFigures += text;
+    }
+    std::printf("cpu=%.2f fps=%.2f encoded=%.2f rss_mb=%.1f payload_mb=%.1f buffered_s=%.1f%s%s%s\n",
+                cpu, fps, encoded, statusMegabytes("VmRSS"), payloadMegabytes(engine.buffer()),
+                engine.bufferedDuration(), memoryBreakdown().c_str(), saveFigures.c_str(),
+                threadFigures.c_str());
     std::fflush(stdout);
     engine.stop(false).waitForFinished();
     return 0;

@@ -138,10 +138,13 @@ double runPeer(const Case &c, const QString &folder)
     if (c.mic)
         args << "-map"
              << "2:a";
+    // The same AAC encoder settings as ours.
     args << "-c:v"
          << "copy"
          << "-c:a"
          << "aac"
+         << "-aac_coder"
+         << "fast"
          << "-b:a"
          << "192k" << out;
 

@@ -138,7 +138,7 @@ std::vector<Unit> annexBUnits(std::span<const uint8_t> data)
     return units;
 }
 
-Bytes lengthPrefixed(std::span<const Unit> units)
+Bytes lengthPrefixed(std::span<const Unit> units, BytesArena *arena)
 {
     std::vector<std::span<const uint8_t>> pieces;
     std::vector<std::array<uint8_t, 4>> lengths(units.size());
@@ -149,7 +149,7 @@ Bytes lengthPrefixed(std::span<const Unit> units)
         pieces.emplace_back(lengths[i]);
         pieces.push_back(units[i]);
     }
-    return Bytes::concatRange(pieces);
+    return Bytes::concatRange(pieces, arena);
 }
 
 std::vector<uint8_t> avcC(std::span<const Unit> units)

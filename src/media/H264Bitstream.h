@@ -25,7 +25,7 @@ inline uint8_t nalType(Unit unit)
 std::vector<Unit> annexBUnits(std::span<const uint8_t> data);
 
 // The units one after another, each behind its 4-byte big-endian length.
-Bytes lengthPrefixed(std::span<const Unit> units);
+Bytes lengthPrefixed(std::span<const Unit> units, BytesArena *arena = nullptr);
 
 // An avcC record (4-byte lengths) from the SPS and PPS among `units`; the other units are ignored.
 // Empty when there is no usable SPS or no PPS. For the High profiles it carries the chroma format

@@ -256,9 +256,9 @@ void VideoEncoder::deliver(const AVPacket &packet)
         const auto units = H264Bitstream::annexBUnits(data);
         if (isKey && !m_format)
             adoptFormat(units);
-        payload = H264Bitstream::lengthPrefixed(units);
+        payload = H264Bitstream::lengthPrefixed(units, &m_payloads);
     } else {
-        payload = Bytes::copy(data);
+        payload = Bytes::copy(data, &m_payloads);
     }
     if (payload.empty())
         return;

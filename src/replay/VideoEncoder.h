@@ -1,5 +1,6 @@
 #pragma once
 
+#include "media/BytesArena.h"
 #include "media/EncodedFrame.h"
 #include "media/FFmpegHandles.h"
 #include "media/MediaFormat.h"
@@ -92,6 +93,8 @@ private:
     int m_height = 0;
     AVPixelFormat m_inputFormat = AV_PIX_FMT_NONE;
     bool m_annexB = true; // how the encoder writes its packets
+    // The frames handed on live here: the replay buffer keeps them in order for minutes.
+    BytesArena m_payloads;
 
     FFmpeg::CodecContextPtr m_context;
     FFmpeg::BufferPtr m_hwFrames;

@@ -154,6 +154,21 @@ std::optional<std::string> X11FrameGrabber::poll()
     return std::nullopt;
 }
 
+bool X11FrameGrabber::readQueuedEvents()
+{
+    bool any = false;
+    while (Xcb::Event event {xcb_poll_for_queued_event(m_x.connection.get())}) {
+        readEvent(*event);
+        any = true;
+    }
+    return any;
+}
+
+int X11FrameGrabber::connectionSocket() const
+{
+    return xcb_get_file_descriptor(m_x.connection.get());
+}
+
 void X11FrameGrabber::readEvent(const xcb_generic_event_t &event)
 {
     const uint8_t type = event.response_type & 0x7f;

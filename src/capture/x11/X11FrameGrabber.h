@@ -31,6 +31,11 @@ public:
     // connection died, the monitor went away or changed size), otherwise nothing.
     std::optional<std::string> poll();
 
+    // Looks at the events already read from the connection without reading it further, as poll()
+    // would; true when there were any. The connection's socket is quiet only once this is false.
+    bool readQueuedEvents();
+    int connectionSocket() const;
+
     // Whether anything on the monitor (pixels, pointer position or shape) may have changed since
     // the last grab. Without the Damage extension this is always true.
     bool hasChanges() const;

@@ -7,12 +7,19 @@
 #include "core/Log.h"
 #include "media/MonotonicClock.h"
 
+#include <poll.h>
 #include <pthread.h>
+#include <sys/eventfd.h>
+#include <unistd.h>
 
-#include <chrono>
+#include <algorithm>
 #include <stdexcept>
 
 namespace {
+
+// While the screen is still, a tick every this many frames: the pointer's moves (which the X
+// server does not report) are seen within as long; everything else wakes the thread at once.
+constexpr int64_t restingEvery = 4;
 
 StreamConfiguration effective(const CaptureDisplay &display, StreamConfiguration config)
 {
@@ -32,6 +39,7 @@ X11ScreenStream::X11ScreenStream(const CaptureDisplay &display, const StreamConf
     : m_display(display)
     , m_config(effective(display, config))
     , m_displayName(std::move(displayName))
+    , m_stopEvent(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK))
 {
 }
 
@@ -40,6 +48,8 @@ X11ScreenStream::~X11ScreenStream()
     stopCapture();
     if (m_thread.joinable())
         m_thread.join();
+    if (m_stopEvent >= 0)
+        close(m_stopEvent);
 }
 
 void X11ScreenStream::addScreenOutput(SerialQueue &queue, FrameHandler handler)
@@ -86,11 +96,9 @@ void X11ScreenStream::stopCapture()
 {
     // From here on the stream ends quietly: a failure racing with this stop is not reported.
     m_ended.store(true);
-    {
-        std::scoped_lock lock(m_wakeLock);
-        m_stopRequested = true;
-    }
-    m_wake.notify_all();
+    m_stopRequested.store(true);
+    if (m_stopEvent >= 0)
+        [[maybe_unused]] const ssize_t written = write(m_stopEvent, "\1\0\0\0\0\0\0\0", 8);
     // Called from the capture thread itself (a stop or start handler), the thread cannot be
     // joined here; it leaves its loop as soon as the handler returns, and the destructor joins.
     if (m_thread.joinable() && m_thread.get_id() != std::this_thread::get_id())
@@ -145,28 +153,47 @@ void X11ScreenStream::run(StartCompletion completion)
                     .arg(counts.late));
 }
 
+X11ScreenStream::Wake X11ScreenStream::sleepUntil(int64_t when, int xConnection)
+{
+    for (;;) {
+        if (m_stopRequested.load())
+            return Wake::stopped;
+        const int64_t left = when - monotonicNanoseconds();
+        if (left <= 0)
+            return Wake::due;
+        pollfd watched[2] = {{m_stopEvent, POLLIN, 0}, {xConnection, POLLIN, 0}};
+        const timespec timeout {time_t(left / 1'000'000'000), long(left % 1'000'000'000)};
+        if (ppoll(watched, xConnection >= 0 ? 2 : 1, &timeout, nullptr) > 0 &&
+            watched[1].revents != 0 && watched[0].revents == 0)
+            return Wake::xEvent;
+    }
+}
+
 void X11ScreenStream::captureLoop(X11FrameGrabber &grabber, PixelBufferPool &pool)
 {
-    using namespace std::chrono;
     const int64_t fps = m_config.fps;
     const int64_t start = monotonicNanoseconds();
     // Every tick's time comes from its index, never from the previous tick, so lateness in one
     // tick does not push the following ones back.
     const auto due = [&](int64_t index) { return start + index * 1'000'000'000 / fps; };
+    const auto slotNow = [&] { return (monotonicNanoseconds() - start) * fps / 1'000'000'000; };
+    int64_t stillTicks = 0;
     for (int64_t index = 0;; ++index) {
-        {
-            // steady_clock is CLOCK_MONOTONIC, the clock `start` was read from.
-            std::unique_lock lock(m_wakeLock);
-            m_wake.wait_until(lock, steady_clock::time_point(nanoseconds(due(index))),
-                              [this] { return m_stopRequested; });
-            if (m_stopRequested)
+        // Resting: the slots between checks are passed over (not lost: nothing changed), and a
+        // change the server reports runs a tick in the slot under way.
+        if (stillTicks >= fps && !grabber.readQueuedEvents()) {
+            const int64_t check = (index + restingEvery - 1) / restingEvery * restingEvery;
+            if (sleepUntil(due(check), grabber.connectionSocket()) == Wake::stopped)
                 return;
+            index = std::max(index, slotNow());
         }
-        tick(grabber, pool, due(index), monotonicNanoseconds());
+        if (sleepUntil(due(index)) == Wake::stopped)
+            return;
+        stillTicks = tick(grabber, pool, due(index), monotonicNanoseconds()) ? 0 : stillTicks + 1;
         if (m_ended.load())
             return;
         // Ticks whose whole slot has passed are skipped; the one whose slot we are in runs now.
-        const int64_t current = (monotonicNanoseconds() - start) * fps / 1'000'000'000;
+        const int64_t current = slotNow();
         if (current > index + 1) {
             m_late.fetch_add(current - index - 1);
             index = current - 1;
@@ -174,17 +201,18 @@ void X11ScreenStream::captureLoop(X11FrameGrabber &grabber, PixelBufferPool &poo
     }
 }
 
-void X11ScreenStream::tick(X11FrameGrabber &grabber, PixelBufferPool &pool, int64_t slot,
+bool X11ScreenStream::tick(X11FrameGrabber &grabber, PixelBufferPool &pool, int64_t slot,
                            int64_t now)
 {
-    if (std::optional<std::string> why = grabber.poll())
-        return end(*why);
-    if (m_audio) {
-        if (std::optional<std::string> why = m_audio->failure())
-            return end(*why);
+    std::optional<std::string> why = grabber.poll();
+    if (!why && m_audio)
+        why = m_audio->failure();
+    if (why) {
+        end(*why);
+        return true;
     }
     if (!m_screen)
-        return;
+        return false;
 
     const MediaTime duration = MediaTime::make(1, m_config.fps);
     if (!grabber.hasChanges()) {
@@ -193,7 +221,7 @@ void X11ScreenStream::tick(X11FrameGrabber &grabber, PixelBufferPool &pool, int6
         // handing the consumer an empty frame every tick (or at every missed draw of a
         // stuttering program) would wake its thread for nothing.
         if (m_lastIdlePost >= 0 && now - m_lastIdlePost < 1'000'000'000)
-            return;
+            return false;
         m_lastIdlePost = now;
         const VideoFrame frame {nullptr,
                                 nullptr,
@@ -205,21 +233,21 @@ void X11ScreenStream::tick(X11FrameGrabber &grabber, PixelBufferPool &pool, int6
                                 VideoFrame::Status::idle};
         const bool posted = m_screen->post([handler = m_frameHandler, frame] { handler(frame); });
         (posted ? m_idle : m_skipped).fetch_add(1);
-        return;
+        return false;
     }
     // Without a free buffer, or with the consumer behind, the frame is skipped before the grab
     // costs anything; the damage stays pending, so the next tick grabs.
     std::shared_ptr<PixelBufferPool::Buffer> buffer = pool.acquire();
     if (!buffer || m_screen->inFlight() >= m_config.queueDepth) {
         m_skipped.fetch_add(1);
-        return;
+        return true;
     }
     // Stamped with its slot rather than the moment of the grab: a late tick and the one after it
     // then stay a whole frame apart, as players and muxers expect of a 60 fps stream, and the
     // picture is off by less than one frame.
     if (!grabber.grab(*buffer)) {
         m_skipped.fetch_add(1);
-        return;
+        return true;
     }
     const VideoFrame frame {
         buffer,           buffer->data(),       buffer->stride(), buffer->width(),
@@ -227,6 +255,7 @@ void X11ScreenStream::tick(X11FrameGrabber &grabber, PixelBufferPool &pool, int6
     const bool posted = m_screen->post([handler = m_frameHandler, frame] { handler(frame); });
     (posted ? m_complete : m_skipped).fetch_add(1);
     m_lastIdlePost = now;
+    return true;
 }
 
 void X11ScreenStream::end(const std::string &why)

@@ -3,10 +3,8 @@
 #include "capture/ScreenStream.h"
 
 #include <atomic>
-#include <condition_variable>
 #include <cstdint>
 #include <memory>
-#include <mutex>
 #include <string>
 #include <thread>
 
@@ -44,7 +42,12 @@ private:
     void run(StartCompletion completion);
     void captureLoop(X11FrameGrabber &grabber, PixelBufferPool &pool);
     // `slot` is the tick's place on the frame grid, which stamps its frame; `now` is when it ran.
-    void tick(X11FrameGrabber &grabber, PixelBufferPool &pool, int64_t slot, int64_t now);
+    // False when nothing on the monitor changed.
+    bool tick(X11FrameGrabber &grabber, PixelBufferPool &pool, int64_t slot, int64_t now);
+    enum class Wake { due, stopped, xEvent };
+    // Sleeps until the monotonic time `when`, a stop, or (given its socket) news from the X
+    // server, whichever comes first.
+    Wake sleepUntil(int64_t when, int xConnection = -1);
     void end(const std::string &why);
 
     const CaptureDisplay m_display;
@@ -58,9 +61,8 @@ private:
     StopHandler m_stopHandler;
 
     std::thread m_thread;
-    std::mutex m_wakeLock; // guards m_stopRequested; the capture thread sleeps on m_wake
-    std::condition_variable m_wake;
-    bool m_stopRequested = false;
+    std::atomic<bool> m_stopRequested {false};
+    int m_stopEvent = -1; // an eventfd, readable once a stop was asked for
     std::atomic<bool> m_ended {false}; // the stop handler was called, or stopCapture() was
     std::atomic<bool> m_stopped {false}; // stopCapture() has run its course once
 
