@@ -296,7 +296,8 @@ int main(int argc, char **argv)
     }
     std::sort(busiest.rbegin(), busiest.rend());
     std::string threadFigures = " threads=";
-    for (const auto &[share, name] : busiest) {
+    for (auto &[share, name] : busiest) {
+        std::replace(name.begin(), name.end(), ' ', '_'); // the line stays key=value words
         char text[80];
         std::snprintf(text, sizeof text, "%s%s:%.2f", threadFigures.size() > 9 ? "," : "",
                       name.c_str(), share);
@@ -304,8 +305,8 @@ int main(int argc, char **argv)
     }
     std::printf("cpu=%.2f fps=%.2f encoded=%.2f rss_mb=%.1f payload_mb=%.1f buffered_s=%.1f%s%s%s\n",
                 cpu, fps, encoded, statusMegabytes("VmRSS"), payloadMegabytes(engine.buffer()),
-                engine.bufferedDuration(), memoryBreakdown().c_str(), saveFigures.c_str(),
-                threadFigures.c_str());
+                engine.bufferedDuration(), memoryBreakdown().c_str(), threadFigures.c_str(),
+                saveFigures.c_str());
     std::fflush(stdout);
     engine.stop(false).waitForFinished();
     return 0;

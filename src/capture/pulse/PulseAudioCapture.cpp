@@ -2,6 +2,7 @@
 
 #include "capture/QueueDelivery.h"
 #include "capture/pulse/AudioClock.h"
+#include "core/Log.h"
 #include "media/BytesArena.h"
 #include "media/MonotonicClock.h"
 
@@ -15,11 +16,12 @@
 namespace {
 
 constexpr int64_t packetNanoseconds = 10'000'000;
-// The server is asked to deliver about this much at a time, and stamped packets that follow on
-// from each other are handed on together in blocks of about this length: each delivery wakes this
-// thread, and each hand-over the consumer's queue, the session writer and its AAC encoder; on a
-// still screen those wake-ups are much of what an armed program costs. Within a delivery the
-// clock still stamps 10 ms packets, each from the delivery's measured time.
+// Stamped packets that follow on from each other are handed on together, in blocks of about this
+// length: each hand-over wakes the consumer's queue, the session writer and its AAC encoder, and
+// on a still screen those wake-ups are much of what an armed program costs. The server keeps
+// delivering (and the clock keeps measuring) every 10 ms: asked for 40 ms deliveries, the
+// capture-time estimates jittered past the clock's tolerance, and the timeline moved (cutting or
+// padding the sound) a few times in every half minute instead of once or twice at the start.
 constexpr int64_t blockNanoseconds = 40'000'000;
 // The capture-time estimate jitters by a millisecond or two with thread scheduling; a drift past
 // this that lasts (AudioClock's patience) is a real gap, or the sound card's clock running apart.
@@ -181,13 +183,13 @@ void PulseAudioCapture::startLocked()
                                        uint8_t(m_channels)};
     pa_channel_map map;
     pa_channel_map_init_auto(&map, sampleFormat.channels, PA_CHANNEL_MAP_DEFAULT);
-    // fragsize asks the server to hand over about a block at a time; the rest is left to it.
+    // fragsize asks the server to hand over about 10 ms at a time; the rest is left to it.
     pa_buffer_attr attributes;
     attributes.maxlength = uint32_t(-1);
     attributes.tlength = uint32_t(-1);
     attributes.prebuf = uint32_t(-1);
     attributes.minreq = uint32_t(-1);
-    attributes.fragsize = uint32_t(pa_usec_to_bytes(blockNanoseconds / 1000, &sampleFormat));
+    attributes.fragsize = uint32_t(pa_usec_to_bytes(packetNanoseconds / 1000, &sampleFormat));
     const auto flags = pa_stream_flags_t(PA_STREAM_ADJUST_LATENCY | PA_STREAM_AUTO_TIMING_UPDATE |
                                          PA_STREAM_INTERPOLATE_TIMING);
 
@@ -253,6 +255,15 @@ void PulseAudioCapture::stop(bool waitForHandlers)
             recording->stream.reset();
             // The last few packets of a block still being gathered go out too.
             handOn(*recording);
+            // A timeline that moved often, or cut samples, is heard as clicks in the clips.
+            Log::system(QStringLiteral("audio %1 blocks=%2 dropped=%3 holes=%4 reanchors=%5 "
+                                       "cut=%6")
+                            .arg(recording->source == Source::system ? "system" : "microphone")
+                            .arg(recording->packets.load())
+                            .arg(recording->dropped.load())
+                            .arg(recording->holes.load())
+                            .arg(recording->reanchors.load())
+                            .arg(recording->cutSamples.load()));
         }
         m_context.reset();
         m_loop.reset();
@@ -368,8 +379,8 @@ void PulseAudioCapture::deliver(Recording &recording, const uint8_t *data, size_
     const size_t frameBytes = size_t(m_channels) * 4;
     const int64_t frames = int64_t(bytes / frameBytes);
     const int64_t packetFrames = int64_t(m_sampleRate) * packetNanoseconds / 1'000'000'000;
-    // A delivery is stamped in 10 ms packets (a short rest is left on the last one rather than
-    // stamped as a sliver), which are gathered into blocks as they abut.
+    // The server mostly hands over 10 ms at a time; larger chunks are stamped as 10 ms packets (a
+    // short rest is left on the last one rather than stamped as a sliver), gathered into blocks.
     int64_t count = 0;
     for (int64_t offset = 0; offset < frames; offset += count) {
         const int64_t left = frames - offset;
