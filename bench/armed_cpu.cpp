@@ -245,6 +245,7 @@ int main(int argc, char **argv)
 
     const double cpu0 = bench::cpuSeconds(0);
     const std::map<std::string, double> threads0 = bench::threadCpuSeconds();
+    const ScreenStream::Stats capture0 = engine.captureStats();
     const int64_t delivered0 = engine.framesDelivered();
     const int64_t encoded0 = engine.framesIn();
     const auto t0 = std::chrono::steady_clock::now();
@@ -295,11 +296,20 @@ int main(int argc, char **argv)
             busiest.emplace_back(share, name);
     }
     std::sort(busiest.rbegin(), busiest.rend());
-    std::string threadFigures = " threads=";
+    // The capture's own view of the stretch: frames it could not hand on (no free buffer, the
+    // encoder behind), ticks it missed, and ticks that found nothing new to grab.
+    const ScreenStream::Stats capture1 = engine.captureStats();
+    char captureText[120];
+    std::snprintf(captureText, sizeof captureText, " skipped_all=%lld late_all=%lld unchanged=%lld",
+                  (long long)(capture1.skipped - capture0.skipped),
+                  (long long)(capture1.late - capture0.late),
+                  (long long)(capture1.unchanged - capture0.unchanged));
+    std::string threadFigures = captureText;
+    threadFigures += " threads=";
     for (auto &[share, name] : busiest) {
         std::replace(name.begin(), name.end(), ' ', '_'); // the line stays key=value words
         char text[80];
-        std::snprintf(text, sizeof text, "%s%s:%.2f", threadFigures.size() > 9 ? "," : "",
+        std::snprintf(text, sizeof text, "%s%s:%.2f", threadFigures.back() != '=' ? "," : "",
                       name.c_str(), share);
         threadFigures += text;
     }

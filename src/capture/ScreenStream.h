@@ -51,11 +51,13 @@ enum class StreamOutputType { screen, audio, microphone };
 
 // A running capture of one display with its audio: the platform's screen-capture stream. Outputs
 // are delivered one sample at a time on the serial queue given for each; the samples' memory is
-// valid until the handler returns (frames keep theirs alive through `VideoFrame::owner`).
+// valid until the handler returns (frames keep theirs alive through `VideoFrame::owner`). A frame
+// is handed over to its handler to keep: the capture's buffer goes back to its pool as soon as the
+// handler lets go of `owner`, which may be before it returns.
 class ScreenStream
 {
 public:
-    using FrameHandler = std::function<void(const VideoFrame &)>;
+    using FrameHandler = std::function<void(VideoFrame)>;
     using AudioHandler = std::function<void(const AudioSampleBuffer &)>;
     // The stream ended on its own (the X server went away, the display was unplugged, the
     // audio server died); the text says why. Called at most once, on any thread, and never

@@ -328,7 +328,7 @@ void ClipEngine::addOutputs(Capture &capture, bool mic)
         capture.micQueue = std::make_unique<SerialQueue>("com.quillfen.vantrel.mic", "vt-mic");
 
     // The handlers only route: encoding and storing happen in the replay buffer.
-    capture.stream->addScreenOutput(*capture.videoQueue, [this](const VideoFrame &frame) {
+    capture.stream->addScreenOutput(*capture.videoQueue, [this](VideoFrame frame) {
         if (!m_armed)
             return;
         ++m_framesDelivered;
@@ -337,7 +337,7 @@ void ClipEngine::addOutputs(Capture &capture, bool mic)
             return;
         }
         ++m_framesIn;
-        m_encoder->encode(frame);
+        m_encoder->encode(std::move(frame));
     });
     capture.stream->addAudioOutput(StreamOutputType::audio, *capture.audioQueue,
                                    [this](const AudioSampleBuffer &sample) {

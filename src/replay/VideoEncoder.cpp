@@ -106,8 +106,9 @@ void VideoEncoder::open(int64_t width, int64_t height)
             VideoFormat {m_width, m_height, {extradata.begin(), extradata.end()}});
 }
 
-void VideoEncoder::encode(const VideoFrame &frame)
+void VideoEncoder::encode(VideoFrame &&frame)
 {
+    std::shared_ptr<const void> pixels = std::move(frame.owner);
     // An idle frame repeats the picture before it: there is nothing new to encode.
     if (!frame.pixels || frame.status != VideoFrame::Status::complete)
         return;
@@ -122,6 +123,7 @@ void VideoEncoder::encode(const VideoFrame &frame)
         reportSubmission(picture ? AVERROR(EINVAL) : AVERROR(ENOMEM), ordinal);
         return;
     }
+    pixels.reset();
     submit(*picture, frame.pts, frame.duration, ordinal);
 }
 

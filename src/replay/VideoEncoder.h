@@ -49,8 +49,10 @@ public:
     // Encodes one captured frame. Idle frames and frames without pixels carry nothing new and
     // are ignored. A failed submission among the first five frames handed over is reported in
     // the system log ("encode status <status>"), later ones are silent. Call from one thread at
-    // a time.
-    void encode(const VideoFrame &frame);
+    // a time. Given the frame to keep, the encoder lets go of its pixels (`owner`) as soon as
+    // they are converted, before the encoder proper runs, so the capture can reuse the buffer.
+    void encode(VideoFrame &&frame);
+    void encode(const VideoFrame &frame) { encode(VideoFrame(frame)); }
     // The same for a picture already in the encoder's input format (inputFormat(), at the
     // encoder's size), taken as it is: a file's or another converter's frames.
     void encode(const AVFrame &picture, MediaTime pts, MediaTime duration);

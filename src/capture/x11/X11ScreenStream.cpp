@@ -122,8 +122,10 @@ void X11ScreenStream::run(StartCompletion completion)
     try {
         grabber = std::make_unique<X11FrameGrabber>(m_displayName, m_display, m_config.width,
                                                     m_config.height, m_config.showsCursor);
-        pool =
-            std::make_unique<PixelBufferPool>(m_config.queueDepth, m_config.width, m_config.height);
+        // One buffer fewer than frames in flight: the frame being encoded has given its pixels
+        // back once they were converted, and only the frames still waiting hold one.
+        pool = std::make_unique<PixelBufferPool>(std::max(1, m_config.queueDepth - 1),
+                                                 m_config.width, m_config.height);
         grabber->attach(*pool);
         if (m_audio)
             m_audio->start();
@@ -231,7 +233,8 @@ bool X11ScreenStream::tick(X11FrameGrabber &grabber, PixelBufferPool &pool, int6
                                 nanosecondTime(slot),
                                 duration,
                                 VideoFrame::Status::idle};
-        const bool posted = m_screen->post([handler = m_frameHandler, frame] { handler(frame); });
+        const bool posted = m_screen->post(
+            [handler = m_frameHandler, frame]() mutable { handler(std::move(frame)); });
         (posted ? m_idle : m_skipped).fetch_add(1);
         return false;
     }
@@ -252,7 +255,8 @@ bool X11ScreenStream::tick(X11FrameGrabber &grabber, PixelBufferPool &pool, int6
     const VideoFrame frame {
         buffer,           buffer->data(),       buffer->stride(), buffer->width(),
         buffer->height(), nanosecondTime(slot), duration,         VideoFrame::Status::complete};
-    const bool posted = m_screen->post([handler = m_frameHandler, frame] { handler(frame); });
+    const bool posted = m_screen->post(
+            [handler = m_frameHandler, frame]() mutable { handler(std::move(frame)); });
     (posted ? m_complete : m_skipped).fetch_add(1);
     m_lastIdlePost = now;
     return true;
