@@ -50,6 +50,18 @@ inline double cpuSecondsFrom(const std::string &path)
     return ticks / double(sysconf(_SC_CLK_TCK));
 }
 
+// A line of /proc/self/status in megabytes, such as "VmRSS" or "RssAnon"; 0 when missing.
+inline double statusMegabytes(const std::string &key)
+{
+    std::ifstream file("/proc/self/status");
+    std::string line;
+    while (std::getline(file, line)) {
+        if (line.rfind(key + ':', 0) == 0)
+            return std::stod(line.substr(key.size() + 1)) / 1024.0;
+    }
+    return 0;
+}
+
 inline double cpuSeconds(pid_t pid)
 {
     return cpuSecondsFrom("/proc/" + (pid ? std::to_string(pid) : std::string("self")) + "/stat");

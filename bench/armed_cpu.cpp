@@ -51,18 +51,6 @@
 
 namespace {
 
-// A line of /proc/self/status in megabytes, such as "VmRSS" or "RssAnon".
-double statusMegabytes(const std::string &key)
-{
-    std::ifstream file("/proc/self/status");
-    std::string line;
-    while (std::getline(file, line)) {
-        if (line.rfind(key + ':', 0) == 0)
-            return std::stod(line.substr(key.size() + 1)) / 1024.0;
-    }
-    return 0;
-}
-
 // Where the resident memory is: the program's own (anonymous), its libraries' pages, shared
 // memory, and of the heap what malloc holds free (fragmentation and arenas kept for reuse).
 std::string memoryBreakdown()
@@ -71,8 +59,8 @@ std::string memoryBreakdown()
     char text[200];
     std::snprintf(text, sizeof text,
                   " anon_mb=%.1f file_mb=%.1f shmem_mb=%.1f heap_free_mb=%.1f heap_mapped_mb=%.1f",
-                  statusMegabytes("RssAnon"), statusMegabytes("RssFile"),
-                  statusMegabytes("RssShmem"), double(heap.fordblks) / 1048576.0,
+                  bench::statusMegabytes("RssAnon"), bench::statusMegabytes("RssFile"),
+                  bench::statusMegabytes("RssShmem"), double(heap.fordblks) / 1048576.0,
                   double(heap.hblkhd) / 1048576.0);
     return text;
 }
@@ -314,7 +302,7 @@ int main(int argc, char **argv)
         threadFigures += text;
     }
     std::printf("cpu=%.2f fps=%.2f encoded=%.2f rss_mb=%.1f payload_mb=%.1f buffered_s=%.1f%s%s%s\n",
-                cpu, fps, encoded, statusMegabytes("VmRSS"), payloadMegabytes(engine.buffer()),
+                cpu, fps, encoded, bench::statusMegabytes("VmRSS"), payloadMegabytes(engine.buffer()),
                 engine.bufferedDuration(), memoryBreakdown().c_str(), threadFigures.c_str(),
                 saveFigures.c_str());
     std::fflush(stdout);

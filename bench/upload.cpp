@@ -4,6 +4,8 @@
 // included, as curl's time_total is) to the parsed reply, and how far this process's resident
 // memory rose above where it stood just before, sampled every 5 ms.
 
+#include "BenchSupport.h"
+
 #include "cloud/ClipCloud.h"
 #include "cloud/SharedNetwork.h"
 
@@ -14,21 +16,9 @@
 
 #include <chrono>
 #include <cstdio>
-#include <fstream>
 #include <string>
 
 namespace {
-
-double residentMegabytes()
-{
-    std::ifstream status("/proc/self/status");
-    std::string line;
-    while (std::getline(status, line)) {
-        if (line.rfind("VmRSS:", 0) == 0)
-            return std::stod(line.substr(6)) / 1024.0;
-    }
-    return 0;
-}
 
 QCoro::Task<void> run(QString path, QString token, int &status)
 {
@@ -37,17 +27,17 @@ QCoro::Task<void> run(QString path, QString token, int &status)
         co_await ClipCloud::me(token);
         SharedNetwork::manager().clearConnectionCache();
 
-        const double baseline = residentMegabytes();
+        const double baseline = bench::statusMegabytes("VmRSS");
         double peak = baseline;
         QTimer sampler;
         QObject::connect(&sampler, &QTimer::timeout,
-                         [&] { peak = std::max(peak, residentMegabytes()); });
+                         [&] { peak = std::max(peak, bench::statusMegabytes("VmRSS")); });
         sampler.start(5);
         const auto start = std::chrono::steady_clock::now();
         const SharedClip shared = co_await ClipCloud::upload(QUrl::fromLocalFile(path), token);
         const double seconds =
             std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
-        peak = std::max(peak, residentMegabytes());
+        peak = std::max(peak, bench::statusMegabytes("VmRSS"));
         std::printf("seconds=%.3f rss_growth_mb=%.1f id=%s\n", seconds, peak - baseline,
                     qPrintable(shared.id));
     } catch (const std::exception &error) {

@@ -247,8 +247,9 @@ void ClipEngine::arm()
     config.width = size.width();
     config.height = size.height();
     config.fps = ClipSettings::fps;
-    // One frame being converted and encoded on the video queue, one waiting, one being grabbed:
-    // with only two, a save (which takes a core for a moment) made the capture skip frames.
+    // Three frames in flight: one being encoded on the video queue and two waiting (only the
+    // waiting ones hold a capture buffer). With two, a save (which takes a core for a moment)
+    // made the capture skip frames.
     config.queueDepth = 3;
     config.showsCursor = true;
     config.capturesAudio = true;

@@ -64,7 +64,6 @@ private:
     std::atomic<bool> m_stopRequested {false};
     int m_stopEvent = -1; // an eventfd, readable once a stop was asked for
     std::atomic<bool> m_ended {false}; // the stop handler was called, or stopCapture() was
-    std::atomic<bool> m_stopped {false}; // stopCapture() has run its course once
 
     std::atomic<int64_t> m_complete {0};
     std::atomic<int64_t> m_idle {0};
