@@ -16,11 +16,12 @@ function(vantrel_library name)
   target_link_libraries(${name} PRIVATE vantrel_warnings)
 endfunction()
 
-# vantrel_test(NAME [GUI|WINDOWS] SOURCES... LIBS ... LABELS ... FIXTURES ... LOCKS ...): a
+# vantrel_test(NAME [GUI|WINDOWS] [SERIAL] SOURCES... LIBS ... LABELS ... FIXTURES ... LOCKS ...): a
 # GoogleTest executable whose cases each become a ctest test, so every case runs in a process of
-# its own (fresh settings, fresh paths).
+# its own (fresh settings, fresh paths). SERIAL cases run with no other test beside them: those
+# that measure real-time rates against a drawing or playing child, which a second test starves.
 function(vantrel_test name)
-  cmake_parse_arguments(T "GUI;WINDOWS" "TIMEOUT" "SOURCES;LIBS;LABELS;FIXTURES;LOCKS" ${ARGN})
+  cmake_parse_arguments(T "GUI;WINDOWS;SERIAL" "TIMEOUT" "SOURCES;LIBS;LABELS;FIXTURES;LOCKS" ${ARGN})
   add_executable(${name} ${T_SOURCES})
   # GUI tests get a main() that makes a QApplication (WINDOWS ones on the fixture's X server);
   # the rest use GoogleTest's own.
@@ -41,6 +42,9 @@ function(vantrel_test name)
   set(props "")
   if(T_LABELS)
     string(APPEND props " LABELS [==[${T_LABELS}]==]")
+  endif()
+  if(T_SERIAL)
+    string(APPEND props " RUN_SERIAL TRUE")
   endif()
   if(T_FIXTURES)
     string(APPEND props " FIXTURES_REQUIRED [==[${T_FIXTURES}]==]")

@@ -148,11 +148,12 @@ void X11ScreenStream::run(StartCompletion completion)
     completion(std::nullopt);
     captureLoop(*grabber, *pool);
     const Stats counts = stats();
-    Log::system(QStringLiteral("x11 capture frames=%1 idle=%2 skipped=%3 late=%4")
+    Log::system(QStringLiteral("x11 capture frames=%1 idle=%2 skipped=%3 late=%4 unchanged=%5")
                     .arg(counts.complete)
                     .arg(counts.idle)
                     .arg(counts.skipped)
-                    .arg(counts.late));
+                    .arg(counts.late)
+                    .arg(counts.unchanged));
 }
 
 X11ScreenStream::Wake X11ScreenStream::sleepUntil(int64_t when, int xConnection)
