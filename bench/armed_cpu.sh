@@ -22,6 +22,8 @@ runs=${ARMED_CPU_RUNS:-3}
 export VANTREL_ENCODER=libx264
 x264=(-pix_fmt yuv420p -c:v libx264 -preset ultrafast -tune zerolatency -profile:v high
   -x264-params 8x8dct=1:forced-idr=1 -threads 2 -b:v 18M -maxrate 64M -bufsize 64M -g 120 -bf 0)
+# And the same AAC coder settings as the engine's.
+aac=(-c:a aac -aac_coder fast -aac_ms 0 -b:a 192k)
 
 engine() { "$bin/bench_armed_cpu" --seconds "$seconds" "$@"; }
 
@@ -30,7 +32,7 @@ peer() {
   rm -f "$progress"
   # The null muxer complains of repeated time stamps from x11grab; that is not our figure.
   ffmpeg -nostdin -v fatal -f pulse -i test_null.monitor -f x11grab -framerate 60 \
-    -video_size 1920x1080 -i "$display" "${x264[@]}" -c:a aac -b:a 192k \
+    -video_size 1920x1080 -i "$display" "${x264[@]}" "${aac[@]}" \
     -stats_period 0.1 -progress "$progress" -f null - &
   local pid=$!
   pids+=($pid)
@@ -45,7 +47,7 @@ peer() {
 }
 
 echo "armed_cpu: Xvfb $display 1920x1080, $runs runs of $seconds s, alternating; load $(cut -d' ' -f1-3 /proc/loadavg)"
-echo "encoder on every side: ${x264[*]}"
+echo "encoders on every side: ${x264[*]} ${aac[*]}"
 motion
 : >"$work/engine.txt"; : >"$work/peer.txt"; : >"$work/floor.txt"
 for run in $(seq "$runs"); do

@@ -145,6 +145,8 @@ double runPeer(const Case &c, const QString &folder)
          << "aac"
          << "-aac_coder"
          << "fast"
+         << "-aac_ms"
+         << "0"
          << "-b:a"
          << "192k" << out;
 
