@@ -79,8 +79,12 @@ printf 'floor: the encoder alone on the same frames %.1f %% at %.1f frames/s; th
   "$floor" "$floor_fps" "$over_floor"
 
 motion --still
-still=$(engine 2>/dev/null | field cpu)
-printf 'still screen: engine %.1f %% of a core\n' "$still"
+: >"$work/still.txt"
+for run in $(seq "$runs"); do
+  engine 2>/dev/null | tee -a "$work/still.txt" | field threads | sed 's/^/still screen threads: /'
+done
+still=$(field cpu <"$work/still.txt" | median)
+printf 'still screen: engine %.1f %% of a core (median of %s runs)\n' "$still" "$runs"
 
 motion
 memory=$("$bin/bench_armed_cpu" --clip-length 120 --settle 125 --seconds 3 2>/dev/null)

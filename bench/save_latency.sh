@@ -47,12 +47,12 @@ clip_gaps() {
       print lost + 0 }'
 }
 
-# Ticks missed plus frames skipped by the capture between the last save's two count lines.
+# Frames skipped and ticks missed by the capture between the last save's two count lines.
 # Ticks that found the screen unchanged are the third number: the picture's missed draws.
 capture_lost() {
   vantrel_log_since | grep -E "save (started|written): capture" | tail -2 |
     sed -E 's/.*skipped=([0-9]+) late=([0-9]+) unchanged=([0-9]+).*/\1 \2 \3/' |
-    awk 'NR == 1 { before = $1 + $2; still = $3 } NR == 2 { print $1 + $2 - before, $3 - still }'
+    awk 'NR == 1 { s = $1; l = $2; u = $3 } NR == 2 { print $1 - s, $2 - l, $3 - u }'
 }
 saves_written() { vantrel_log_since | grep -c "save written: capture" || true; }
 
@@ -103,7 +103,8 @@ for length in 120 60 30 15; do
     [ -n "$clip" ] || { echo "save_latency: no clip for a $length s save"; vantrel_log_since | tail -5; exit 1; }
     ours+=("$(echo "$end - $start" | bc -l)")
     for _ in $(seq 200); do [ "$(saves_written)" -gt "$written" ] && break; nap 0.01; done
-    read -r lost unchanged < <(capture_lost)
+    read -r skipped late unchanged < <(capture_lost)
+    lost=$((skipped + late))
     # The peer runs now, between our saves, on the same busy machine; the frames it costs the
     # capture fall outside the save spans that are counted.
     theirs+=("$(peer_seconds "$clip")")
@@ -116,8 +117,8 @@ for length in 120 60 30 15; do
     total_gaps=$((total_gaps + gaps))
     total_unchanged=$((total_unchanged + unchanged))
     duration=$(ffprobe -v error -show_entries format=duration -of csv=p=0 "$clip")
-    printf '  %3s s clip (%.1f s long): vantrel %.3f s, ffmpeg %.3f s, frames lost %s, unchanged ticks %s (gaps in the previous save %s)\n' \
-      "$length" "$duration" "${ours[-1]}" "${theirs[-1]}" "$lost" "$unchanged" "$gaps"
+    printf '  %3s s clip (%.1f s long): vantrel %.3f s, ffmpeg %.3f s, frames lost %s (skipped %s, late %s), unchanged ticks %s (gaps in the previous save %s)\n' \
+      "$length" "$duration" "${ours[-1]}" "${theirs[-1]}" "$lost" "$skipped" "$late" "$unchanged" "$gaps"
     sleep 1.7
   done
   m_ours=$(printf '%s\n' "${ours[@]}" | median)
