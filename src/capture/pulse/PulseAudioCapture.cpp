@@ -15,20 +15,17 @@
 
 namespace {
 
-// The clock stamps audio in 10 ms packets, however the server hands it over.
 constexpr int64_t packetNanoseconds = 10'000'000;
-// The server hands audio over about this often, and stamped packets that follow on from each
-// other are passed on together in blocks of the same length: each delivery wakes libpulse's
-// thread, and each hand-over the consumer's queue, the session writer and its AAC encoder; on a
-// still screen those wake-ups are much of what an armed program costs (at 10 ms deliveries the
-// libpulse thread alone took 1.5 % of a core).
+// Stamped packets that follow on from each other are handed on together, in blocks of about this
+// length: each hand-over wakes the consumer's queue, the session writer and its AAC encoder, and
+// on a still screen those wake-ups are much of what an armed program costs. The server keeps
+// delivering (and the clock keeps measuring) every 10 ms: asked for 40 ms deliveries, the
+// capture-time estimates jittered past the clock's tolerance, and the timeline moved (cutting or
+// padding the sound) a few times in every half minute instead of once or twice at the start.
 constexpr int64_t blockNanoseconds = 40'000'000;
-// Each delivery's capture-time estimate jitters with thread scheduling and with the server's
-// timing updates, by a few milliseconds, now and then past 5 ms. A drift past the tolerance that
-// lasts for ten deliveries in a row is a real gap, or the sound card's clock running apart; 10 ms
-// is well inside what a viewer can see of sound against picture.
-constexpr int64_t reanchorToleranceNanoseconds = 10'000'000;
-constexpr int reanchorPatiencePackets = int(10 * blockNanoseconds / packetNanoseconds);
+// The capture-time estimate jitters by a millisecond or two with thread scheduling; a drift past
+// this that lasts (AudioClock's patience) is a real gap, or the sound card's clock running apart.
+constexpr int64_t reanchorToleranceNanoseconds = 5'000'000;
 // A second of blocks may wait for a busy consumer before new ones are dropped.
 constexpr int maxPacketsInFlight = int(1'000'000'000 / blockNanoseconds);
 constexpr pa_usec_t startTimeoutMicroseconds = 5'000'000;
@@ -54,7 +51,7 @@ struct PulseAudioCapture::Recording
         , source(source)
         , handler(std::move(handler))
         , delivery(queue, maxPacketsInFlight)
-        , clock(sampleRate, reanchorToleranceNanoseconds, reanchorPatiencePackets)
+        , clock(sampleRate, reanchorToleranceNanoseconds)
     {
     }
 
@@ -186,13 +183,13 @@ void PulseAudioCapture::startLocked()
                                        uint8_t(m_channels)};
     pa_channel_map map;
     pa_channel_map_init_auto(&map, sampleFormat.channels, PA_CHANNEL_MAP_DEFAULT);
-    // fragsize asks the server to hand over a block at a time; the rest is left to it.
+    // fragsize asks the server to hand over about 10 ms at a time; the rest is left to it.
     pa_buffer_attr attributes;
     attributes.maxlength = uint32_t(-1);
     attributes.tlength = uint32_t(-1);
     attributes.prebuf = uint32_t(-1);
     attributes.minreq = uint32_t(-1);
-    attributes.fragsize = uint32_t(pa_usec_to_bytes(blockNanoseconds / 1000, &sampleFormat));
+    attributes.fragsize = uint32_t(pa_usec_to_bytes(packetNanoseconds / 1000, &sampleFormat));
     const auto flags = pa_stream_flags_t(PA_STREAM_ADJUST_LATENCY | PA_STREAM_AUTO_TIMING_UPDATE |
                                          PA_STREAM_INTERPOLATE_TIMING);
 
@@ -382,8 +379,8 @@ void PulseAudioCapture::deliver(Recording &recording, const uint8_t *data, size_
     const size_t frameBytes = size_t(m_channels) * 4;
     const int64_t frames = int64_t(bytes / frameBytes);
     const int64_t packetFrames = int64_t(m_sampleRate) * packetNanoseconds / 1'000'000'000;
-    // Chunks are stamped as 10 ms packets (a short rest is left on the last one rather than
-    // stamped as a sliver), gathered into blocks.
+    // The server mostly hands over 10 ms at a time; larger chunks are stamped as 10 ms packets (a
+    // short rest is left on the last one rather than stamped as a sliver), gathered into blocks.
     int64_t count = 0;
     for (int64_t offset = 0; offset < frames; offset += count) {
         const int64_t left = frames - offset;

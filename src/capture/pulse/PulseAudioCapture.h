@@ -17,10 +17,9 @@ class SerialQueue;
 
 // Records system audio (the default sink's monitor) and the microphone (the default source) from
 // the PulseAudio server, or PipeWire's pulse server, as 32-bit float interleaved packets of about
-// 40 ms: the server delivers about that much at a time, each 10 ms of it is stamped on the
-// monotonic capture clock with the time its first sample was heard or spoken, and pieces that
-// follow on from each other are copied into one block, handed to its handler on the output's
-// serial queue.
+// 40 ms: the server delivers every 10 ms and each piece is stamped on the monotonic capture clock
+// with the time its first sample was heard or spoken; pieces that follow on from each other are
+// copied into one block, handed to its handler on the output's serial queue.
 //
 // Our own cue sounds play into the same default sink and so land in the system audio too.
 // PulseAudio cannot keep one stream out of a monitor: a record stream can follow a single sink
