@@ -16,10 +16,11 @@ function(vantrel_library name)
   target_link_libraries(${name} PRIVATE vantrel_warnings)
 endfunction()
 
-# vantrel_test(NAME [GUI|WINDOWS] [SERIAL] SOURCES... LIBS ... LABELS ... FIXTURES ... LOCKS ...): a
-# GoogleTest executable whose cases each become a ctest test, so every case runs in a process of
-# its own (fresh settings, fresh paths). SERIAL cases run with no other test beside them: those
-# that measure real-time rates against a drawing or playing child, which a second test starves.
+# vantrel_test(NAME [GUI|WINDOWS] [SERIAL] SOURCES... LIBS ... LABELS ... FIXTURES ... LOCKS ...):
+# a GoogleTest executable whose cases each become a ctest test, so every case runs in a process
+# of its own (fresh settings, fresh paths). SERIAL cases run with no other test beside them:
+# those that measure real-time rates against a drawing or playing child, which a second test
+# starves.
 function(vantrel_test name)
   cmake_parse_arguments(T "GUI;WINDOWS;SERIAL" "TIMEOUT" "SOURCES;LIBS;LABELS;FIXTURES;LOCKS" ${ARGN})
   add_executable(${name} ${T_SOURCES})

@@ -51,7 +51,7 @@ std::unique_ptr<AacEncoder> AacEncoder::create(const Settings &settings)
     // The constant-quantizer coder: at our bit rate it sounds as good as the default two-loop
     // search for half the CPU, and this encoder runs all the time the program is armed. Left and
     // right are coded as they are: at 192 kbit/s the per-band search for mid/side coding buys
-    // nothing audible and costs a sixth of the encoder's time on music, more on a steady tone.
+    // nothing audible and costs about a sixth of the encoder's time on music.
     AVDictionary *options = nullptr;
     av_dict_set(&options, "aac_coder", "fast", 0);
     av_dict_set(&options, "aac_ms", "0", 0);
