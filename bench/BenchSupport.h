@@ -33,8 +33,8 @@ inline double secondsSince(std::chrono::steady_clock::time_point start)
     return std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
 }
 
-// CPU seconds (user and system) of the process `pid` (0: this one), or of one of its threads when
-// `path` names /proc/self/task/TID/stat.
+// CPU seconds (user and system) read from a /proc stat file: a process's, or one thread's
+// (/proc/self/task/TID/stat).
 inline double cpuSecondsFrom(const std::string &path)
 {
     std::ifstream file(path);
@@ -62,6 +62,7 @@ inline double statusMegabytes(const std::string &key)
     return 0;
 }
 
+// CPU seconds of the process `pid` (0: this one).
 inline double cpuSeconds(pid_t pid)
 {
     return cpuSecondsFrom("/proc/" + (pid ? std::to_string(pid) : std::string("self")) + "/stat");

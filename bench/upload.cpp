@@ -35,8 +35,7 @@ QCoro::Task<void> run(QString path, QString token, int &status)
         sampler.start(5);
         const auto start = std::chrono::steady_clock::now();
         const SharedClip shared = co_await ClipCloud::upload(QUrl::fromLocalFile(path), token);
-        const double seconds =
-            std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+        const double seconds = bench::secondsSince(start);
         peak = std::max(peak, bench::statusMegabytes("VmRSS"));
         std::printf("seconds=%.3f rss_growth_mb=%.1f id=%s\n", seconds, peak - baseline,
                     qPrintable(shared.id));

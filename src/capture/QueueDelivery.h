@@ -20,6 +20,12 @@ public:
     // Queues `call`; false, and the call dropped, when closed or when `maxInFlight` calls are
     // queued or running. Safe from any thread.
     bool post(std::function<void()> call);
+    // Posts a call of `handler` with `value`, which is moved along rather than copied: a frame
+    // handed over this way is the handler's to keep.
+    template<typename Handler, typename Value> bool hand(const Handler &handler, Value value)
+    {
+        return post([handler, value = std::move(value)]() mutable { handler(std::move(value)); });
+    }
 
     // After this returns no call starts. With `waitForRunning`, none is running either, unless
     // close() was called from the queue's own thread (from inside a call, which then finishes).

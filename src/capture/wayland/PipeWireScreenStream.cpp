@@ -397,8 +397,7 @@ void PipeWireScreenStream::process()
                             nanosecondTime(due(slot)),
                             MediaTime::make(1, int32_t(fps)),
                             VideoFrame::Status::complete};
-    const bool posted = m_screen->post(
-            [handler = m_frameHandler, frame]() mutable { handler(std::move(frame)); });
+    const bool posted = m_screen->hand(m_frameHandler, frame);
     (posted ? m_complete : m_skipped).fetch_add(1);
     m_lastPost = now;
 }
@@ -422,8 +421,7 @@ void PipeWireScreenStream::postIdle(int64_t now)
                             nanosecondTime(m_start + slot * second / fps),
                             MediaTime::make(1, int32_t(fps)),
                             VideoFrame::Status::idle};
-    const bool posted = m_screen->post(
-            [handler = m_frameHandler, frame]() mutable { handler(std::move(frame)); });
+    const bool posted = m_screen->hand(m_frameHandler, frame);
     (posted ? m_idle : m_skipped).fetch_add(1);
 }
 

@@ -234,8 +234,7 @@ bool X11ScreenStream::tick(X11FrameGrabber &grabber, PixelBufferPool &pool, int6
                                 nanosecondTime(slot),
                                 duration,
                                 VideoFrame::Status::idle};
-        const bool posted = m_screen->post(
-            [handler = m_frameHandler, frame]() mutable { handler(std::move(frame)); });
+        const bool posted = m_screen->hand(m_frameHandler, frame);
         (posted ? m_idle : m_skipped).fetch_add(1);
         return false;
     }
@@ -256,8 +255,7 @@ bool X11ScreenStream::tick(X11FrameGrabber &grabber, PixelBufferPool &pool, int6
     const VideoFrame frame {
         buffer,           buffer->data(),       buffer->stride(), buffer->width(),
         buffer->height(), nanosecondTime(slot), duration,         VideoFrame::Status::complete};
-    const bool posted = m_screen->post(
-            [handler = m_frameHandler, frame]() mutable { handler(std::move(frame)); });
+    const bool posted = m_screen->hand(m_frameHandler, frame);
     (posted ? m_complete : m_skipped).fetch_add(1);
     m_lastIdlePost = now;
     return true;
