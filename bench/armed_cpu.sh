@@ -23,7 +23,7 @@ export VANTREL_ENCODER=libx264
 x264=(-pix_fmt yuv420p -c:v libx264 -preset ultrafast -tune zerolatency -profile:v high
   -x264-params 8x8dct=1:forced-idr=1 -threads 2 -b:v 18M -maxrate 64M -bufsize 64M -g 120 -bf 0)
 # And the same AAC coder settings as the engine's.
-aac=(-c:a aac -aac_coder fast -aac_ms 0 -b:a 192k)
+aac=(-c:a aac -aac_coder fast -aac_ms 0 -q:a 1.5 -b:a 192k)
 
 engine() { "$bin/bench_armed_cpu" --seconds "$seconds" "$@"; }
 

@@ -147,6 +147,8 @@ double runPeer(const Case &c, const QString &folder)
          << "fast"
          << "-aac_ms"
          << "0"
+         << "-q:a"
+         << "1.5"
          << "-b:a"
          << "192k" << out;
 

@@ -48,10 +48,16 @@ std::unique_ptr<AacEncoder> AacEncoder::create(const Settings &settings)
     context->time_base = AVRational {1, settings.sampleRate};
     // MP4 keeps the decoder configuration in the sample description, not in the packets.
     context->flags |= AV_CODEC_FLAG_GLOBAL_HEADER;
+    // A fixed quality rather than a fixed rate. On dense sound (music, noise) it lands near the
+    // bit rate above; on sparse sound (a tone, a menu's beeps) no setting reaches that rate, and
+    // the rate control would then code every frame six times trying to: four times the CPU for
+    // the same sound. This encoder runs all the time the program is armed.
+    context->flags |= AV_CODEC_FLAG_QSCALE;
+    context->global_quality = int(1.5 * FF_QP2LAMBDA);
     // The constant-quantizer coder: at our bit rate it sounds as good as the default two-loop
-    // search for half the CPU, and this encoder runs all the time the program is armed. Left and
-    // right are coded as they are: at 192 kbit/s the per-band search for mid/side coding buys
-    // nothing audible and costs about a sixth of the encoder's time on music.
+    // search for half the CPU. Left and right are coded as they are: at 192 kbit/s the per-band
+    // search for mid/side coding buys nothing audible and costs about a sixth of the encoder's
+    // time on music.
     AVDictionary *options = nullptr;
     av_dict_set(&options, "aac_coder", "fast", 0);
     av_dict_set(&options, "aac_ms", "0", 0);
