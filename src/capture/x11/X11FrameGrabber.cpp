@@ -131,8 +131,7 @@ void X11FrameGrabber::attach(const PixelBufferPool &pool)
 std::optional<std::string> X11FrameGrabber::poll()
 {
     xcb_connection_t *c = m_x.connection.get();
-    while (Xcb::Event event {xcb_poll_for_event(c)})
-        readEvent(*event);
+    readEvents();
     if (xcb_connection_has_error(c))
         return "The connection to the X server was lost.";
 
@@ -162,6 +161,12 @@ bool X11FrameGrabber::readQueuedEvents()
         any = true;
     }
     return any;
+}
+
+void X11FrameGrabber::readEvents()
+{
+    while (Xcb::Event event {xcb_poll_for_event(m_x.connection.get())})
+        readEvent(*event);
 }
 
 int X11FrameGrabber::connectionSocket() const

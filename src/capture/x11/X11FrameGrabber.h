@@ -34,6 +34,9 @@ public:
     // Looks at the events already read from the connection without reading it further, as poll()
     // would; true when there were any. The connection's socket is quiet only once this is false.
     bool readQueuedEvents();
+    // Reads the events waiting on the connection, as poll() would, without asking the server
+    // anything.
+    void readEvents();
     int connectionSocket() const;
 
     // Whether anything on the monitor (pixels, pointer position or shape) may have changed since

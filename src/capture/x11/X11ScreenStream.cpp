@@ -172,6 +172,20 @@ X11ScreenStream::Wake X11ScreenStream::sleepUntil(int64_t when, int xConnection)
     }
 }
 
+X11ScreenStream::Wake X11ScreenStream::awaitChange(X11FrameGrabber &grabber, int64_t when)
+{
+    for (;;) {
+        if (!grabber.readQueuedEvents()) {
+            const Wake wake = sleepUntil(when, grabber.connectionSocket());
+            if (wake != Wake::xEvent)
+                return wake;
+            grabber.readEvents();
+        }
+        if (grabber.hasChanges())
+            return Wake::xEvent;
+    }
+}
+
 void X11ScreenStream::captureLoop(X11FrameGrabber &grabber, PixelBufferPool &pool)
 {
     const int64_t fps = m_config.fps;
@@ -192,7 +206,21 @@ void X11ScreenStream::captureLoop(X11FrameGrabber &grabber, PixelBufferPool &poo
         }
         if (sleepUntil(due(index)) == Wake::stopped)
             return;
-        stillTicks = tick(grabber, pool, due(index), monotonicNanoseconds()) ? 0 : stillTicks + 1;
+        const int64_t ran = monotonicNanoseconds();
+        bool changed = tick(grabber, pool, due(index), ran);
+        // A tick that found nothing listens to the server for the rest of its slot, and grabs
+        // a change drawn meanwhile at once. Left to the next tick, it would be joined there by
+        // the program's next draw, which lands on damage not yet cleared and so is never
+        // reported: a program drawing at our rate, just after our ticks, would be caught at half
+        // of it. (Not when the tick handed on an idle frame with this slot's time.)
+        if (!changed && stillTicks + 1 < fps && !m_ended.load() && m_lastIdlePost != ran) {
+            const Wake wake = awaitChange(grabber, due(index + 1));
+            if (wake == Wake::stopped)
+                return;
+            if (wake == Wake::xEvent)
+                changed = tick(grabber, pool, due(index), monotonicNanoseconds());
+        }
+        stillTicks = changed ? 0 : stillTicks + 1;
         if (m_ended.load())
             return;
         // Ticks whose whole slot has passed are skipped; the one whose slot we are in runs now.

@@ -48,6 +48,9 @@ private:
     // Sleeps until the monotonic time `when`, a stop, or (given its socket) news from the X
     // server, whichever comes first.
     Wake sleepUntil(int64_t when, int xConnection = -1);
+    // Listens to the X server until `when`: xEvent as soon as what it reports is a change on the
+    // monitor.
+    Wake awaitChange(X11FrameGrabber &grabber, int64_t when);
     void end(const std::string &why);
 
     const CaptureDisplay m_display;
