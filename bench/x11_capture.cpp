@@ -50,7 +50,7 @@ Sample measure(ScreenCaptureService &service, const CaptureDisplay &display, int
             complete.fetch_add(1);
             // Read one row, as a consumer would start to.
             uint32_t sum = 0;
-            for (int x = 0; x < frame.width * 4; x += 64)
+            for (int x = 0; x < frame.stride; x += 64)
                 sum += frame.pixels[size_t(frame.height / 2) * size_t(frame.stride) + size_t(x)];
             touched.fetch_add(sum);
         }

@@ -14,6 +14,7 @@ extern "C" {
 #include <libavutil/imgutils.h>
 }
 
+#include <algorithm>
 #include <cstdlib>
 #include <limits>
 
@@ -113,9 +114,20 @@ void VideoEncoder::encode(VideoFrame &&frame)
     if (!frame.pixels || frame.status != VideoFrame::Status::complete)
         return;
     const int64_t ordinal = ++m_handedOver;
-    if (frame.width != m_width || frame.height != m_height || frame.stride < m_width * 4 ||
-        !frame.pts.isValid()) {
+    if (!FrameConverter::fits(frame, m_width, m_height) || !frame.pts.isValid()) {
         reportSubmission(AVERROR(EINVAL), ordinal);
+        return;
+    }
+    if (frame.layout == VideoFrame::Layout::i420 && m_inputFormat == AV_PIX_FMT_YUV420P &&
+        !m_hwFrames) {
+        // Already the encoder's planes: handed over as they are, held until the encoder has
+        // taken them in.
+        FramePtr picture = borrowedPicture(frame, std::move(pixels));
+        if (!picture) {
+            reportSubmission(AVERROR(ENOMEM), ordinal);
+            return;
+        }
+        submit(*picture, frame.pts, frame.duration, ordinal);
         return;
     }
     AVFrame *picture = writablePicture();
@@ -125,6 +137,39 @@ void VideoEncoder::encode(VideoFrame &&frame)
     }
     pixels.reset();
     submit(*picture, frame.pts, frame.duration, ordinal);
+}
+
+VideoEncoder::FramePtr VideoEncoder::borrowedPicture(const VideoFrame &frame,
+                                                     std::shared_ptr<const void> owner)
+{
+    FramePtr picture(av_frame_alloc());
+    if (!picture)
+        return nullptr;
+    // The buffer's release drops our hold on the pixels, whenever the encoder lets go of them.
+    auto *held = new std::shared_ptr<const void>(std::move(owner));
+    const auto release = [](void *opaque, uint8_t *) {
+        delete static_cast<std::shared_ptr<const void> *>(opaque);
+    };
+    const uint8_t *end = std::max({frame.pixels + size_t(frame.stride) * size_t(frame.height),
+                                   frame.u + size_t(frame.chromaStride) * size_t((frame.height + 1) / 2),
+                                   frame.v + size_t(frame.chromaStride) * size_t((frame.height + 1) / 2)});
+    picture->buf[0] = av_buffer_create(const_cast<uint8_t *>(frame.pixels),
+                                       size_t(end - frame.pixels), release, held,
+                                       AV_BUFFER_FLAG_READONLY);
+    if (!picture->buf[0]) {
+        delete held;
+        return nullptr;
+    }
+    picture->format = AV_PIX_FMT_YUV420P;
+    picture->width = frame.width;
+    picture->height = frame.height;
+    picture->data[0] = const_cast<uint8_t *>(frame.pixels);
+    picture->data[1] = const_cast<uint8_t *>(frame.u);
+    picture->data[2] = const_cast<uint8_t *>(frame.v);
+    picture->linesize[0] = frame.stride;
+    picture->linesize[1] = frame.chromaStride;
+    picture->linesize[2] = frame.chromaStride;
+    return picture;
 }
 
 void VideoEncoder::encode(const AVFrame &picture, MediaTime pts, MediaTime duration)

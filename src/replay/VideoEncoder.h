@@ -80,6 +80,9 @@ private:
     // The picture conversions write into; made once, and again only while the encoder still
     // holds on to the last one (hardware encoders read their input later).
     AVFrame *writablePicture();
+    // An I420 frame's own planes as a picture for the encoder, holding `owner` as long as the
+    // encoder holds the picture.
+    static FramePtr borrowedPicture(const VideoFrame &frame, std::shared_ptr<const void> owner);
     void submit(AVFrame &picture, MediaTime pts, MediaTime duration, int64_t ordinal);
     static void reportSubmission(int status, int64_t ordinal);
     void receivePackets();

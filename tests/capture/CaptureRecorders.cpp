@@ -1,9 +1,41 @@
 #include "capture/CaptureRecorders.h"
 
+#include <libyuv/convert_argb.h>
+
 #include <algorithm>
 #include <cmath>
 
 namespace capture_test {
+
+uint64_t sampleHash(const VideoFrame &frame)
+{
+    const bool bgra = frame.layout == VideoFrame::Layout::bgra;
+    const size_t bytes = bgra ? 4 : 1;
+    uint64_t hash = 1469598103934665603ull;
+    for (int y = 0; y < frame.height; y += 7)
+        for (int x = 0; x < frame.width; x += 13) {
+            uint32_t pixel = 0;
+            std::memcpy(&pixel, frame.pixels + size_t(y) * size_t(frame.stride) + size_t(x) * bytes,
+                        bytes);
+            hash = (hash ^ pixel) * 1099511628211ull;
+        }
+    return hash;
+}
+
+std::vector<uint8_t> packedBgra(const VideoFrame &frame)
+{
+    const size_t row = size_t(frame.width) * 4;
+    std::vector<uint8_t> pixels(row * size_t(frame.height));
+    if (frame.layout == VideoFrame::Layout::i420) {
+        libyuv::I420ToARGB(frame.pixels, frame.stride, frame.u, frame.chromaStride, frame.v,
+                           frame.chromaStride, pixels.data(), int(row), frame.width, frame.height);
+        return pixels;
+    }
+    for (int y = 0; y < frame.height; ++y)
+        std::memcpy(pixels.data() + size_t(y) * row, frame.pixels + size_t(y) * size_t(frame.stride),
+                    row);
+    return pixels;
+}
 
 std::vector<float> firstChannel(const std::vector<AudioRecord> &packets)
 {

@@ -27,6 +27,12 @@ struct FrameRecord
     std::vector<uint8_t> pixels; // a tight BGRA copy, when the log keeps pixels
 };
 
+// A hash of every 13th pixel of every 7th row (of the Y plane of an I420 frame): equal for equal
+// pictures, different when anything moved.
+uint64_t sampleHash(const VideoFrame &frame);
+// The frame's pixels as tight BGRA, converted back when the source delivered I420.
+std::vector<uint8_t> packedBgra(const VideoFrame &frame);
+
 class FrameLog
 {
 public:
@@ -50,23 +56,9 @@ public:
                             frame.pixels != nullptr,
                             {}};
         if (frame.status == VideoFrame::Status::complete && frame.pixels) {
-            // Every 13th pixel of every 7th row, all four bytes of each.
-            uint64_t hash = 1469598103934665603ull;
-            for (int y = 0; y < frame.height; y += 7)
-                for (int x = 0; x < frame.width; x += 13) {
-                    uint32_t pixel;
-                    std::memcpy(&pixel,
-                                frame.pixels + size_t(y) * size_t(frame.stride) + size_t(x) * 4, 4);
-                    hash = (hash ^ pixel) * 1099511628211ull;
-                }
-            record.hash = hash;
-            if (m_keepPixels) {
-                record.pixels.resize(size_t(frame.width) * size_t(frame.height) * 4);
-                for (int y = 0; y < frame.height; ++y)
-                    std::memcpy(record.pixels.data() + size_t(y) * size_t(frame.width) * 4,
-                                frame.pixels + size_t(y) * size_t(frame.stride),
-                                size_t(frame.width) * 4);
-            }
+            record.hash = sampleHash(frame);
+            if (m_keepPixels)
+                record.pixels = packedBgra(frame);
         }
         {
             std::scoped_lock lock(m_lock);

@@ -5,6 +5,8 @@
 #include "replay/ReplayBufferSupport.h"
 #include "support/TestEnvironment.h"
 
+#include <libyuv/convert_from_argb.h>
+
 extern "C" {
 #include <libavcodec/avcodec.h>
 #include <libavutil/error.h>
@@ -24,7 +26,8 @@ using namespace std::chrono_literals;
 namespace {
 
 // BGRA pictures in which every pixel changes from one frame to the next, with a still pure-red
-// square in the top-left corner to check colours by after decoding.
+// square in the top-left corner to check colours by after decoding; or the same as I420, as the
+// X11 capture delivers them.
 class MovingPicture
 {
 public:
@@ -57,6 +60,25 @@ public:
         out.height = m_height;
         out.pts = pts;
         out.duration = duration;
+        return out;
+    }
+
+    VideoFrame i420Frame(int64_t index, MediaTime pts, MediaTime duration = MediaTime::make(1, 60))
+    {
+        const VideoFrame bgra = frame(index, pts, duration);
+        const size_t luma = size_t(m_width) * m_height;
+        auto planes = std::make_shared<std::vector<uint8_t>>(luma + luma / 2);
+        VideoFrame out = bgra;
+        out.layout = VideoFrame::Layout::i420;
+        out.pixels = planes->data();
+        out.u = planes->data() + luma;
+        out.v = planes->data() + luma + luma / 4;
+        out.stride = m_width;
+        out.chromaStride = m_width / 2;
+        libyuv::ARGBToI420(bgra.pixels, bgra.stride, planes->data(), out.stride,
+                           planes->data() + luma, out.chromaStride,
+                           planes->data() + luma + luma / 4, out.chromaStride, m_width, m_height);
+        out.owner = std::move(planes);
         return out;
     }
 
@@ -101,10 +123,10 @@ public:
     }
     // Hands frames over one at a time, waiting for each to come back, so none finds the
     // encoder's queue full.
-    void encodeInStep(const VideoFrame &frame)
+    void encodeInStep(VideoFrame frame)
     {
         const int64_t before = returned();
-        encoder->encode(frame);
+        encoder->encode(std::move(frame));
         ASSERT_TRUE(waitForReturned(before + 1));
     }
 
@@ -223,13 +245,23 @@ TEST_F(VideoEncoderTest, StoresDecodableHighProfileFramesWithExactTimes)
     pipeline.buffer.setOnVideoFrame(
         [&](const EncodedFrame &, const VideoFormatPtr &format) { passedOn += format != nullptr; });
 
-    // 300 frames on a 90 kHz clock from an arbitrary start; every seventh without a duration.
+    // 300 frames on a 90 kHz clock from an arbitrary start; every seventh without a duration;
+    // BGRA and I420 in turn, the last one I420.
     MovingPicture pictures(320, 240);
     std::vector<MediaTime> sent;
     for (int i = 0; i < 300; ++i) {
         sent.push_back(MediaTime::make(987'654'321 + int64_t(i) * 1500, 90000));
         const MediaTime duration = i % 7 ? MediaTime::make(1500, 90000) : MediaTime::invalid();
-        pipeline.encodeInStep(pictures.frame(i, sent.back(), duration));
+        if (i % 2 == 0) {
+            pipeline.encodeInStep(pictures.frame(i, sent.back(), duration));
+            continue;
+        }
+        // The encoder takes an I420 frame's planes as they are, and gives them back (to the
+        // capture's pool) once it has read them.
+        VideoFrame frame = pictures.i420Frame(i, sent.back(), duration);
+        std::weak_ptr<const void> planes = frame.owner;
+        pipeline.encodeInStep(std::move(frame));
+        EXPECT_TRUE(planes.expired()) << i;
     }
 
     EXPECT_EQ(pipeline.returned(), 300);

@@ -389,14 +389,8 @@ void PipeWireScreenStream::process()
         }
     }
     m_lastSlot = slot;
-    const VideoFrame frame {pixels,
-                            pixels->data(),
-                            pixels->stride(),
-                            pixels->width(),
-                            pixels->height(),
-                            nanosecondTime(due(slot)),
-                            MediaTime::make(1, int32_t(fps)),
-                            VideoFrame::Status::complete};
+    const VideoFrame frame = PixelBufferPool::frameOf(std::move(pixels), nanosecondTime(due(slot)),
+                                                      MediaTime::make(1, int32_t(fps)));
     const bool posted = m_screen->hand(m_frameHandler, frame);
     (posted ? m_complete : m_skipped).fetch_add(1);
     m_lastPost = now;
@@ -413,14 +407,9 @@ void PipeWireScreenStream::postIdle(int64_t now)
     const int64_t fps = m_config.fps;
     int64_t slot = std::max((now - m_start) * fps / second, m_lastSlot + 1);
     m_lastSlot = slot;
-    const VideoFrame frame {nullptr,
-                            nullptr,
-                            0,
-                            m_config.width,
-                            m_config.height,
-                            nanosecondTime(m_start + slot * second / fps),
-                            MediaTime::make(1, int32_t(fps)),
-                            VideoFrame::Status::idle};
+    const VideoFrame frame =
+        VideoFrame::idle(m_config.width, m_config.height,
+                         nanosecondTime(m_start + slot * second / fps), MediaTime::make(1, int32_t(fps)));
     const bool posted = m_screen->hand(m_frameHandler, frame);
     (posted ? m_idle : m_skipped).fetch_add(1);
 }

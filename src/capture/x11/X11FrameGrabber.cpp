@@ -3,6 +3,7 @@
 #include "capture/x11/CursorOverlay.h"
 #include "core/Log.h"
 
+#include <libyuv/convert_from_argb.h>
 #include <libyuv/scale_argb.h>
 #include <xcb/damage.h>
 #include <xcb/randr.h>
@@ -104,28 +105,15 @@ X11FrameGrabber::X11FrameGrabber(const std::string &displayName, const CaptureDi
                                    XCB_RANDR_NOTIFY_MASK_OUTPUT_CHANGE);
     }
 
-    if (m_outWidth != m_display.width || m_outHeight != m_display.height) {
-        m_staging = std::make_unique<PixelBufferPool>(1, m_display.width, m_display.height);
-        m_stagingBuffer = m_staging->acquire();
-        m_stagingSegment = xcb_generate_id(c);
-        throwIfFailed(c,
-                      xcb_shm_attach_fd_checked(c, m_stagingSegment, dup(m_stagingBuffer->fd()), 0),
-                      "Could not share memory with the X server");
-    }
+    m_image = std::make_unique<PixelBufferPool>(1, m_display.width, m_display.height);
+    m_imageBuffer = m_image->acquire();
+    m_imageSegment = xcb_generate_id(c);
+    // The request takes the descriptor it is given and closes it once sent.
+    throwIfFailed(c, xcb_shm_attach_fd_checked(c, m_imageSegment, dup(m_imageBuffer->fd()), 0),
+                  "Could not share memory with the X server");
+    if (m_outWidth != m_display.width || m_outHeight != m_display.height)
+        m_scaled.resize(size_t(m_outWidth) * size_t(m_outHeight) * 4);
     xcb_flush(c);
-}
-
-void X11FrameGrabber::attach(const PixelBufferPool &pool)
-{
-    xcb_connection_t *c = m_x.connection.get();
-    m_segments.clear();
-    for (int i = 0; i < pool.count(); ++i) {
-        const xcb_shm_seg_t segment = xcb_generate_id(c);
-        // The request takes the descriptor it is given and closes it once sent.
-        throwIfFailed(c, xcb_shm_attach_fd_checked(c, segment, dup(pool.buffer(i).fd()), 0),
-                      "Could not share memory with the X server");
-        m_segments.push_back(segment);
-    }
 }
 
 std::optional<std::string> X11FrameGrabber::poll()
@@ -248,9 +236,9 @@ bool X11FrameGrabber::hasChanges() const
 bool X11FrameGrabber::grab(const PixelBufferPool::Buffer &out)
 {
     xcb_connection_t *c = m_x.connection.get();
-    const bool scaled = m_staging != nullptr;
-    const PixelBufferPool::Buffer &target = scaled ? *m_stagingBuffer : out;
-    const xcb_shm_seg_t segment = scaled ? m_stagingSegment : m_segments.at(size_t(out.index()));
+    if (out.format() != PixelBufferPool::Format::i420 || out.width() != m_outWidth ||
+        out.height() != m_outHeight)
+        return false;
 
     // Clear the damage before the image is taken: whatever is drawn after the clear is reported
     // again, so nothing slips between this grab and the next.
@@ -261,7 +249,7 @@ bool X11FrameGrabber::grab(const PixelBufferPool::Buffer &out)
         c,
         xcb_shm_get_image(c, m_x.screen->root, int16_t(m_display.x), int16_t(m_display.y),
                           uint16_t(m_display.width), uint16_t(m_display.height), ~0u,
-                          XCB_IMAGE_FORMAT_Z_PIXMAP, segment, 0),
+                          XCB_IMAGE_FORMAT_Z_PIXMAP, m_imageSegment, 0),
         &rawError));
     Xcb::Error error(rawError);
     if (!image) {
@@ -278,12 +266,22 @@ bool X11FrameGrabber::grab(const PixelBufferPool::Buffer &out)
     m_cursorMoved = false;
     m_pointerAtGrab = m_pointer;
 
+    const PixelBufferPool::Buffer &grabbed = *m_imageBuffer;
     if (m_showsCursor && m_hasXfixes)
-        drawCursor(target);
-    if (scaled)
-        libyuv::ARGBScale(target.data(), target.stride(), target.width(), target.height(),
-                          out.data(), out.stride(), out.width(), out.height(), libyuv::kFilterBox);
-    return true;
+        drawCursor(grabbed);
+    const uint8_t *bgra = grabbed.data();
+    int stride = grabbed.stride();
+    if (!m_scaled.empty()) {
+        libyuv::ARGBScale(bgra, stride, grabbed.width(), grabbed.height(), m_scaled.data(),
+                          m_outWidth * 4, m_outWidth, m_outHeight, libyuv::kFilterBox);
+        bgra = m_scaled.data();
+        stride = m_outWidth * 4;
+    }
+    // libyuv names formats by their order in a 32-bit word: its "ARGB" is B, G, R, A in memory.
+    // BT.601 limited range, the matrix the encoder is told about.
+    return libyuv::ARGBToI420(bgra, stride, out.data(), out.stride(), out.chroma(1),
+                              out.chromaStride(), out.chroma(2), out.chromaStride(), m_outWidth,
+                              m_outHeight) == 0;
 }
 
 void X11FrameGrabber::drawCursor(const PixelBufferPool::Buffer &target)

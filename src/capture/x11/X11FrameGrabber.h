@@ -13,9 +13,10 @@
 #include <utility>
 #include <vector>
 
-// The X side of capturing one monitor: its own connection, MIT-SHM grabs into pool buffers, the
-// XDamage and XFixes bookkeeping that says whether a new grab is needed at all, the cursor and
-// the scaling to the capture size. Used from one thread only (the stream's capture thread).
+// The X side of capturing one monitor: its own connection, MIT-SHM grabs into a shared image,
+// the XDamage and XFixes bookkeeping that says whether a new grab is needed at all, the cursor,
+// the scaling to the capture size and the conversion to I420. Used from one thread only (the
+// stream's capture thread).
 class X11FrameGrabber
 {
 public:
@@ -23,9 +24,6 @@ public:
     // std::runtime_error with a readable sentence when the display cannot be captured.
     X11FrameGrabber(const std::string &displayName, const CaptureDisplay &display, int outWidth,
                     int outHeight, bool showsCursor);
-
-    // Lets the X server write into each of the pool's buffers. Throws std::runtime_error.
-    void attach(const PixelBufferPool &pool);
 
     // Reads what the server reported since the last call. Returns why the capture must end (the
     // connection died, the monitor went away or changed size), otherwise nothing.
@@ -43,9 +41,9 @@ public:
     // the last grab. Without the Damage extension this is always true.
     bool hasChanges() const;
 
-    // Grabs the monitor into `out` (a buffer of the capture size from the attached pool), cursor
-    // drawn in, scaled when the sizes differ. False when the server refused; poll() says why
-    // when that ends the capture.
+    // Grabs the monitor into `out` (an I420 buffer of the capture size), cursor drawn in, scaled
+    // when the sizes differ. False when the server refused; poll() says why when that ends the
+    // capture.
     bool grab(const PixelBufferPool::Buffer &out);
 
     bool tracksDamage() const { return m_damage != 0; }
@@ -69,11 +67,12 @@ private:
     bool m_hasRandr = false;
     uint32_t m_damage = 0; // 0 without the Damage extension
 
-    std::vector<xcb_shm_seg_t> m_segments; // by pool buffer index
-    // Grabs land here first when they are scaled; null when the capture has the monitor's size.
-    std::unique_ptr<PixelBufferPool> m_staging;
-    std::shared_ptr<PixelBufferPool::Buffer> m_stagingBuffer;
-    xcb_shm_seg_t m_stagingSegment = 0;
+    // The server writes each grab here, at the monitor's size; the cursor is drawn into it.
+    std::unique_ptr<PixelBufferPool> m_image;
+    std::shared_ptr<PixelBufferPool::Buffer> m_imageBuffer;
+    xcb_shm_seg_t m_imageSegment = 0;
+    // The grab at the capture size, when that differs from the monitor's; empty otherwise.
+    std::vector<uint8_t> m_scaled;
 
     bool m_firstGrab = true;
     bool m_damaged = false;

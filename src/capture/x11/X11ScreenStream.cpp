@@ -122,11 +122,13 @@ void X11ScreenStream::run(StartCompletion completion)
     try {
         grabber = std::make_unique<X11FrameGrabber>(m_displayName, m_display, m_config.width,
                                                     m_config.height, m_config.showsCursor);
-        // One buffer fewer than frames in flight: the frame being encoded has given its pixels
-        // back once they were converted, and only the frames still waiting hold one.
+        // The grab is converted to the encoder's I420 as it is taken, while the image is still
+        // in the cache: read again later on the encoder's thread it costs twice as much. One
+        // buffer fewer than frames in flight: the frame being encoded gives its pixels back as
+        // soon as the encoder has taken them in, and only the frames still waiting hold one.
         pool = std::make_unique<PixelBufferPool>(std::max(1, m_config.queueDepth - 1),
-                                                 m_config.width, m_config.height);
-        grabber->attach(*pool);
+                                                 m_config.width, m_config.height,
+                                                 PixelBufferPool::Format::i420);
         if (m_audio)
             m_audio->start();
     } catch (const std::exception &error) {
@@ -254,14 +256,8 @@ bool X11ScreenStream::tick(X11FrameGrabber &grabber, PixelBufferPool &pool, int6
         if (m_lastIdlePost >= 0 && now - m_lastIdlePost < 1'000'000'000)
             return false;
         m_lastIdlePost = now;
-        const VideoFrame frame {nullptr,
-                                nullptr,
-                                0,
-                                m_config.width,
-                                m_config.height,
-                                nanosecondTime(slot),
-                                duration,
-                                VideoFrame::Status::idle};
+        const VideoFrame frame =
+            VideoFrame::idle(m_config.width, m_config.height, nanosecondTime(slot), duration);
         const bool posted = m_screen->hand(m_frameHandler, frame);
         (posted ? m_idle : m_skipped).fetch_add(1);
         return false;
@@ -280,9 +276,8 @@ bool X11ScreenStream::tick(X11FrameGrabber &grabber, PixelBufferPool &pool, int6
         m_skipped.fetch_add(1);
         return true;
     }
-    const VideoFrame frame {
-        buffer,           buffer->data(),       buffer->stride(), buffer->width(),
-        buffer->height(), nanosecondTime(slot), duration,         VideoFrame::Status::complete};
+    const VideoFrame frame =
+        PixelBufferPool::frameOf(std::move(buffer), nanosecondTime(slot), duration);
     const bool posted = m_screen->hand(m_frameHandler, frame);
     (posted ? m_complete : m_skipped).fetch_add(1);
     m_lastIdlePost = now;
