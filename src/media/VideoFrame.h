@@ -20,7 +20,7 @@ struct VideoFrame
 
     std::shared_ptr<const void> owner;
     const uint8_t *pixels = nullptr; // BGRA, or I420's Y plane
-    int stride = 0;                  // bytes per row of `pixels`
+    int stride = 0; // bytes per row of `pixels`
     int width = 0;
     int height = 0;
     MediaTime pts;

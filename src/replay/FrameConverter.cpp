@@ -1,8 +1,8 @@
 #include "replay/FrameConverter.h"
 
+#include <libyuv/convert.h>
 #include <libyuv/convert_from.h>
 #include <libyuv/convert_from_argb.h>
-#include <libyuv/convert.h>
 
 bool FrameConverter::supports(AVPixelFormat format)
 {

@@ -150,12 +150,13 @@ VideoEncoder::FramePtr VideoEncoder::borrowedPicture(const VideoFrame &frame,
     const auto release = [](void *opaque, uint8_t *) {
         delete static_cast<std::shared_ptr<const void> *>(opaque);
     };
-    const uint8_t *end = std::max({frame.pixels + size_t(frame.stride) * size_t(frame.height),
-                                   frame.u + size_t(frame.chromaStride) * size_t((frame.height + 1) / 2),
-                                   frame.v + size_t(frame.chromaStride) * size_t((frame.height + 1) / 2)});
-    picture->buf[0] = av_buffer_create(const_cast<uint8_t *>(frame.pixels),
-                                       size_t(end - frame.pixels), release, held,
-                                       AV_BUFFER_FLAG_READONLY);
+    const uint8_t *end =
+        std::max({frame.pixels + size_t(frame.stride) * size_t(frame.height),
+                  frame.u + size_t(frame.chromaStride) * size_t((frame.height + 1) / 2),
+                  frame.v + size_t(frame.chromaStride) * size_t((frame.height + 1) / 2)});
+    picture->buf[0] =
+        av_buffer_create(const_cast<uint8_t *>(frame.pixels), size_t(end - frame.pixels), release,
+                         held, AV_BUFFER_FLAG_READONLY);
     if (!picture->buf[0]) {
         delete held;
         return nullptr;

@@ -23,14 +23,14 @@
 // frame at least every 120 frames and every 2 s, no B-frames, no more than a frame of delay, and
 // the SPS/PPS kept out of band as an avcC record.
 //
-// `encode` runs on the caller's thread: the BGRA frame is converted once, straight into the
-// picture the encoder reads (FrameConverter), and the compressed frame is handed to `output`
-// before `encode` returns (software encoders spread the work over threads of their own). The
-// caller's thread is the pipeline's encoder stage; a frame that arrives while it is busy waits
-// in, or is skipped by, the capture's queue, so nothing here holds frames back. Each compressed
-// frame goes out as length-prefixed NAL units with the capture's own time stamps. It knows
-// nothing of where the frames go: whoever makes it says so with `output` (the capture engine:
-// the replay buffer).
+// `encode` runs on the caller's thread: an I420 frame that is already the encoder's input is handed
+// over as it is, anything else is converted once, straight into the picture the encoder reads
+// (FrameConverter); the compressed frame is handed to `output` before `encode` returns (software
+// encoders spread the work over threads of their own). The caller's thread is the pipeline's
+// encoder stage; a frame that arrives while it is busy waits in, or is skipped by, the capture's
+// queue, so nothing here holds frames back. Each compressed frame goes out as length-prefixed NAL
+// units with the capture's own time stamps. It knows nothing of where the frames go: whoever makes
+// it says so with `output` (the capture engine: the replay buffer).
 class VideoEncoder
 {
 public:

@@ -16,8 +16,7 @@ struct Opened
     // Set when the encoder takes device frames: each converted frame is uploaded into one of
     // these first.
     FFmpeg::BufferPtr hwFrames;
-    // What the captured BGRA frames are converted to before they reach the encoder (or the
-    // upload).
+    // The planes the encoder (or the upload) takes, which captured frames are converted to.
     AVPixelFormat inputFormat = AV_PIX_FMT_NONE;
 };
 

@@ -32,8 +32,8 @@ std::vector<uint8_t> packedBgra(const VideoFrame &frame)
         return pixels;
     }
     for (int y = 0; y < frame.height; ++y)
-        std::memcpy(pixels.data() + size_t(y) * row, frame.pixels + size_t(y) * size_t(frame.stride),
-                    row);
+        std::memcpy(pixels.data() + size_t(y) * row,
+                    frame.pixels + size_t(y) * size_t(frame.stride), row);
     return pixels;
 }
 

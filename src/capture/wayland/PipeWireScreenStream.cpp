@@ -407,9 +407,9 @@ void PipeWireScreenStream::postIdle(int64_t now)
     const int64_t fps = m_config.fps;
     int64_t slot = std::max((now - m_start) * fps / second, m_lastSlot + 1);
     m_lastSlot = slot;
-    const VideoFrame frame =
-        VideoFrame::idle(m_config.width, m_config.height,
-                         nanosecondTime(m_start + slot * second / fps), MediaTime::make(1, int32_t(fps)));
+    const VideoFrame frame = VideoFrame::idle(m_config.width, m_config.height,
+                                              nanosecondTime(m_start + slot * second / fps),
+                                              MediaTime::make(1, int32_t(fps)));
     const bool posted = m_screen->hand(m_frameHandler, frame);
     (posted ? m_idle : m_skipped).fetch_add(1);
 }

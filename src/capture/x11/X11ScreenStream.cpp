@@ -126,9 +126,9 @@ void X11ScreenStream::run(StartCompletion completion)
         // in the cache: read again later on the encoder's thread it costs twice as much. One
         // buffer fewer than frames in flight: the frame being encoded gives its pixels back as
         // soon as the encoder has taken them in, and only the frames still waiting hold one.
-        pool = std::make_unique<PixelBufferPool>(std::max(1, m_config.queueDepth - 1),
-                                                 m_config.width, m_config.height,
-                                                 PixelBufferPool::Format::i420);
+        pool =
+            std::make_unique<PixelBufferPool>(std::max(1, m_config.queueDepth - 1), m_config.width,
+                                              m_config.height, PixelBufferPool::Format::i420);
         if (m_audio)
             m_audio->start();
     } catch (const std::exception &error) {

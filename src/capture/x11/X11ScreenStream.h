@@ -16,8 +16,8 @@ class X11FrameGrabber;
 // A capture of one RandR monitor of the X server with its audio. A thread of its own ticks at the
 // configured rate from the monotonic clock (frame n is due at start + n / fps, so the rate never
 // drifts); at each tick it grabs the monitor if XDamage or the pointer says something changed
-// (cursor drawn in, scaled to the capture size) and otherwise delivers an idle frame at almost no
-// cost. Audio comes from PulseAudioCapture.
+// (cursor drawn in, scaled to the capture size, delivered as I420) and otherwise delivers an idle
+// frame at almost no cost. Audio comes from PulseAudioCapture.
 //
 // The stream ends itself with a message to the stop handler, once, when the X connection dies,
 // the monitor disappears or the audio server goes away; the stop handler runs on the capture
