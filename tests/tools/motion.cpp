@@ -4,7 +4,10 @@
 // itself does almost nothing.
 //
 //   vantrel_motion [--still] [--solid RRGGBB] [--geometry WxH+X+Y] [--fps N] [--duration SECONDS]
+//                  [--phase NANOSECONDS]
 //
+// --phase puts the draws on a grid through that CLOCK_MONOTONIC time (a capture's frame times are
+// on the same clock), so a test can draw at a chosen moment of a capture's every tick.
 // Prints "ready" on standard output once the first frame is on the screen.
 
 #include <xcb/shm.h>
@@ -39,13 +42,14 @@ struct Options
     int width = 0, height = 0, x = 0, y = 0;
     int fps = 60;
     double duration = 0; // 0: until killed
+    int64_t phase = -1; // -1: draw on a grid from the first frame
 };
 
 [[noreturn]] void usage(const char *why)
 {
     std::fprintf(stderr,
                  "vantrel_motion: %s\nusage: vantrel_motion [--still] [--solid RRGGBB] "
-                 "[--geometry WxH+X+Y] [--fps N] [--duration SECONDS]\n",
+                 "[--geometry WxH+X+Y] [--fps N] [--duration SECONDS] [--phase NS]\n",
                  why);
     std::exit(2);
 }
@@ -73,6 +77,8 @@ Options parse(int argc, char **argv)
             options.fps = std::atoi(value());
         } else if (arg == "--duration") {
             options.duration = std::atof(value());
+        } else if (arg == "--phase") {
+            options.phase = std::atoll(value());
         } else {
             usage(("unknown argument " + arg).c_str());
         }
@@ -186,7 +192,11 @@ int main(int argc, char **argv)
     std::printf("ready\n");
     std::fflush(stdout);
 
-    const int64_t start = now();
+    int64_t start = now();
+    if (options.phase >= 0) {
+        const int64_t period = 1'000'000'000 / options.fps;
+        start = options.phase + (start - options.phase + period - 1) / period * period;
+    }
     int frame = 0;
     for (int64_t n = 1; !stopRequested && (!end || now() < end); ++n) {
         sleepUntil(start + n * 1'000'000'000 / options.fps);
