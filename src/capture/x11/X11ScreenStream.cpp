@@ -222,6 +222,9 @@ void X11ScreenStream::captureLoop(X11FrameGrabber &grabber, PixelBufferPool &poo
             if (wake == Wake::xEvent)
                 changed = tick(grabber, pool, due(index), monotonicNanoseconds());
         }
+        // Counted per slot: one whose look found nothing may still have grabbed a later draw.
+        if (!changed && m_screen)
+            m_unchanged.fetch_add(1);
         stillTicks = changed ? 0 : stillTicks + 1;
         if (m_ended.load())
             return;
@@ -249,7 +252,6 @@ bool X11ScreenStream::tick(X11FrameGrabber &grabber, PixelBufferPool &pool, int6
 
     const MediaTime duration = MediaTime::make(1, m_config.fps);
     if (!grabber.hasChanges()) {
-        m_unchanged.fetch_add(1);
         // A still screen is told once it has been still for a second, and then once a second:
         // handing the consumer an empty frame every tick (or at every missed draw of a
         // stuttering program) would wake its thread for nothing.
