@@ -60,9 +60,7 @@ public:
     // is gone.
     static VideoFrame frameOf(std::shared_ptr<Buffer> buffer, MediaTime pts, MediaTime duration);
 
-    int count() const { return int(m_state->buffers.size()); }
     int freeCount() const;
-    const Buffer &buffer(int index) const { return *m_state->buffers[size_t(index)]; }
 
 private:
     struct State

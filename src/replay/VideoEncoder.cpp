@@ -122,12 +122,13 @@ void VideoEncoder::encode(VideoFrame &&frame)
         !m_hwFrames) {
         // Already the encoder's planes: handed over as they are, held until the encoder has
         // taken them in.
-        FramePtr picture = borrowedPicture(frame, std::move(pixels));
+        AVFrame *picture = borrowedPicture(frame, std::move(pixels));
         if (!picture) {
             reportSubmission(AVERROR(ENOMEM), ordinal);
             return;
         }
         submit(*picture, frame.pts, frame.duration, ordinal);
+        av_frame_unref(picture);
         return;
     }
     AVFrame *picture = writablePicture();
@@ -139,10 +140,11 @@ void VideoEncoder::encode(VideoFrame &&frame)
     submit(*picture, frame.pts, frame.duration, ordinal);
 }
 
-VideoEncoder::FramePtr VideoEncoder::borrowedPicture(const VideoFrame &frame,
-                                                     std::shared_ptr<const void> owner)
+AVFrame *VideoEncoder::borrowedPicture(const VideoFrame &frame, std::shared_ptr<const void> owner)
 {
-    FramePtr picture(av_frame_alloc());
+    if (!m_borrowed)
+        m_borrowed.reset(av_frame_alloc());
+    AVFrame *picture = m_borrowed.get();
     if (!picture)
         return nullptr;
     // The buffer's release drops our hold on the pixels, whenever the encoder lets go of them.

@@ -81,8 +81,9 @@ private:
     // holds on to the last one (hardware encoders read their input later).
     AVFrame *writablePicture();
     // An I420 frame's own planes as a picture for the encoder, holding `owner` as long as the
-    // encoder holds the picture.
-    static FramePtr borrowedPicture(const VideoFrame &frame, std::shared_ptr<const void> owner);
+    // encoder holds the picture; null when out of memory. Made in one picture kept for the
+    // purpose, which the caller unreferences once the encoder has its own reference.
+    AVFrame *borrowedPicture(const VideoFrame &frame, std::shared_ptr<const void> owner);
     void submit(AVFrame &picture, MediaTime pts, MediaTime duration, int64_t ordinal);
     static void reportSubmission(int status, int64_t ordinal);
     void receivePackets();
@@ -105,6 +106,7 @@ private:
     FFmpeg::BufferPtr m_hwFrames;
     FFmpeg::PacketPtr m_packet;
     FramePtr m_picture; // what conversions write into
+    FramePtr m_borrowed; // an I420 frame's planes on their way in
     FramePtr m_uploaded; // a hardware encoder's copy of it
     VideoFormatPtr m_format;
     std::deque<Timing> m_timings; // submitted frames not yet returned, oldest first

@@ -95,8 +95,9 @@ TEST(ScreenCapture, PoolLendsEachBufferOnceAndOutlivesItsFrames)
     std::shared_ptr<PixelBufferPool::Buffer> kept;
     {
         PixelBufferPool pool(3, 64, 32);
-        EXPECT_EQ(pool.buffer(0).stride(), 256);
         auto a = pool.acquire();
+        ASSERT_TRUE(a);
+        EXPECT_EQ(a->stride(), 256);
         auto b = pool.acquire();
         kept = pool.acquire();
         ASSERT_TRUE(a && b && kept);

@@ -105,11 +105,11 @@ X11FrameGrabber::X11FrameGrabber(const std::string &displayName, const CaptureDi
                                    XCB_RANDR_NOTIFY_MASK_OUTPUT_CHANGE);
     }
 
-    m_image = std::make_unique<PixelBufferPool>(1, m_display.width, m_display.height);
-    m_imageBuffer = m_image->acquire();
+    m_image = std::make_unique<PixelBufferPool::Buffer>(0, m_display.width, m_display.height,
+                                                        PixelBufferPool::Format::bgra);
     m_imageSegment = xcb_generate_id(c);
     // The request takes the descriptor it is given and closes it once sent.
-    throwIfFailed(c, xcb_shm_attach_fd_checked(c, m_imageSegment, dup(m_imageBuffer->fd()), 0),
+    throwIfFailed(c, xcb_shm_attach_fd_checked(c, m_imageSegment, dup(m_image->fd()), 0),
                   "Could not share memory with the X server");
     if (m_outWidth != m_display.width || m_outHeight != m_display.height)
         m_scaled.resize(size_t(m_outWidth) * size_t(m_outHeight) * 4);
@@ -266,7 +266,7 @@ bool X11FrameGrabber::grab(const PixelBufferPool::Buffer &out)
     m_cursorMoved = false;
     m_pointerAtGrab = m_pointer;
 
-    const PixelBufferPool::Buffer &grabbed = *m_imageBuffer;
+    const PixelBufferPool::Buffer &grabbed = *m_image;
     if (m_showsCursor && m_hasXfixes)
         drawCursor(grabbed);
     const uint8_t *bgra = grabbed.data();

@@ -68,8 +68,7 @@ private:
     uint32_t m_damage = 0; // 0 without the Damage extension
 
     // The server writes each grab here, at the monitor's size; the cursor is drawn into it.
-    std::unique_ptr<PixelBufferPool> m_image;
-    std::shared_ptr<PixelBufferPool::Buffer> m_imageBuffer;
+    std::unique_ptr<PixelBufferPool::Buffer> m_image;
     xcb_shm_seg_t m_imageSegment = 0;
     // The grab at the capture size, when that differs from the monitor's; empty otherwise.
     std::vector<uint8_t> m_scaled;

@@ -208,21 +208,21 @@ void X11ScreenStream::captureLoop(X11FrameGrabber &grabber, PixelBufferPool &poo
         }
         if (sleepUntil(due(index)) == Wake::stopped)
             return;
-        const int64_t ran = monotonicNanoseconds();
-        bool changed = tick(grabber, pool, due(index), ran);
+        Tick outcome = tick(grabber, pool, due(index), monotonicNanoseconds());
         // A tick that found nothing listens to the server for the rest of its slot, and grabs
         // a change drawn meanwhile at once. Left to the next tick, it would be joined there by
         // the program's next draw, which lands on damage not yet cleared and so is never
         // reported: a program drawing at our rate, just after our ticks, would be caught at half
         // of it. (Not when the tick handed on an idle frame with this slot's time.)
-        if (!changed && stillTicks + 1 < fps && !m_ended.load() && m_lastIdlePost != ran) {
+        if (outcome == Tick::unchanged && stillTicks + 1 < fps) {
             const Wake wake = awaitChange(grabber, due(index + 1));
             if (wake == Wake::stopped)
                 return;
             if (wake == Wake::xEvent)
-                changed = tick(grabber, pool, due(index), monotonicNanoseconds());
+                outcome = tick(grabber, pool, due(index), monotonicNanoseconds());
         }
         // Counted per slot: one whose look found nothing may still have grabbed a later draw.
+        const bool changed = outcome == Tick::changed;
         if (!changed && m_screen)
             m_unchanged.fetch_add(1);
         stillTicks = changed ? 0 : stillTicks + 1;
@@ -237,18 +237,18 @@ void X11ScreenStream::captureLoop(X11FrameGrabber &grabber, PixelBufferPool &poo
     }
 }
 
-bool X11ScreenStream::tick(X11FrameGrabber &grabber, PixelBufferPool &pool, int64_t slot,
-                           int64_t now)
+X11ScreenStream::Tick X11ScreenStream::tick(X11FrameGrabber &grabber, PixelBufferPool &pool,
+                                            int64_t slot, int64_t now)
 {
     std::optional<std::string> why = grabber.poll();
     if (!why && m_audio)
         why = m_audio->failure();
     if (why) {
         end(*why);
-        return true;
+        return Tick::changed;
     }
     if (!m_screen)
-        return false;
+        return Tick::unchanged;
 
     const MediaTime duration = MediaTime::make(1, m_config.fps);
     if (!grabber.hasChanges()) {
@@ -256,34 +256,34 @@ bool X11ScreenStream::tick(X11FrameGrabber &grabber, PixelBufferPool &pool, int6
         // handing the consumer an empty frame every tick (or at every missed draw of a
         // stuttering program) would wake its thread for nothing.
         if (m_lastIdlePost >= 0 && now - m_lastIdlePost < 1'000'000'000)
-            return false;
+            return Tick::unchanged;
         m_lastIdlePost = now;
         const VideoFrame frame =
             VideoFrame::idle(m_config.width, m_config.height, nanosecondTime(slot), duration);
         const bool posted = m_screen->hand(m_frameHandler, frame);
         (posted ? m_idle : m_skipped).fetch_add(1);
-        return false;
+        return Tick::idleHandedOn;
     }
     // Without a free buffer, or with the consumer behind, the frame is skipped before the grab
     // costs anything; the damage stays pending, so the next tick grabs.
     std::shared_ptr<PixelBufferPool::Buffer> buffer = pool.acquire();
     if (!buffer || m_screen->inFlight() >= m_config.queueDepth) {
         m_skipped.fetch_add(1);
-        return true;
+        return Tick::changed;
     }
     // Stamped with its slot rather than the moment of the grab: a late tick and the one after it
     // then stay a whole frame apart, as players and muxers expect of a 60 fps stream, and the
     // picture is off by less than one frame.
     if (!grabber.grab(*buffer)) {
         m_skipped.fetch_add(1);
-        return true;
+        return Tick::changed;
     }
     const VideoFrame frame =
         PixelBufferPool::frameOf(std::move(buffer), nanosecondTime(slot), duration);
     const bool posted = m_screen->hand(m_frameHandler, frame);
     (posted ? m_complete : m_skipped).fetch_add(1);
     m_lastIdlePost = now;
-    return true;
+    return Tick::changed;
 }
 
 void X11ScreenStream::end(const std::string &why)

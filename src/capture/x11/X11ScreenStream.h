@@ -41,9 +41,11 @@ public:
 private:
     void run(StartCompletion completion);
     void captureLoop(X11FrameGrabber &grabber, PixelBufferPool &pool);
+    // What a tick did: something changed (a grab, a skip or the end), nothing did, or nothing did
+    // and it handed on an idle frame with its slot's time.
+    enum class Tick { changed, unchanged, idleHandedOn };
     // `slot` is the tick's place on the frame grid, which stamps its frame; `now` is when it ran.
-    // False when nothing on the monitor changed.
-    bool tick(X11FrameGrabber &grabber, PixelBufferPool &pool, int64_t slot, int64_t now);
+    Tick tick(X11FrameGrabber &grabber, PixelBufferPool &pool, int64_t slot, int64_t now);
     enum class Wake { due, stopped, xEvent };
     // Sleeps until the monotonic time `when`, a stop, or (given its socket) news from the X
     // server, whichever comes first.
