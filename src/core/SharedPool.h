@@ -22,10 +22,34 @@ namespace SharedPool {
 
 void run(std::function<void()> work);
 
+// Pauses ThreadSanitizer's checks of this thread's reads and writes while it lives (nothing
+// without it). Locks and other hand-overs are still followed.
+class RaceChecksPaused {
+public:
+    RaceChecksPaused();
+    ~RaceChecksPaused();
+    RaceChecksPaused(const RaceChecksPaused &) = delete;
+    RaceChecksPaused &operator=(const RaceChecksPaused &) = delete;
+};
+
 // A hand-over point through the pool's own mutex. A task passes it after its work and before its
 // answer; settle() passes it after the answer. Qt's wait on a future already orders the two, but
 // out of ThreadSanitizer's sight; this makes the order visible to it as well.
 void handOver();
+
+// Finishes an answered promise and lets go of it at once.
+//
+// The caller may have read the answer and let go of it already, so this thread may be the one
+// that frees it. An error's last free is decided by libstdc++'s count of references to a thrown
+// exception, made with atomics that ThreadSanitizer cannot see: the free would look like a race
+// with the caller's read (and ThreadSanitizer has been seen to crash while reporting it). The
+// promise is therefore let go of with this thread's race checks paused.
+template<typename T> void finishAndRelease(QPromise<T> &promise)
+{
+    promise.finish();
+    const RaceChecksPaused paused;
+    const QPromise<T> done = std::move(promise);
+}
 
 // Waits for `future` and drops its outcome, errors included (for owners going away).
 template<typename T> void settle(QFuture<T> future)
@@ -53,7 +77,7 @@ template<typename T, typename Work> QFuture<T> task(Work work)
             promise->setException(std::current_exception());
         }
         handOver();
-        promise->finish();
+        finishAndRelease(*promise);
     });
     return future;
 }

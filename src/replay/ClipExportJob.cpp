@@ -1,6 +1,7 @@
 #include "replay/ClipExportJob.h"
 
 #include "core/Log.h"
+#include "core/SharedPool.h"
 #include "media/RecorderError.h"
 #include "replay/FileMove.h"
 
@@ -51,7 +52,7 @@ void ClipExportJob::fail(const QString &message)
     m_answer.resume([&] {
         QFile::remove(m_plan.tempPath);
         m_promise.setException(RecorderError::writerFailed(message));
-        m_promise.finish();
+        SharedPool::finishAndRelease(m_promise);
     });
 }
 
@@ -257,7 +258,7 @@ void ClipExportJob::onWriterFinished()
                 m_promise.addResult(WrittenFile {m_plan.finalPath, shortfall()});
             else
                 m_promise.setException(RecorderError::writerFailed(moveError));
-            m_promise.finish();
+            SharedPool::finishAndRelease(m_promise);
         });
     } else {
         fail(error.isEmpty() ? QStringLiteral("Clip file was empty.") : error);
