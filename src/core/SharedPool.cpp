@@ -55,11 +55,6 @@ RaceChecksPaused::~RaceChecksPaused()
 #endif
 }
 
-void handOver()
-{
-    std::scoped_lock guard(queue().lock);
-}
-
 void run(std::function<void()> work)
 {
     {

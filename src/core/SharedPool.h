@@ -14,7 +14,7 @@
 //
 // Work is handed over through a queue of our own under a std::mutex, and answered through a
 // QPromise: ThreadSanitizer cannot see the thread pool's own locks (Qt is not built with it),
-// but it does see these, so the tests that run under it check our code rather than Qt's.
+// but it does see this one, so the tests that run under it check our code rather than Qt's.
 //
 // A task may block on queues and threads of its own (a writer finishing, a stream stopping), but
 // must never wait for another pool task: with as few threads as cores, that could wait forever.
@@ -31,11 +31,6 @@ public:
     RaceChecksPaused(const RaceChecksPaused &) = delete;
     RaceChecksPaused &operator=(const RaceChecksPaused &) = delete;
 };
-
-// A hand-over point through the pool's own mutex. A task passes it after its work and before its
-// answer; settle() passes it after the answer. Qt's wait on a future already orders the two, but
-// out of ThreadSanitizer's sight; this makes the order visible to it as well.
-void handOver();
 
 // Finishes an answered promise and lets go of it at once.
 //
@@ -58,7 +53,6 @@ template<typename T> void settle(QFuture<T> future)
         future.waitForFinished();
     } catch (...) {
     }
-    handOver();
 }
 
 // Runs `work` on the pool and answers with its result, or with what it threw.
@@ -76,7 +70,6 @@ template<typename T, typename Work> QFuture<T> task(Work work)
         } catch (...) {
             promise->setException(std::current_exception());
         }
-        handOver();
         finishAndRelease(*promise);
     });
     return future;
