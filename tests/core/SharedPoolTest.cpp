@@ -25,7 +25,7 @@ private:
 // that read it) frees it; both orders come up over many tasks, with results and with errors.
 TEST(SharedPool, AnswersAndErrorsReachTheCallerWhicheverSideLetsGoLast)
 {
-    for (int i = 0; i < 2000; ++i) {
+    for (int i = 0; i < 5000; ++i) {
         if (i % 2 == 0) {
             const QString answer =
                 SharedPool::task<QString>([i] { return QString::number(i); }).result();
