@@ -48,6 +48,34 @@ void received(const void *future)
         __tsan_acquire(state);
 }
 
+// Qt's waits rethrow the future's error from inside, so the hand-over is told before that too.
+template<typename Wait> void waited(const void *future, Wait wait)
+{
+    try {
+        wait();
+    } catch (...) {
+        received(future);
+        throw;
+    }
+    received(future);
+}
+
+// An answer of "finished" or "has an error" means the finishing thread's work is visible.
+bool receivedIf(bool answer, const void *future)
+{
+    if (answer)
+        received(future);
+    return answer;
+}
+
+// A holder letting go: Qt's destructor does not say whether it was the last one (which frees the
+// state and a stored error), so every holder publishes and receives on its way out.
+void leaving(const void *future)
+{
+    published(future);
+    received(future);
+}
+
 } // namespace
 
 #define QFI "_ZN20QFutureInterfaceBase"
@@ -71,74 +99,48 @@ void reportResultsReady(void *self, int begin, int end)
     original(self, begin, end);
 }
 
-// The waits rethrow the future's error from inside Qt, so the hand-over is told before that.
 void waitForFinished(void *self) __asm__(QFI "15waitForFinishedEv");
 void waitForFinished(void *self)
 {
     static const auto original = qt<void (*)(void *)>(QFI "15waitForFinishedEv");
-    try {
-        original(self);
-    } catch (...) {
-        received(self);
-        throw;
-    }
-    received(self);
+    waited(self, [&] { original(self); });
 }
 
 void waitForResult(void *self, int index) __asm__(QFI "13waitForResultEi");
 void waitForResult(void *self, int index)
 {
     static const auto original = qt<void (*)(void *, int)>(QFI "13waitForResultEi");
-    try {
-        original(self, index);
-    } catch (...) {
-        received(self);
-        throw;
-    }
-    received(self);
+    waited(self, [&] { original(self, index); });
 }
 
 bool isFinished(const void *self) __asm__(QFI_CONST "10isFinishedEv");
 bool isFinished(const void *self)
 {
     static const auto original = qt<bool (*)(const void *)>(QFI_CONST "10isFinishedEv");
-    const bool finished = original(self);
-    if (finished)
-        received(self);
-    return finished;
+    return receivedIf(original(self), self);
 }
 
 bool hasException(const void *self) __asm__(QFI_CONST "12hasExceptionEv");
 bool hasException(const void *self)
 {
     static const auto original = qt<bool (*)(const void *)>(QFI_CONST "12hasExceptionEv");
-    const bool has = original(self);
-    if (has)
-        received(self);
-    return has;
+    return receivedIf(original(self), self);
 }
 
-// Letting go of a future: the last holder frees the results (in our code, after this answers
-// false), so it must see what every other holder did before letting go.
+// The last holder of a typed future frees its results (in our code, once this answers false).
 bool derefT(const void *self) __asm__(QFI_CONST "6derefTEv");
 bool derefT(const void *self)
 {
     static const auto original = qt<bool (*)(const void *)>(QFI_CONST "6derefTEv");
     published(self);
-    const bool stillHeld = original(self);
-    if (!stillHeld)
-        received(self);
-    return stillHeld;
+    return !receivedIf(!original(self), self);
 }
 
-// The state itself (and a stored error) goes inside Qt's destructor, which does not say whether
-// it was the last holder: every holder publishes and receives on its way out.
 void destroyFuture(void *self) __asm__(QFI "D2Ev");
 void destroyFuture(void *self)
 {
     static const auto original = qt<void (*)(void *)>(QFI "D2Ev");
-    published(self);
-    received(self);
+    leaving(self);
     original(self);
 }
 
@@ -146,8 +148,7 @@ void destroyWholeFuture(void *self) __asm__(QFI "D1Ev");
 void destroyWholeFuture(void *self)
 {
     static const auto original = qt<void (*)(void *)>(QFI "D1Ev");
-    published(self);
-    received(self);
+    leaving(self);
     original(self);
 }
 
