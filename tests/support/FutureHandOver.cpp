@@ -133,7 +133,10 @@ bool derefT(const void *self)
 {
     static const auto original = qt<bool (*)(const void *)>(QFI_CONST "6derefTEv");
     published(self);
-    return !receivedIf(!original(self), self);
+    const bool stillHeld = original(self);
+    if (!stillHeld)
+        received(self);
+    return stillHeld;
 }
 
 void destroyFuture(void *self) __asm__(QFI "D2Ev");
