@@ -38,6 +38,13 @@ function(vantrel_test name)
     # Tells ThreadSanitizer about the hand-overs Qt's futures make out of its sight.
     target_sources(${name} PRIVATE ${PROJECT_SOURCE_DIR}/tests/support/FutureHandOver.cpp)
   endif()
+  # The ThreadSanitizer build runs only the threaded tests, so it builds only them.
+  if("threads" IN_LIST T_LABELS)
+    if(NOT TARGET thread_tests)
+      add_custom_target(thread_tests)
+    endif()
+    add_dependencies(thread_tests ${name})
+  endif()
   if(NOT T_TIMEOUT)
     set(T_TIMEOUT 120)
   endif()
