@@ -1,6 +1,7 @@
 #include "cloud/ClipCloud.h"
 
 #include "cloud/Cancellation.h"
+#include "cloud/CappedReply.h"
 #include "cloud/CloudConfig.h"
 #include "cloud/CloudError.h"
 #include "cloud/SharedNetwork.h"
@@ -85,22 +86,28 @@ QCoro::Task<HttpAnswer> await(ReplyPtr reply, QPointer<Cancellation> cancel)
                 });
         }
     }
-    co_await reply.get();
+    QCoro::Task<CappedReply::Body> reading =
+        CappedReply::read(reply.get(), CappedReply::answerLimit);
+    const CappedReply::Body body = co_await reading;
     QObject::disconnect(abortOnCancel);
 
     const QNetworkReply::NetworkError error = reply->error();
     if (aborted)
         fail(reply->errorString());
+    if (body.tooLarge)
+        fail(CappedReply::tooLargeText());
     // A transfer time-out ends the reply the way abort() does; only our own flag tells the two
     // apart, and "Operation canceled" would mislead whoever reads it.
     if (error == QNetworkReply::OperationCanceledError)
         fail(QStringLiteral("The request timed out."));
     const QVariant status = reply->attribute(QNetworkRequest::HttpStatusCodeAttribute);
     // Errors below 200 are the network's and the proxy's (also after the headers arrived, as a
-    // connection reset mid-body); from 200 up they only mirror the HTTP status.
-    if (!status.isValid() || (error != QNetworkReply::NoError && error < 200))
+    // connection reset mid-body); from 200 up they mostly mirror the HTTP status, except on a
+    // success whose body could not be read (one that fails to decompress, say).
+    const bool success = status.toInt() >= 200 && status.toInt() <= 299;
+    if (!status.isValid() || (error != QNetworkReply::NoError && (error < 200 || success)))
         fail(reply->errorString());
-    co_return HttpAnswer {status.toInt(), reply->readAll()};
+    co_return HttpAnswer {status.toInt(), body.bytes};
 }
 
 } // namespace
@@ -176,7 +183,9 @@ QCoro::Task<DeviceStart> createDevice(QPointer<Cancellation> cancel)
                          false, std::nullopt, cancel);
     const std::optional<QString> code = reply.string(QStringLiteral("code"));
     const std::optional<QUrl> url = reply.link(QStringLiteral("url"));
-    if (!code || !url)
+    // The page opens in the user's browser on the service's word alone: only the service's own
+    // pages, never a file, another program's scheme or someone else's site.
+    if (!code || !url || !CloudConfig::isServicePage(*url))
         throw CloudError::message(QStringLiteral("Could not start sign-in."));
     co_return DeviceStart {*code, *url};
 }

@@ -30,7 +30,8 @@ namespace ClipCloud {
 // application/json" always, the bearer token when given, a compact JSON body when given. With
 // `allowPending`, a 204 answer means "nothing yet" and reads as an empty object. A reply
 // without a body reads as an empty object, one whose top level is not an object too; a body
-// that is not JSON throws. A cancelled call throws; the canceller is expected to ignore that.
+// that is not JSON throws, and so does one over CappedReply::answerLimit. A cancelled call
+// throws; the canceller is expected to ignore that.
 QCoro::Task<JsonObject> request(QString path, QString method, std::optional<QString> token,
                                 bool allowPending, std::optional<JsonObject> json,
                                 QPointer<Cancellation> cancel = {});
@@ -40,7 +41,8 @@ QCoro::Task<JsonObject> request(QString path, QString method, std::optional<QStr
 // body as text, else (a body that is not UTF-8) "Request failed.".
 void throwIfNeeded(int status, const QByteArray &body);
 
-// Starts a browser sign-in: POST /v1/auth/device.
+// Starts a browser sign-in: POST /v1/auth/device. A sign-in page that is not one of the
+// service's own (CloudConfig::isServicePage) is refused as a malformed answer.
 QCoro::Task<DeviceStart> createDevice(QPointer<Cancellation> cancel = {});
 // Asks whether the sign-in with `code` has been approved: GET /v1/auth/device/CODE.
 QCoro::Task<DevicePoll> pollDevice(QString code, QPointer<Cancellation> cancel = {});

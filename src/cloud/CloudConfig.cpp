@@ -1,31 +1,28 @@
 #include "cloud/CloudConfig.h"
 
+#include "cloud/SecureUrl.h"
 #include "core/Log.h"
 #include "core/ProgramVersion.h"
 
 namespace {
-
-bool isServiceUrl(const QUrl &url)
-{
-    return url.isValid() && !url.host().isEmpty()
-        && (url.scheme() == QLatin1String("https") || url.scheme() == QLatin1String("http"));
-}
 
 QUrl configuredWebsite()
 {
     const QByteArray override = qgetenv("VANTREL_SERVICE_URL");
     if (!override.isEmpty()) {
         const QUrl url(QString::fromUtf8(override), QUrl::StrictMode);
-        if (isServiceUrl(url))
+        // Tokens and sign-ins travel to this address: TLS, unless it is this machine.
+        if (SecureUrl::isSecure(url))
             return url;
         Log::reportOnce("service-url",
-                        QStringLiteral("VANTREL_SERVICE_URL is not an http(s) address (%1); using %2")
+                        QStringLiteral("VANTREL_SERVICE_URL is not an https address, nor http on "
+                                       "this machine (%1); using %2")
                             .arg(QString::fromUtf8(override), QStringLiteral(VANTREL_SERVICE_URL)));
     }
     const QUrl builtIn(QStringLiteral(VANTREL_SERVICE_URL), QUrl::StrictMode);
     // A build-time fault, never user input: a build with a broken address must not ship.
-    if (!isServiceUrl(builtIn))
-        qFatal("The built-in service URL \"%s\" is not an http(s) address", VANTREL_SERVICE_URL);
+    if (!SecureUrl::isSecure(builtIn))
+        qFatal("The built-in service URL \"%s\" is not an https address", VANTREL_SERVICE_URL);
     return builtIn;
 }
 
@@ -52,6 +49,11 @@ QUrl appending(const QString &components)
 QString host()
 {
     return website().host();
+}
+
+bool isServicePage(const QUrl &url)
+{
+    return SecureUrl::isSecure(url) && url.host().compare(host(), Qt::CaseInsensitive) == 0;
 }
 
 QString appVersion()

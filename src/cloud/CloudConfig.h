@@ -10,7 +10,8 @@ namespace CloudConfig {
 // The service's base URL, an https address with no path. The built-in one comes from the
 // VANTREL_SERVICE_URL CMake cache value; the environment variable of the same name points a copy
 // at another service (a self-hosted one, or a test's). An environment value that is not an
-// absolute http(s) URL is ignored, and the log says so once.
+// absolute https URL (or an http one on this machine, see SecureUrl) is ignored, and the log says
+// so once.
 const QUrl &website();
 
 // The base URL with path components appended: appending("v1/ads") gives https://host/v1/ads,
@@ -19,6 +20,10 @@ QUrl appending(const QString &components);
 
 // The service's host name, bare ("vantrel.app"), as people are shown it.
 QString host();
+
+// Whether `url` is a page of the service's own host over a secure address: the only pages the
+// program opens in the browser on the service's word (a sign-in page, say).
+bool isServicePage(const QUrl &url);
 
 // The program's own version, compared with the newest release by the update check.
 QString appVersion();

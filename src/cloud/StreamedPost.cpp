@@ -1,5 +1,6 @@
 #include "cloud/StreamedPost.h"
 
+#include "cloud/CappedReply.h"
 #include "cloud/SharedNetwork.h"
 
 #include <QCoreApplication>
@@ -19,8 +20,11 @@ namespace {
 // little enough that a clip of any size costs a few buffers.
 constexpr qint64 queueLimit = 4 << 20;
 constexpr qint64 blockSize = 1 << 20;
-// The service answers an upload with a few hundred bytes of JSON; anything near this is not it.
-constexpr qsizetype answerLimit = 16 << 20;
+// A server that does not know "Expect: 100-continue" never answers it; after this the body goes
+// all the same (curl waits as long).
+constexpr std::chrono::milliseconds continueWait {1000};
+// The service answers an upload with a few hundred bytes of JSON.
+constexpr qsizetype answerLimit = CappedReply::answerLimit;
 
 QString protocolError()
 {
@@ -68,8 +72,15 @@ StreamedPost::StreamedPost(const QUrl &url, const Headers &headers, QByteArray h
         url.adjusted(QUrl::RemoveUserInfo).authority(QUrl::FullyEncoded).toLatin1() + "\r\n";
     for (const auto &[name, value] : headers)
         m_requestHead += name + ": " + value + "\r\n";
+    // The service refuses a body it will not take (too large, a bad token) before it comes: the
+    // body waits for its "100 Continue", so a refused clip costs a round trip, not its bytes.
     m_requestHead += "Content-Length: " + QByteArray::number(head.size() + length + m_tail.size()) +
-        "\r\nConnection: close\r\n\r\n" + head;
+        "\r\nExpect: 100-continue\r\nConnection: close\r\n\r\n";
+    m_bodyHead = std::move(head);
+
+    m_continueWait.setSingleShot(true);
+    m_continueWait.setInterval(continueWait);
+    connect(&m_continueWait, &QTimer::timeout, this, &StreamedPost::releaseBody);
 
     m_idle.setSingleShot(true);
     m_idle.setInterval(idleLimit);
@@ -120,6 +131,17 @@ void StreamedPost::sendRequest()
     m_idle.start();
     m_socket->write(m_requestHead);
     m_requestHead = {};
+    m_continueWait.start();
+}
+
+void StreamedPost::releaseBody()
+{
+    if (m_done || m_bodyReleased)
+        return;
+    m_bodyReleased = true;
+    m_continueWait.stop();
+    m_socket->write(m_bodyHead);
+    m_bodyHead = {};
     m_block.resize(blockSize);
     fill();
 }
@@ -163,7 +185,7 @@ void StreamedPost::readAnswer()
     m_idle.start();
     m_received += m_socket->readAll();
     if (m_received.size() > answerLimit) {
-        fail(protocolError());
+        fail(CappedReply::tooLargeText());
         return;
     }
     if (answerComplete(false))
@@ -239,6 +261,8 @@ bool StreamedPost::parseHead()
         fail(protocolError());
         return false;
     }
+    if (status == 100)
+        releaseBody();
     if (status < 200)
         return true;
     for (qsizetype i = 1; i < lines.size(); ++i) {
@@ -304,6 +328,7 @@ void StreamedPost::succeed()
 {
     m_done = true;
     m_idle.stop();
+    m_continueWait.stop();
     m_socket->abort();
     emit finished();
 }
@@ -316,6 +341,7 @@ void StreamedPost::fail(const QString &sentence)
     m_failed = true;
     m_error = sentence;
     m_idle.stop();
+    m_continueWait.stop();
     if (m_socket)
         m_socket->abort();
     emit finished();

@@ -21,6 +21,11 @@ class QIODevice;
 // times slower than the link allows; this keeps a few megabytes queued and reads the device in
 // large blocks. "Connection: close" is sent, so the answer may also end with the connection.
 //
+// The body waits for the server's "100 Continue" ("Expect: 100-continue"), so a server that
+// refuses the request on its head (a body over its limit, a refused token) answers before a byte
+// of the body is sent, and the body is never sent. A server that ignores the expectation gets the
+// body after a second.
+//
 // Main thread only. Failures below HTTP throw a std::runtime_error with Qt's own sentence.
 class StreamedPost : public QObject
 {
@@ -52,6 +57,8 @@ private:
 
     void start();
     void sendRequest();
+    // Sends the body: on "100 Continue", or when the server kept quiet for a while.
+    void releaseBody();
     void fill();
     qint64 queued() const;
     void readAnswer();
@@ -66,14 +73,17 @@ private:
     QUrl m_url;
     bool m_secure = false;
     QByteArray m_requestHead;
+    QByteArray m_bodyHead; // the body's first bytes, before the content
     QByteArray m_tail;
     std::unique_ptr<QIODevice> m_content;
     qint64 m_contentLeft = 0;
-    QByteArray m_block; // reused for every read of the content
+    QByteArray m_block; // reused for every read of the content; empty until the body may go
+    bool m_bodyReleased = false;
     bool m_tailQueued = false;
 
     QAbstractSocket *m_socket = nullptr;
     QTimer m_idle;
+    QTimer m_continueWait;
 
     QByteArray m_received; // the answer's bytes not yet understood
     int m_status = 0;

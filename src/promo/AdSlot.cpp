@@ -27,19 +27,19 @@ std::optional<QUrl> pictureUrl(const QString &text, const QUrl &base)
 {
     if (text.isEmpty())
         return std::nullopt;
+    QUrl url;
     if (text.startsWith(QLatin1String("http"))) {
-        const QUrl url(text, QUrl::StrictMode);
-        if (!url.isValid() || url.isRelative() || url.host().isEmpty())
-            return std::nullopt;
-        return url;
+        url = QUrl(text, QUrl::StrictMode);
+    } else {
+        const QUrl relative(text, QUrl::StrictMode);
+        if (relative.isValid())
+            url = base.resolved(relative);
     }
-    const QUrl relative(text, QUrl::StrictMode);
-    if (!relative.isValid())
+    // Only a picture on the web: a file: or data: address from the service is no picture of its.
+    if (!url.isValid() || url.isRelative() || url.host().isEmpty() ||
+        (url.scheme() != QLatin1String("https") && url.scheme() != QLatin1String("http")))
         return std::nullopt;
-    const QUrl resolved = base.resolved(relative);
-    if (!resolved.isValid() || resolved.isRelative())
-        return std::nullopt;
-    return resolved;
+    return url;
 }
 
 } // namespace

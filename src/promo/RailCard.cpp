@@ -18,6 +18,7 @@ constexpr int cardMinimumHeight = 120;
 constexpr int pictureHeight = 72;
 constexpr qreal cornerRadius = 12;
 constexpr qreal pictureRadius = 8;
+constexpr qint64 largestPictureBytes = 4 << 20;
 
 // Sizes are in the device-independent pixels that the program's other platform calls points.
 QFont railFont(int pixelSize, QFont::Weight weight)
@@ -65,6 +66,12 @@ void RailCard::loadPicture()
     request.setAttribute(QNetworkRequest::RedirectPolicyAttribute,
                          QNetworkRequest::NoLessSafeRedirectPolicy);
     m_reply = SharedNetwork::manager().get(request);
+    // A card's picture is a few hundred kilobytes; a reply past this is dropped as it comes.
+    connect(m_reply, &QNetworkReply::downloadProgress, this,
+            [reply = m_reply.data()](qint64 received, qint64 total) {
+                if (received > largestPictureBytes || total > largestPictureBytes)
+                    reply->abort();
+            });
     connect(m_reply, &QNetworkReply::finished, this, [this, reply = m_reply.data()] {
         reply->deleteLater();
         const int status = reply->attribute(QNetworkRequest::HttpStatusCodeAttribute).toInt();

@@ -146,7 +146,8 @@ TEST_F(AccountStoreTest, FailuresOfTheFlowShowTheirTextAndEndIt)
             if (round++ == 0)
                 response.set_content(R"({"code":"X1"})", "application/json");
             else
-                response.set_content(R"({"code":"X2","url":"https://svc.test/device?code=X2"})",
+                response.set_content(R"({"code":"X2","url":")" + broken.url().toStdString() +
+                                         R"(/device?code=X2"})",
                                      "application/json");
         });
     broken.answer("GET", "/v1/auth/device/X2", 410, R"({"detail":"This code has expired."})");

@@ -7,25 +7,30 @@
 
 #include <functional>
 
-// Stands in for the browser: every page the program opens lands here instead of starting one.
+// Stands in for the browser, and for whatever else the desktop would start for an address: every
+// page (or file, or link of another program) the program opens lands here instead.
 class BrowserCatcher : public QObject
 {
     Q_OBJECT
 public:
     BrowserCatcher()
     {
-        QDesktopServices::setUrlHandler(QStringLiteral("http"), this, "open");
-        QDesktopServices::setUrlHandler(QStringLiteral("https"), this, "open");
+        for (const char *scheme : schemes)
+            QDesktopServices::setUrlHandler(QString::fromLatin1(scheme), this, "open");
     }
     ~BrowserCatcher() override
     {
-        QDesktopServices::unsetUrlHandler(QStringLiteral("http"));
-        QDesktopServices::unsetUrlHandler(QStringLiteral("https"));
+        for (const char *scheme : schemes)
+            QDesktopServices::unsetUrlHandler(QString::fromLatin1(scheme));
     }
 
     QList<QUrl> opened;
     // Called with each page as it opens (the test's user approving a sign-in, say).
     std::function<void(const QUrl &)> onOpen;
+
+private:
+    static constexpr const char *schemes[] = {"http",       "https",   "file", "data",
+                                              "javascript", "vantrel", "smb"};
 
 public slots:
     void open(const QUrl &url)

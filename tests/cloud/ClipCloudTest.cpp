@@ -123,11 +123,12 @@ TEST_F(ClipCloudTest, RepliesMissingTheirFieldsFallBackOrFail)
     int round = 0;
     server.http().Post("/v1/auth/device",
                        [&](const httplib::Request &, httplib::Response &response) {
-                           static const char *const replies[] = {
-                               R"({"code":"K7Q2","url":"https://svc.test/device?code=K7Q2"})",
+                           const std::string page = server.url().toStdString() + "/device";
+                           const std::string replies[] = {
+                               R"({"code":"K7Q2","url":")" + page + R"(?code=K7Q2"})",
                                R"({"code":"K7Q2"})",
                                R"({"code":"K7Q2","url":"not a url"})",
-                               R"({"code":5,"url":"https://svc.test/device"})",
+                               R"({"code":5,"url":")" + page + "\"}",
                            };
                            response.set_content(replies[round++ % 4], "application/json");
                        });
@@ -142,7 +143,7 @@ TEST_F(ClipCloudTest, RepliesMissingTheirFieldsFallBackOrFail)
 
     const DeviceStart start = await(ClipCloud::createDevice());
     EXPECT_EQ(start.code, QStringLiteral("K7Q2"));
-    EXPECT_EQ(start.url, QUrl(QStringLiteral("https://svc.test/device?code=K7Q2")));
+    EXPECT_EQ(start.url, QUrl(server.url() + QStringLiteral("/device?code=K7Q2")));
     for (int i = 0; i < 3; ++i)
         EXPECT_EQ(outcomeOf(ClipCloud::createDevice()),
                   Outcome::message(QStringLiteral("Could not start sign-in.")));
