@@ -5,6 +5,7 @@
 #include "cloud/CloudConfig.h"
 #include "cloud/CloudError.h"
 #include "cloud/KeychainStore.h"
+#include "core/Log.h"
 
 #include <QCoreApplication>
 #include <QDesktopServices>
@@ -14,13 +15,15 @@
 
 namespace {
 
-// Waits `interval`, or less when the sign-in is cancelled meanwhile.
-QCoro::Task<void> pause(std::chrono::milliseconds interval, QPointer<Cancellation> cancel)
+// Waits `interval`, or less when the sign-in is cancelled or hurried meanwhile.
+QCoro::Task<void> pause(std::chrono::milliseconds interval, QPointer<Cancellation> cancel,
+                        const AccountStore *store)
 {
     QTimer timer;
     timer.setSingleShot(true);
     if (cancel)
         QObject::connect(cancel, &Cancellation::cancelled, &timer, [&timer] { timer.start(0); });
+    QObject::connect(store, &AccountStore::pollSoon, &timer, [&timer] { timer.start(0); });
     timer.start(interval);
     co_await timer;
 }
@@ -100,11 +103,12 @@ QCoro::Task<void> AccountStore::runSignIn(QPointer<Cancellation> cancel)
         if (!self || cancelled(cancel))
             co_return;
         setLoginCode(start.code);
+        m_waitingCode = start.code;
         setLoginMessage(QStringLiteral("Finish signing in in your browser."));
-        QDesktopServices::openUrl(start.url);
+        openServicePage(start.url);
 
         for (int emptyPolls = 0;;) {
-            co_await pause(m_pollInterval, cancel);
+            co_await pause(m_pollInterval, cancel, this);
             if (!self || cancelled(cancel))
                 co_return;
             const DevicePoll poll = co_await ClipCloud::pollDevice(start.code, cancel);
@@ -129,14 +133,24 @@ QCoro::Task<void> AccountStore::runSignIn(QPointer<Cancellation> cancel)
         setLoginMessage(QString::fromUtf8(error.what()));
         setIsSigningIn(false);
     }
+    m_waitingCode.reset();
     if (m_pollTask == cancel) {
         m_pollTask->deleteLater();
         m_pollTask = nullptr;
     }
 }
 
+bool AccountStore::hurrySignIn(const QString &code)
+{
+    if (!m_isSigningIn || !m_waitingCode || code.isEmpty() || code != *m_waitingCode)
+        return false;
+    emit pollSoon();
+    return true;
+}
+
 void AccountStore::cancelSignIn()
 {
+    m_waitingCode.reset();
     if (!m_pollTask)
         return;
     m_pollTask->cancel();
@@ -157,7 +171,16 @@ void AccountStore::signOut()
 
 void AccountStore::openAccountPage()
 {
-    QDesktopServices::openUrl(CloudConfig::appending(QStringLiteral("account")));
+    openServicePage(CloudConfig::appending(QStringLiteral("account")));
+}
+
+void AccountStore::openServicePage(const QUrl &page)
+{
+    if (CloudConfig::isServicePage(page))
+        QDesktopServices::openUrl(page);
+    else
+        Log::system(QStringLiteral("did not open %1: not a page of the service")
+                        .arg(page.toDisplayString()));
 }
 
 void AccountStore::setPollTiming(std::chrono::milliseconds interval, int maxPolls)

@@ -5,6 +5,7 @@
 #include <QObject>
 #include <QPointer>
 #include <QString>
+#include <QUrl>
 #include <QVariant>
 
 #include <chrono>
@@ -23,6 +24,10 @@ class Cancellation;
 // approves, while the store asks the service every 2 s, at most 90 times, for the token. At most
 // one sign-in runs: a new one, or signing out, cancels the one before, which then ends without
 // touching any field.
+//
+// A token is only ever taken from the service's answer to a sign-in this store started. A
+// vantrel:// sign-in link can at most hurry the waiting sign-in's next poll (hurrySignIn); it
+// never carries the token that is kept, so no web page can sign the program in to an account.
 class AccountStore : public QObject
 {
     Q_OBJECT
@@ -54,9 +59,13 @@ public:
     // Fetches the profile for the current token. A refused token signs the user out; any other
     // failure leaves the last profile as it is.
     QCoro::Task<void> refresh();
-    // Signs in with `token` (from the sign-in, or a vantrel://auth link), keeps it in the secret
-    // store and fetches the profile.
+    // Signs in with `token` (the sign-in's), keeps it in the secret store and fetches the
+    // profile.
     void applyToken(const QString &token);
+    // A sign-in link naming `code`: when a sign-in started here is waiting for exactly that code
+    // (the one it showed), its next poll goes at once and this returns true. Anything else
+    // changes nothing and returns false.
+    bool hurrySignIn(const QString &code);
     // Starts the browser sign-in; a sign-in already running is dropped.
     Q_INVOKABLE void beginSignIn();
     // Forgets the token here and in the secret store. The service is not told.
@@ -73,12 +82,16 @@ signals:
     void loginCodeChanged();
     void loginMessageChanged();
     void isSigningInChanged();
+    // For the running sign-in: poll now rather than after the wait (see hurrySignIn).
+    void pollSoon();
 
 private:
     explicit AccountStore(QObject *parent);
 
     QCoro::Task<void> runSignIn(QPointer<Cancellation> cancel);
     void cancelSignIn();
+    // Opens `page` in the browser when it is one of the service's own pages; logs it otherwise.
+    void openServicePage(const QUrl &page);
     void setToken(const std::optional<QString> &token);
     void setProfile(const std::optional<AccountProfile> &profile);
     void setLoginCode(const std::optional<QString> &code);
@@ -92,6 +105,8 @@ private:
     bool m_isSigningIn = false;
     // The running sign-in's handle; cancelling it ends that sign-in.
     QPointer<Cancellation> m_pollTask;
+    // The code the running sign-in showed and polls for, once the service gave it.
+    std::optional<QString> m_waitingCode;
     std::chrono::milliseconds m_pollInterval {2000};
     int m_maxPolls = 90;
 };

@@ -249,6 +249,13 @@ QCoro::Task<SharedClip> upload(QUrl file, QString token)
                           shared.string(QStringLiteral("name")).value_or(info.fileName())};
 }
 
+QCoro::Task<void> deleteClip(QString id, QString token)
+{
+    const QByteArray encoded = QUrl::toPercentEncoding(id);
+    co_await request(QStringLiteral("/v1/clips/") + QString::fromLatin1(encoded),
+                     QStringLiteral("DELETE"), token, false, std::nullopt);
+}
+
 QCoro::Task<QUrl> createPack(QString title, QStringList clipIds, QString token)
 {
     JsonObject body;

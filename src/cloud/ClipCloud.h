@@ -53,6 +53,8 @@ QCoro::Task<AccountProfile> me(QString token);
 // streamed from the disk, so a clip of any size costs a few buffers of memory. A file that
 // cannot be opened throws before anything is sent.
 QCoro::Task<SharedClip> upload(QUrl file, QString token);
+// Takes an uploaded clip down, so its link stops working: DELETE /v1/clips/ID.
+QCoro::Task<void> deleteClip(QString id, QString token);
 // Makes one folder page listing already uploaded clips, in order: POST /v1/packs.
 QCoro::Task<QUrl> createPack(QString title, QStringList clipIds, QString token);
 

@@ -11,6 +11,14 @@ namespace {
 
 const QString key = QStringLiteral("hostedClipIds");
 
+void store(const QMap<QString, QString> &ids)
+{
+    QVariantMap map;
+    for (auto it = ids.cbegin(); it != ids.cend(); ++it)
+        map.insert(it.key(), it.value());
+    Preferences::open()->setValue(key, map);
+}
+
 } // namespace
 
 QMap<QString, QString> all()
@@ -29,12 +37,16 @@ QMap<QString, QString> all()
 
 void remember(const QUrl &local, const QString &id)
 {
-    QVariantMap map;
-    const QMap<QString, QString> ids = all();
-    for (auto it = ids.cbegin(); it != ids.cend(); ++it)
-        map.insert(it.key(), it.value());
-    map.insert(QFileInfo(local.toLocalFile()).fileName(), id);
-    Preferences::open()->setValue(key, map);
+    QMap<QString, QString> ids = all();
+    ids.insert(QFileInfo(local.toLocalFile()).fileName(), id);
+    store(ids);
+}
+
+void forget(const QUrl &local)
+{
+    QMap<QString, QString> ids = all();
+    if (ids.remove(QFileInfo(local.toLocalFile()).fileName()) > 0)
+        store(ids);
 }
 
 } // namespace HostedClips
