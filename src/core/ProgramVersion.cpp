@@ -11,14 +11,7 @@ QString readInstalledVersion()
     const QString binDir = QFileInfo(executable.canonicalFilePath()).absolutePath();
     if (QFileInfo(binDir).fileName() != QLatin1String("bin"))
         return {};
-    QFile file(binDir + QStringLiteral("/../VERSION"));
-    if (!file.open(QIODevice::ReadOnly))
-        return {};
-    // One short line; anything else is not a VERSION file this program wrote.
-    const QString text = QString::fromUtf8(file.read(65)).trimmed();
-    if (text.isEmpty() || text.size() > 64 || text.contains(QLatin1Char('\n')))
-        return {};
-    return text;
+    return ProgramVersion::readVersionFile(binDir + QStringLiteral("/../VERSION"));
 }
 
 } // namespace
@@ -37,6 +30,18 @@ QString current()
 QString built()
 {
     return QStringLiteral(VANTREL_VERSION);
+}
+
+QString readVersionFile(const QString &path)
+{
+    QFile file(path);
+    if (!file.open(QIODevice::ReadOnly))
+        return {};
+    // One short line; anything else is not a VERSION file this program wrote.
+    const QString text = QString::fromUtf8(file.read(65)).trimmed();
+    if (text.isEmpty() || text.size() > 64 || text.contains(QLatin1Char('\n')))
+        return {};
+    return text;
 }
 
 } // namespace ProgramVersion

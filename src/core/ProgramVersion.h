@@ -15,4 +15,8 @@ QString current();
 // The version the executable was built as.
 QString built();
 
+// The version named by the VERSION file at `path` (a copy's, or an unpacked release's); empty
+// when there is none or it is not one short line.
+QString readVersionFile(const QString &path);
+
 } // namespace ProgramVersion

@@ -1,6 +1,7 @@
 #include "update/InstalledCopy.h"
 
 #include "core/Log.h"
+#include "core/ProgramVersion.h"
 #include "update/ReleaseArchive.h"
 #include "update/UpdateError.h"
 
@@ -140,7 +141,8 @@ QString defaultRoot()
     return QDir::homePath() + QStringLiteral("/.local/opt/Vantrel");
 }
 
-void installFrom(const QString &archive, const QString &rootPath, const StepObserver &onStep)
+void installFrom(const QString &archive, const QString &rootPath, const StepObserver &onStep,
+                 const VersionCheck &checkVersion)
 {
     const auto step = [&onStep](const char *name) {
         if (onStep)
@@ -178,6 +180,8 @@ void installFrom(const QString &archive, const QString &rootPath, const StepObse
     ReleaseArchive::unpack(archive, staging);
     step("unpacked");
     const QString newCopy = ReleaseArchive::findApp(staging);
+    if (checkVersion)
+        checkVersion(ProgramVersion::readVersionFile(newCopy + QStringLiteral("/VERSION")));
     swapIn(newCopy, root, staging);
     step("swapped");
 }

@@ -23,12 +23,17 @@ QString defaultRoot();
 
 // Called after each step of a replacement, for the log.
 using StepObserver = std::function<void(const char *step)>;
+// Called with the unpacked copy's version (its VERSION file; empty when it has none) before it is
+// swapped in; throws UpdateError to refuse it.
+using VersionCheck = std::function<void(const QString &version)>;
 
 // Unpacks the release archive at `archive` (its signature already checked) beside `root` and
-// swaps it in for the copy there (or puts it there, when there is none). The old copy and the
-// staging folder are removed afterwards. On failure the copy at `root` is the one that was there
-// before and no staging folder is left. Throws UpdateError. Blocking; run off the main thread.
-void installFrom(const QString &archive, const QString &root, const StepObserver &onStep = {});
+// swaps it in for the copy there (or puts it there, when there is none), once `checkVersion`
+// accepts it. The old copy and the staging folder are removed afterwards. On failure the copy at
+// `root` is the one that was there before and no staging folder is left. Throws UpdateError.
+// Blocking; run off the main thread.
+void installFrom(const QString &archive, const QString &root, const StepObserver &onStep = {},
+                 const VersionCheck &checkVersion = {});
 
 // Removes what an interrupted install left beside `root`, restoring the old copy if the crash
 // came between the two renames of a file system that cannot exchange folders. Skipped while

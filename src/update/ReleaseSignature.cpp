@@ -17,9 +17,6 @@ struct MdCtxFree
     void operator()(EVP_MD_CTX *context) const { EVP_MD_CTX_free(context); }
 };
 
-// Archives are tens of megabytes; anything past this is not one of ours.
-constexpr qint64 largestArchiveBytes = qint64(2) << 30;
-
 } // namespace
 
 namespace ReleaseSignature {

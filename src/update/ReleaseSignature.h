@@ -7,6 +7,10 @@
 // packager's private key (scripts/package --sign, or `openssl pkeyutl -sign -rawin`).
 namespace ReleaseSignature {
 
+// Archives are tens of megabytes; anything past this is not one of ours (and is neither
+// downloaded nor checked).
+constexpr qint64 largestArchiveBytes = qint64(2) << 30;
+
 // The 32 raw bytes of the public key this program was built to trust.
 QByteArray builtInKey();
 

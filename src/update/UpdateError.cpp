@@ -32,3 +32,35 @@ QString UpdateError::notInstalledCopy()
     return QStringLiteral(
         "This copy of Vantrel is not the installed release; update it the way you installed it.");
 }
+
+QString UpdateError::insecureAddress(const QString &address)
+{
+    return QStringLiteral(
+               "The update’s address is not a secure one (%1), so it was not downloaded.")
+        .arg(address);
+}
+
+QString UpdateError::tooLarge()
+{
+    return QStringLiteral("The update is larger than any release, so it was not downloaded.");
+}
+
+QString UpdateError::unknownVersion()
+{
+    return QStringLiteral("The update does not say which version it is, so it was not installed.");
+}
+
+QString UpdateError::notNewer(const QString &found, const QString &installed)
+{
+    return QStringLiteral(
+               "The update holds Vantrel %1, which is not newer than this copy (%2), so it was "
+               "not installed.")
+        .arg(found, installed);
+}
+
+QString UpdateError::notAsOffered(const QString &offered, const QString &found)
+{
+    return QStringLiteral("The update was offered as Vantrel %1 but holds %2, so it was not "
+                          "installed.")
+        .arg(offered, found);
+}

@@ -22,6 +22,14 @@ public:
     static QString cannotOpenArchive();
     static QString noAppInside();
     static QString notInstalledCopy();
+    // An archive offered at an address that is neither https nor on this machine.
+    static QString insecureAddress(const QString &address);
+    static QString tooLarge();
+    // The signed archive's own VERSION decides, never the service's word: it must be newer than
+    // the copy it replaces, and the version the update was offered as.
+    static QString unknownVersion();
+    static QString notNewer(const QString &found, const QString &installed);
+    static QString notAsOffered(const QString &offered, const QString &found);
 
 private:
     QString m_text;

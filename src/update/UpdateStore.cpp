@@ -1,9 +1,13 @@
 #include "update/UpdateStore.h"
 
+#include "cloud/CappedReply.h"
 #include "cloud/CloudConfig.h"
+#include "cloud/SecureUrl.h"
 #include "cloud/SharedNetwork.h"
 #include "core/Log.h"
 #include "core/Preferences.h"
+#include "core/PrivateFolder.h"
+#include "core/ProgramVersion.h"
 #include "core/SharedPool.h"
 #include "update/InstalledCopy.h"
 #include "update/Relaunch.h"
@@ -68,10 +72,35 @@ std::vector<long long> versionNumbers(const QString &version)
     return numbers;
 }
 
-// The release file's name in the temporary folder; any earlier one is replaced.
-QString downloadPath()
+// Each download gets a folder of its own in here, made for it alone: no other local user can
+// plant a file or a link under its name first, or read or swap the archive between its check and
+// its unpacking.
+QString downloadsFolder()
 {
-    return QDir::tempPath() + QStringLiteral("/Vantrel-update.tar.gz");
+    return PrivateFolder::cacheBase() + QStringLiteral("/Vantrel/updates");
+}
+const QString downloadPrefix = QStringLiteral("update-");
+
+void removeDownloadLeftovers()
+{
+    const QString parent = downloadsFolder();
+    for (const QString &name : QDir(parent).entryList({downloadPrefix + QLatin1Char('*')},
+                                                      QDir::Dirs | QDir::NoSymLinks | QDir::Hidden))
+        QDir(parent + QLatin1Char('/') + name).removeRecursively();
+}
+
+// An address as the status line names it: a data: one can be as long as an archive.
+QString shownAddress(const QUrl &url)
+{
+    const QString text = url.toDisplayString();
+    return text.size() > 80 ? text.left(79) + QStringLiteral("…") : text;
+}
+
+// What the copy to be replaced is: its VERSION, or this program's when it has none.
+QString installedVersion(const QString &root)
+{
+    const QString version = ProgramVersion::readVersionFile(root + QStringLiteral("/VERSION"));
+    return version.isEmpty() ? CloudConfig::appVersion() : version;
 }
 
 } // namespace
@@ -171,13 +200,16 @@ QCoro::Task<void> UpdateStore::load()
 {
     QPointer<UpdateStore> self(this);
     ReplyPtr reply = get(CloudConfig::appending(QStringLiteral("v1/version")));
-    co_await qCoro(reply.get(), &QNetworkReply::finished);
+    QCoro::Task<CappedReply::Body> reading =
+        CappedReply::read(reply.get(), CappedReply::answerLimit);
+    const CappedReply::Body body = co_await reading;
     if (!self)
         co_return;
     const int status = httpStatus(reply.get());
     std::optional<AppRelease> release;
-    if (reply->error() == QNetworkReply::NoError && status >= 200 && status <= 299)
-        release = AppRelease::fromCheckReply(reply->readAll(), CloudConfig::website());
+    if (!body.tooLarge && reply->error() == QNetworkReply::NoError && status >= 200 &&
+        status <= 299)
+        release = AppRelease::fromCheckReply(body.bytes, CloudConfig::website());
     if (release && newer(release->version, CloudConfig::appVersion()))
         setAvailable(std::move(release));
     else
@@ -219,15 +251,50 @@ QCoro::Task<void> UpdateStore::runInstall(AppRelease release)
 QCoro::Task<void> UpdateStore::download(const AppRelease &release, const QString &path)
 {
     QPointer<UpdateStore> self(this);
+    // The archive's signature is checked later, but what is fetched, and from where, is decided
+    // now: never a local file, inline data or a plain-http host a network can impersonate.
+    if (!SecureUrl::isSecure(release.url))
+        throw UpdateError(UpdateError::insecureAddress(shownAddress(release.url)));
     QFile file(path);
     if (!file.open(QIODevice::WriteOnly | QIODevice::NewOnly))
         throw UpdateError(QStringLiteral("Couldn’t save the update: %1").arg(file.errorString()));
 
-    ReplyPtr reply = get(release.url);
+    QNetworkRequest request(release.url);
+    request.setTransferTimeout(requestTimeoutMs);
+    request.setAttribute(QNetworkRequest::RedirectPolicyAttribute,
+                         QNetworkRequest::UserVerifiedRedirectPolicy);
+    ReplyPtr reply(SharedNetwork::manager().get(request));
     QNetworkReply *raw = reply.get();
     bool writeFailed = false;
-    const auto save = [raw, &file, &writeFailed] {
+    QString refusal;
+    // A redirect is held to the same rule as the address it came from.
+    connect(raw, &QNetworkReply::redirected, this, [raw, &refusal](const QUrl &next) {
+        if (SecureUrl::isSecure(next)) {
+            emit raw->redirectAllowed();
+        } else {
+            refusal = UpdateError::insecureAddress(shownAddress(next));
+            raw->abort();
+        }
+    });
+    const auto tooLarge = [raw, &refusal] {
+        refusal = UpdateError::tooLarge();
+        raw->abort();
+    };
+    connect(raw, &QNetworkReply::metaDataChanged, this, [raw, tooLarge] {
+        bool ok = false;
+        const qint64 length = raw->header(QNetworkRequest::ContentLengthHeader).toLongLong(&ok);
+        const int status = httpStatus(raw);
+        if (ok && status >= 200 && status <= 299 && length > ReleaseSignature::largestArchiveBytes)
+            tooLarge();
+    });
+    const auto save = [raw, &file, &writeFailed, &refusal, tooLarge] {
+        if (!refusal.isEmpty())
+            return;
         const QByteArray chunk = raw->readAll();
+        if (file.pos() + chunk.size() > ReleaseSignature::largestArchiveBytes) {
+            tooLarge();
+            return;
+        }
         if (!writeFailed && file.write(chunk) != chunk.size()) {
             writeFailed = true;
             raw->abort();
@@ -255,6 +322,8 @@ QCoro::Task<void> UpdateStore::download(const AppRelease &release, const QString
     raw->disconnect(this);
     if (!self)
         throw UpdateError(QStringLiteral("Vantrel is quitting."));
+    if (!refusal.isEmpty())
+        throw UpdateError(refusal);
 
     const int status = httpStatus(raw);
     if (status != 0 && (status < 200 || status > 299))
@@ -272,14 +341,19 @@ QCoro::Task<void> UpdateStore::apply(AppRelease release)
 {
     QPointer<UpdateStore> self(this);
     const QString root = m_installedRoot;
-    const QString archive = downloadPath();
-    QFile::remove(archive);
+    // One install runs at a time (`busy`): any other download folder is a crashed install's.
+    removeDownloadLeftovers();
+    const QString folder = PrivateFolder::makeUnique(downloadsFolder(), downloadPrefix);
+    if (folder.isEmpty())
+        throw UpdateError(QStringLiteral("Couldn’t save the update: no private folder in %1.")
+                              .arg(downloadsFolder()));
+    const QString archive = folder + QStringLiteral("/Vantrel-update.tar.gz");
     // The download goes whether the install works or not; a partial or rejected one is useless.
     struct Remover
     {
         QString path;
-        ~Remover() { QFile::remove(path); }
-    } remover {archive};
+        ~Remover() { QDir(path).removeRecursively(); }
+    } remover {folder};
 
     // Every awaited operation is a named local: GCC 12 destroys temporaries of a co_await
     // expression twice when it throws.
@@ -291,16 +365,31 @@ QCoro::Task<void> UpdateStore::apply(AppRelease release)
                     .arg(release.version, release.url.toDisplayString()));
 
     const QByteArray signature = release.signature;
-    QFuture<void> installed = SharedPool::task<void>([archive, signature, root] {
+    const QString offered = release.version;
+    const QString installed = installedVersion(root);
+    // The signature covers the archive, and the archive its VERSION: that, not what the service
+    // says, is the release's version. A service (or a network) that offers an older signed
+    // release under a newer number is refused here, before the swap.
+    const InstalledCopy::VersionCheck checkVersion = [offered, installed](const QString &found) {
+        if (found.isEmpty())
+            throw UpdateError(UpdateError::unknownVersion());
+        if (!newer(found, installed))
+            throw UpdateError(UpdateError::notNewer(found, installed));
+        if (found != offered)
+            throw UpdateError(UpdateError::notAsOffered(offered, found));
+    };
+    QFuture<void> swapped = SharedPool::task<void>([archive, signature, root, checkVersion] {
         // Nothing in the archive is looked at before its signature holds.
         if (!ReleaseSignature::verify(archive, signature))
             throw UpdateError(UpdateError::cannotVerify());
-        InstalledCopy::installFrom(archive, root, [](const char *step) {
-            Log::system(QStringLiteral("update: %1").arg(QLatin1String(step)));
-        });
+        InstalledCopy::installFrom(
+            archive, root,
+            [](const char *step) {
+                Log::system(QStringLiteral("update: %1").arg(QLatin1String(step)));
+            },
+            checkVersion);
     });
-    co_await installed;
-    QFile::remove(archive);
+    co_await swapped;
     if (!self)
         co_return;
     setStatus(QStringLiteral("Restarting…"));

@@ -16,9 +16,13 @@ template<typename T> class Task;
 // flag, and the progress or error line of an install. One per process (`shared()`); every field
 // is read and written on the main thread.
 //
-// An install downloads the release's archive, checks its signature before anything else, unpacks
-// it beside the installed copy, swaps it in (see InstalledCopy), starts the new copy and quits as
-// the menu's Quit does. A copy that does not run from an installed release never replaces itself.
+// An install downloads the release's archive (from an https address only, into a folder of its
+// own that no other user can enter), checks its signature before anything else, unpacks it beside
+// the installed copy, checks that the archive's own VERSION is newer than the copy it replaces and
+// is the version it was offered as, swaps it in (see InstalledCopy), starts the new copy and quits
+// as the menu's Quit does. Updates never go back: the service's word on versions only decides
+// whether an update is shown. A copy that does not run from an installed release never replaces
+// itself.
 class UpdateStore : public QObject
 {
     Q_OBJECT

@@ -1,7 +1,5 @@
-#include "update/UpdateTestSupport.h"
+#include "update/UpdateStoreFixture.h"
 
-#include "support/TestEnvironment.h"
-#include "update/InstalledCopy.h"
 #include "update/UpdateError.h"
 #include "update/UpdateStore.h"
 
@@ -25,21 +23,9 @@ extern "C" const char *__tsan_default_options()
 
 namespace {
 
-// The store in this process against a small server of the test's own; the installed copy is a
-// copy of the old release in the test's home. Every case runs in a process of its own, so the
-// service address read once per process is this server's.
-class UpdateStoreTest : public TempHomeTest
+class UpdateStoreTest : public UpdateStoreFixture
 {
 protected:
-    void SetUp() override
-    {
-        TempHomeTest::SetUp();
-        qputenv("VANTREL_SERVICE_URL", server.url().toUtf8());
-        parent = home() + QStringLiteral("/opt");
-        root = parent + QStringLiteral("/Vantrel");
-        InstalledCopy::installFrom(oldArchive(), root);
-    }
-
     // Runs an install of what the server offers and waits until it ends (in failure: the
     // program would quit on success).
     void installAndWait(UpdateStore &store)
@@ -50,15 +36,6 @@ protected:
         ASSERT_TRUE(store.busy());
         ASSERT_TRUE(QTest::qWaitFor([&store] { return !store.busy(); }, 60000));
     }
-
-    QStringList downloadsLeft() const
-    {
-        return QDir(tempFolder()).entryList({QStringLiteral("Vantrel-update*")}, QDir::Files);
-    }
-
-    ReleaseServer server;
-    QString parent;
-    QString root;
 };
 
 TEST_F(UpdateStoreTest, TheCheckKeepsOnlyANewerRelease)

@@ -127,8 +127,19 @@ ReleaseServer::ReleaseServer()
     });
     m_server->Get(R"(/download/(.+))",
                   [this](const httplib::Request &request, httplib::Response &response) {
+                      std::function<void()> hook;
+                      {
+                          std::scoped_lock lock(m_mutex);
+                          hook = m_onDownload;
+                      }
+                      if (hook)
+                          hook();
                       std::scoped_lock lock(m_mutex);
                       ++m_hits[request.path];
+                      if (!m_redirect.empty()) {
+                          response.set_redirect(m_redirect);
+                          return;
+                      }
                       const auto file = m_files.find(request.matches[1].str());
                       if (file == m_files.end() || m_downloadStatus != 200) {
                           response.status = file == m_files.end() ? 404 : m_downloadStatus.load();
@@ -181,4 +192,16 @@ int ReleaseServer::hits(const std::string &path)
 {
     std::scoped_lock lock(m_mutex);
     return m_hits[path];
+}
+
+void ReleaseServer::setOnDownload(std::function<void()> hook)
+{
+    std::scoped_lock lock(m_mutex);
+    m_onDownload = std::move(hook);
+}
+
+void ReleaseServer::redirectDownloads(const std::string &location)
+{
+    std::scoped_lock lock(m_mutex);
+    m_redirect = location;
 }

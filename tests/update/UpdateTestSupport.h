@@ -83,15 +83,22 @@ public:
     void offer(const QString &version, const QString &archive, const QByteArray &signature);
     void setDownloadStatus(int status) { m_downloadStatus = status; }
     int hits(const std::string &path);
+    // Runs `hook` on the server's thread when a download is asked for, before it is answered:
+    // the client has made its file by then.
+    void setOnDownload(std::function<void()> hook);
+    // Answers every download with a redirect to `location` (none when empty).
+    void redirectDownloads(const std::string &location);
 
 private:
     std::unique_ptr<httplib::Server> m_server;
     std::thread m_thread;
     int m_port = 0;
-    std::mutex m_mutex;
+    std::mutex m_mutex; // guards everything below but m_downloadStatus
     int m_versionStatus = 404;
     QByteArray m_versionBody;
     std::map<std::string, QByteArray> m_files;
     std::map<std::string, int> m_hits;
     std::atomic<int> m_downloadStatus {200};
+    std::function<void()> m_onDownload;
+    std::string m_redirect;
 };
