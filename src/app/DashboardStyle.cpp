@@ -67,6 +67,9 @@ QLabel *label(const QString &text, int pixelSize, QFont::Weight weight, const QC
               QWidget *parent)
 {
     auto *label = new QLabel(text, parent);
+    // Much of what labels show comes from the service (release notes, names, its error
+    // sentences); none of it is ever markup to render.
+    label->setTextFormat(Qt::PlainText);
     label->setFont(DashboardStyle::font(pixelSize, weight));
     setTextColor(label, color);
     return label;
@@ -185,6 +188,7 @@ ElidedLabel::ElidedLabel(const QString &text, QWidget *parent)
     : QLabel(parent)
     , m_text(text)
 {
+    setTextFormat(Qt::PlainText);
     setSizePolicy(QSizePolicy::Ignored, QSizePolicy::Preferred);
     elide();
 }

@@ -18,6 +18,7 @@ QFont font(int pixelSize, QFont::Weight weight = QFont::Normal);
 // One of the program's symbolic icons (":/icons/NAME.svg") in `color`, `size` pixels square.
 QPixmap icon(const QString &name, const QColor &color, int size);
 
+// A label that shows its text as plain text, never as markup.
 QLabel *label(const QString &text, int pixelSize, QFont::Weight weight, const QColor &color,
               QWidget *parent = nullptr);
 // A section caption: capitals, 10 px semibold, white 38%.
