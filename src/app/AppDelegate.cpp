@@ -36,7 +36,6 @@
 #include <QProcess>
 #include <QSystemTrayIcon>
 #include <QTimer>
-#include <QUrlQuery>
 
 #include <qcoro/qcorofuture.h>
 #include <qcoro/qcorotask.h>
@@ -83,7 +82,7 @@ AppDelegate::AppDelegate(QObject *parent)
     // A returning user's profile is fetched at launch; the store reads the token when made.
     hooks.account = [] { AccountStore::shared().bootstrap(); };
     hooks.share = [this](const QUrl &clip) { shareClip(clip); };
-    hooks.link = [this](const QUrl &link) { applyAuthLink(link); };
+    hooks.link = [this](const AppLink &link) { applyAuthLink(link); };
     hooks.dashboard = [this] { presentDashboard(); };
 }
 
@@ -471,15 +470,27 @@ void AppDelegate::showAbout()
 void AppDelegate::openUrls(const QList<QUrl> &urls)
 {
     for (const QUrl &url : urls) {
-        const QString host = url.host();
-        if (host == QLatin1String("start"))
+        const AppLink link = AppLink::parse(url.toString(QUrl::FullyEncoded));
+        switch (link.kind) {
+        case AppLink::Kind::start:
             startClipping();
-        else if (host == QLatin1String("stop"))
+            break;
+        case AppLink::Kind::stop:
             stopClipping();
-        else if (host == QLatin1String("clip"))
+            break;
+        case AppLink::Kind::clip:
             saveClip();
-        else if (host == QLatin1String("auth") && hooks.link)
-            hooks.link(url);
+            break;
+        case AppLink::Kind::open:
+            showDashboard();
+            break;
+        case AppLink::Kind::auth:
+            if (hooks.link)
+                hooks.link(link);
+            break;
+        case AppLink::Kind::unknown:
+            break;
+        }
     }
 }
 
@@ -493,15 +504,30 @@ void AppDelegate::shareAllClips()
     m_share->shareAllClips();
 }
 
-void AppDelegate::applyAuthLink(const QUrl &link)
+void AppDelegate::applyAuthLink(const AppLink &link)
 {
-    // The first "token" item counts; one without a value is ignored, as is a link without one.
-    const QString token =
-        QUrlQuery(link).queryItemValue(QStringLiteral("token"), QUrl::FullyDecoded);
-    if (token.isEmpty())
+    // Any web page can open a vantrel:// link. One that could sign the program in would send
+    // every clip saved afterwards to a stranger's account, so a link only counts for the sign-in
+    // this program started and is waiting on, and even then the token comes from the service.
+    AccountStore &account = AccountStore::shared();
+    if (!account.hurrySignIn(link.code)) {
+        ClipEngine::log(QStringLiteral("refused a sign-in link: no sign-in of ours waits for it"));
+        m_model.setStatus(QStringLiteral("A web page tried to sign Vantrel in. Nothing changed."));
         return;
-    AccountStore::shared().applyToken(token);
-    m_model.setStatus(QStringLiteral("Signed in."));
+    }
+    m_model.setStatus(QStringLiteral("Finishing sign-in…"));
+    const std::optional<QString> tokenBefore = account.token();
+    disconnect(m_linkedSignIn);
+    m_linkedSignIn =
+        connect(&account, &AccountStore::isSigningInChanged, this, [this, &account, tokenBefore] {
+            if (account.isSigningIn())
+                return;
+            disconnect(m_linkedSignIn);
+            if (account.isSignedIn() && account.token() != tokenBefore)
+                m_model.setStatus(QStringLiteral("Signed in."));
+            else if (!account.loginMessage().isEmpty())
+                m_model.setStatus(account.loginMessage());
+        });
 }
 
 void AppDelegate::applicationWillTerminate()

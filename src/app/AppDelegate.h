@@ -1,5 +1,6 @@
 #pragma once
 
+#include "app/AppLink.h"
 #include "app/AppModel.h"
 #include "app/ClipLibrary.h"
 #include "app/DashboardCallbacks.h"
@@ -44,6 +45,7 @@ public:
     bool applicationDidFinishLaunching(const QStringList &links);
     // Stops capture, keeping the session file if that takes at most 8 s.
     void applicationWillTerminate();
+    // Acts on vantrel:// links (see AppLink); links it does not know are ignored.
     void openUrls(const QList<QUrl> &urls);
 
     void startClipping();
@@ -82,7 +84,8 @@ public:
         std::function<void()> dashboard;
         std::function<void()> update;
         std::function<void(const QUrl &clip)> share;
-        std::function<void(const QUrl &link)> link;
+        // A sign-in link (vantrel://auth).
+        std::function<void(const AppLink &link)> link;
         // The dashboard's "Send all".
         std::function<void()> shareAll;
     };
@@ -101,7 +104,7 @@ private:
     void onCaptureStopped(const QString &error);
     void onWake();
     void armAtLaunchIfWanted();
-    void applyAuthLink(const QUrl &link);
+    void applyAuthLink(const AppLink &link);
     QString armedStatus() const;
     QString idleStatus() const;
     void presentDashboard();
@@ -124,4 +127,6 @@ private:
     QPointer<DashboardWindow> m_window;
     ClipNotifications *m_notifications = nullptr;
     std::optional<double> m_replayRate;
+    // Waits for the end of a sign-in that a link hurried, to say how it ended.
+    QMetaObject::Connection m_linkedSignIn;
 };

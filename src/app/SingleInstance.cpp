@@ -1,10 +1,17 @@
 #include "app/SingleInstance.h"
 
-#include <QFileInfo>
+#include "core/Log.h"
+#include "core/PrivateFolder.h"
+
 #include <QLocalServer>
 #include <QLocalSocket>
 
-#include <unistd.h>
+namespace {
+
+// A later launch hands over a few links; anything longer is not one of ours.
+constexpr qsizetype longestHandOff = 64 * 1024;
+
+} // namespace
 
 SingleInstance::SingleInstance(QString name, QObject *parent)
     : QObject(parent)
@@ -16,16 +23,27 @@ SingleInstance::~SingleInstance() = default;
 
 QString SingleInstance::defaultName()
 {
-    // The per-user runtime folder when there is one (a session of its own, as tests and
-    // containers have, then gets its own instance); the user id in /tmp otherwise.
-    const QString runtime = qEnvironmentVariable("XDG_RUNTIME_DIR");
-    if (!runtime.isEmpty() && QFileInfo(runtime).isDir())
-        return runtime + QStringLiteral("/vantrel.socket");
-    return QStringLiteral("vantrel-%1").arg(getuid());
+    // Whoever listens here first receives the links, sign-in codes included, so the socket only
+    // ever lives in a folder no one else can enter: the session's runtime folder (a session of
+    // its own, as tests and containers have, then gets its own instance), or the cache folder
+    // when there is no runtime folder of this user's. Never the shared temporary folder.
+    QString folder;
+    if (const QString runtime = PrivateFolder::runtimeBase(); !runtime.isEmpty())
+        folder = PrivateFolder::ensure(runtime + QStringLiteral("/vantrel"));
+    if (folder.isEmpty())
+        folder = PrivateFolder::ensure(PrivateFolder::cacheBase() + QStringLiteral("/Vantrel/run"));
+    if (folder.isEmpty())
+        return {};
+    return folder + QStringLiteral("/instance.socket");
 }
 
 bool SingleInstance::handOffToRunningInstance(const QStringList &arguments)
 {
+    if (m_name.isEmpty()) {
+        Log::system(QStringLiteral("no private folder for the single-instance socket: running "
+                                   "without handing links to a running Vantrel"));
+        return false;
+    }
     QLocalSocket socket;
     socket.connectToServer(m_name);
     if (socket.waitForConnected(1000)) {
@@ -45,7 +63,11 @@ bool SingleInstance::handOffToRunningInstance(const QStringList &arguments)
         while (QLocalSocket *client = m_server->nextPendingConnection()) {
             auto buffer = std::make_shared<QByteArray>();
             connect(client, &QLocalSocket::readyRead, client, [this, client, buffer] {
-                buffer->append(client->readAll());
+                buffer->append(client->read(longestHandOff + 1 - buffer->size()));
+                if (buffer->size() > longestHandOff) {
+                    client->abort();
+                    return;
+                }
                 if (!buffer->endsWith('\0'))
                     return;
                 buffer->chop(1);

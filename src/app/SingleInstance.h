@@ -14,7 +14,10 @@ public:
     explicit SingleInstance(QString name = defaultName(), QObject *parent = nullptr);
     ~SingleInstance() override;
 
-    static QString defaultName(); // "vantrel-<uid>"
+    // The socket's path, in a folder only this user can enter ($XDG_RUNTIME_DIR/vantrel, or
+    // ~/.cache/Vantrel/run without a private runtime folder); empty when neither can be had, and
+    // the program then runs without the hand-off.
+    static QString defaultName();
 
     // True when another instance took `arguments` (this process should exit); false when this
     // process is now the one instance. A socket left behind by a crashed instance is reclaimed.

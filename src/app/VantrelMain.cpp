@@ -32,7 +32,9 @@ Links (also from a terminal or a script; they reach the running Vantrel):
   vantrel://start    arm recording
   vantrel://stop     stop recording and keep the session file
   vantrel://clip     save a clip now, as the clip key does
-  vantrel://auth?token=...   finish signing in (the browser opens this one)
+  vantrel://open     show the window
+  vantrel://auth?code=CODE   check now whether the sign-in showing CODE was approved (no link
+                     signs Vantrel in: the token only ever comes from the service)
 
 Options:
   --help       show this text

@@ -1,6 +1,7 @@
 // A signed-in user's clip key, end to end: the real program under the fixtures' X and audio
-// servers, signed in through a vantrel://auth link, its token in a real secret store; F12 puts
-// the clip's link on the X clipboard, and the service serves the very bytes of the saved file.
+// servers, its token in a real secret store; a web page's vantrel://auth link with a stranger's
+// token is refused, F12 puts the clip's link on the X clipboard, and the service serves the very
+// bytes of the saved file on the user's own page.
 
 #include "ServiceTestSupport.h"
 #include "VantrelProcess.h"
@@ -84,6 +85,16 @@ TEST_F(EndToEndShare, SignedInTheClipKeyPutsTheClipsLinkOnTheClipboard)
     ASSERT_TRUE(service.addUser(email, QStringLiteral("End To End"), QStringLiteral("pass-e2e")));
     const QString token = service.issueToken(email);
     ASSERT_FALSE(token.isEmpty());
+    const QString strangerEmail =
+        QStringLiteral("stranger-%1@example.test").arg(QRandomGenerator::global()->generate());
+    ASSERT_TRUE(service.addUser(strangerEmail, QStringLiteral("Stranger Danger"),
+                                QStringLiteral("pass-stranger")));
+    const QString strangerToken = service.issueToken(strangerEmail);
+    ASSERT_FALSE(strangerToken.isEmpty());
+    // The user signed in on an earlier run: the token waits in the secret store.
+    EXPECT_EQ(runCommand(QStringLiteral(VANTREL_KEYCHAIN_PROBE), {QStringLiteral("save"), token})
+                  .trimmed(),
+              QStringLiteral("ok"));
 
     {
         VantrelProcess app(home());
@@ -91,8 +102,10 @@ TEST_F(EndToEndShare, SignedInTheClipKeyPutsTheClipsLinkOnTheClipboard)
         app.start();
         ASSERT_TRUE(app.waitForLog(QStringLiteral("startCapture ok"), 20s))
             << app.logSinceStart().toStdString();
-        EXPECT_EQ(app.launchAgain({QStringLiteral("vantrel://auth?token=") + token}), 0);
-        ASSERT_TRUE(app.waitForLog(QStringLiteral("status: Signed in."), 10s));
+        // A web page the user visits opens a sign-in link for its own account.
+        EXPECT_EQ(app.launchAgain({QStringLiteral("vantrel://auth?token=") + strangerToken}), 0);
+        ASSERT_TRUE(app.waitForLog(
+            QStringLiteral("status: A web page tried to sign Vantrel in. Nothing changed."), 10s));
         QThread::sleep(3);
 
         const QString link = pressAndReadLink(app);
@@ -110,8 +123,15 @@ TEST_F(EndToEndShare, SignedInTheClipKeyPutsTheClipsLinkOnTheClipboard)
         const QByteArray saved = fileBytes(app.recordings() + QLatin1Char('/') + clips[0]);
         EXPECT_GT(saved.size(), 10000);
         EXPECT_TRUE(fileBytes(served) == saved);
+        // The clip went to the user's own account, not the stranger's.
+        const QString page = runCommand(
+            QStringLiteral("curl"),
+            {QStringLiteral("-sSf"), QStringLiteral("--cacert"), service.certificate, link});
+        EXPECT_TRUE(page.contains(QStringLiteral("End To End"))) << page.toStdString();
+        EXPECT_FALSE(page.contains(QStringLiteral("Stranger"))) << page.toStdString();
 
         EXPECT_FALSE(app.output().contains(token));
+        EXPECT_FALSE(app.output().contains(strangerToken));
         EXPECT_TRUE(app.terminate(10s));
     }
 
