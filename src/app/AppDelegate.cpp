@@ -504,6 +504,12 @@ void AppDelegate::shareAllClips()
     m_share->shareAllClips();
 }
 
+void AppDelegate::deleteClip(const QUrl &clip)
+{
+    if (m_library && m_library->deleteClip(clip))
+        m_share->takeDown(clip);
+}
+
 void AppDelegate::applyAuthLink(const AppLink &link)
 {
     // Any web page can open a vantrel:// link. One that could sign the program in would send

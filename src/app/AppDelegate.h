@@ -62,6 +62,9 @@ public:
     void shareClip(const QUrl &clip);
     // Uploads every listed clip and puts one folder link on the clipboard.
     void shareAllClips();
+    // The Library's Delete: the clip goes to the Trash and, when it was shared, its link is taken
+    // down on the service.
+    void deleteClip(const QUrl &clip);
 
     ClipEngine &engine() { return *m_engine; }
     AppModel &model() { return m_model; }

@@ -153,18 +153,19 @@ void ClipLibrary::revealFile(const QString &path)
                      });
 }
 
-void ClipLibrary::deleteClip(const QUrl &url)
+bool ClipLibrary::deleteClip(const QUrl &url)
 {
     if (fileIsGone(url))
-        return;
+        return false;
     QFile file(url.toLocalFile());
     const QString name = QFileInfo(file).fileName();
     if (!file.moveToTrash()) {
         m_model.setStatus(file.errorString().isEmpty()
                               ? QStringLiteral("Couldn’t move %1 to the Trash.").arg(name)
                               : file.errorString());
-        return;
+        return false;
     }
     m_model.setStatus(QStringLiteral("Deleted %1.").arg(name));
     refreshClips(true);
+    return true;
 }

@@ -32,7 +32,8 @@ public:
     void revealFolder();
     // Shows one file selected in the file manager, or its folder where that is not possible.
     static void revealFile(const QString &path);
-    void deleteClip(const QUrl &url);
+    // Moves a clip to the Trash and says so; true when it went.
+    bool deleteClip(const QUrl &url);
 
     // The clips of `folder`, newest first (ties keep the listing order).
     static QList<ClipFile> listClips(const QString &folder);

@@ -80,9 +80,9 @@ DashboardCallbacks AppDelegate::dashboardCallbacks()
         if (self)
             self->changeHotkey();
     };
-    callbacks.onDelete = [library](const QUrl &url) {
-        if (ClipLibrary *clips = library())
-            clips->deleteClip(url);
+    callbacks.onDelete = [self](const QUrl &url) {
+        if (self)
+            self->deleteClip(url);
     };
     callbacks.replayBytesPerSecond = [self]() -> std::optional<double> {
         return self ? self->replayBytesPerSecond() : std::nullopt;

@@ -129,6 +129,50 @@ QCoro::Task<void> ShareActions::runShareAll(QList<QUrl> clips, QString token)
     m_model.setSharingAll(false);
 }
 
+void ShareActions::takeDown(const QUrl &clip)
+{
+    const QString name = QFileInfo(clip.toLocalFile()).fileName();
+    const QString id = HostedClips::all().value(name);
+    if (id.isEmpty())
+        return; // never shared: the Trash was all there was to it
+    const AccountStore &account = AccountStore::shared();
+    if (!account.isSignedIn()) {
+        m_model.setStatus(
+            QStringLiteral(
+                "Deleted %1, but its link could not be taken down: you are not signed in.")
+                .arg(name));
+        return;
+    }
+    m_model.setStatus(QStringLiteral("Deleted %1. Taking its link down…").arg(name));
+    runTakeDown(clip, id, *account.token());
+}
+
+QCoro::Task<void> ShareActions::runTakeDown(QUrl clip, QString id, QString token)
+{
+    QPointer<ShareActions> self(this);
+    const QString name = QFileInfo(clip.toLocalFile()).fileName();
+    QString failure;
+    try {
+        co_await ClipCloud::deleteClip(id, token);
+    } catch (const std::exception &error) {
+        failure = QString::fromUtf8(error.what());
+    }
+    if (!self)
+        co_return;
+    if (!failure.isEmpty()) {
+        ClipEngine::log(QStringLiteral("could not take %1 (%2) down: %3").arg(name, id, failure));
+        m_model.setStatus(QStringLiteral("Deleted %1, but its link could not be taken down: %2")
+                              .arg(name, failure));
+        co_return;
+    }
+    HostedClips::forget(clip);
+    QMap<QUrl, QString> shares = m_model.shares();
+    if (shares.remove(clip) > 0)
+        m_model.setShares(shares);
+    ClipEngine::log(QStringLiteral("took %1 (%2) down").arg(name, id));
+    m_model.setStatus(QStringLiteral("Deleted %1. Its link no longer works.").arg(name));
+}
+
 void ShareActions::recordShare(const QUrl &clip, const QString &link)
 {
     QMap<QUrl, QString> shares = m_model.shares();

@@ -1,12 +1,12 @@
 // Sharing from the program: one clip to a link on the clipboard, every listed clip to a folder
-// link, the texts for a signed-out user and a vanished file, and the vantrel://auth link, against
-// a service on 127.0.0.1.
+// link, the texts for a signed-out user and a vanished file, and taking a deleted clip's link
+// down, against a service on 127.0.0.1.
 
 #include "CloudTestSupport.h"
 #include "RawHttpServer.h"
 
-#include "app/AppDelegate.h"
 #include "app/AppModel.h"
+#include "app/ClipLibrary.h"
 #include "app/ShareActions.h"
 #include "cloud/AccountStore.h"
 #include "cloud/HostedClips.h"
@@ -74,6 +74,16 @@ protected:
                 request.body.mid(start, request.body.indexOf('"', start) - start));
         }
         return names;
+    }
+
+    // The requests about one hosted clip.
+    QList<RawHttpServer::Request> takeDowns() const
+    {
+        QList<RawHttpServer::Request> found;
+        for (const RawHttpServer::Request &request : service.requests())
+            if (request.path.startsWith("/v1/clips/"))
+                found << request;
+        return found;
     }
 
     RawHttpServer service;
@@ -170,19 +180,57 @@ TEST_F(ShareActionsTest, ShareAllUploadsTheListedClipsInOrderThenMakesOneFolderL
     EXPECT_EQ(service.requests().last().path, "/v1/clips");
 }
 
-TEST_F(ShareActionsTest, TheAuthLinkSignsInWithItsFirstNonEmptyToken)
+// Deleting a clip that was shared also takes its page down, so the link stops working; the clip
+// goes to the Trash whatever the service says, and the status line says how the link fared.
+TEST_F(ShareActionsTest, DeletingASharedClipTakesItsLinkDownOrSaysWhyNot)
 {
-    AppDelegate delegate;
-    AccountStore &account = AccountStore::shared();
-    delegate.openUrls({QUrl(QStringLiteral("vantrel://auth?token=")),
-                       QUrl(QStringLiteral("vantrel://auth?code=x")),
-                       QUrl(QStringLiteral("vantrel://other?token=nope"))});
-    EXPECT_FALSE(account.isSignedIn());
-    EXPECT_NE(delegate.model().status(), QStringLiteral("Signed in."));
+    service.answer("/v1/clips/c1", {{204, ""}});
+    service.answer("/v1/clips/c2", {{404, R"({"detail":"No such clip."})"}});
+    AccountStore::shared().applyToken(QStringLiteral("tok-1"));
+    const QList<QUrl> clips =
+        listClips({QStringLiteral("Clip A.mp4"), QStringLiteral("Clip B.mp4"),
+                   QStringLiteral("Clip C.mp4"), QStringLiteral("Clip D.mp4")});
+    HostedClips::remember(clips[0], QStringLiteral("c1"));
+    HostedClips::remember(clips[1], QStringLiteral("c2"));
+    HostedClips::remember(clips[3], QStringLiteral("c4"));
+    model.setShares({{clips[0], QStringLiteral("https://svc.test/c/c1")},
+                     {clips[1], QStringLiteral("https://svc.test/c/c2")}});
+    ClipLibrary library(model, folder());
+    follow();
+    // As the Library's Delete does.
+    const auto remove = [&](const QUrl &clip) {
+        if (library.deleteClip(clip))
+            share.takeDown(clip);
+    };
 
-    delegate.openUrls({QUrl(QStringLiteral("vantrel://auth?token=tok%2Bfirst&token=second"))});
-    EXPECT_EQ(account.token(), QStringLiteral("tok+first"));
-    EXPECT_EQ(delegate.model().status(), QStringLiteral("Signed in."));
-    ASSERT_TRUE(waitUntil([&] { return account.profile().has_value(); }, 5000));
-    EXPECT_EQ(account.profile()->name, QStringLiteral("Ada"));
+    remove(clips[0]);
+    ASSERT_TRUE(waitUntil([&] { return statuses().size() == 3; }, 10000));
+    EXPECT_EQ(statuses(),
+              QStringList({"Deleted Clip A.mp4.", "Deleted Clip A.mp4. Taking its link down…",
+                           "Deleted Clip A.mp4. Its link no longer works."}));
+    ASSERT_EQ(takeDowns().size(), 1);
+    EXPECT_EQ(takeDowns()[0].method, "DELETE");
+    EXPECT_EQ(takeDowns()[0].path, "/v1/clips/c1");
+    EXPECT_EQ(takeDowns()[0].headers.value("authorization"), "Bearer tok-1");
+    EXPECT_FALSE(HostedClips::all().contains(QStringLiteral("Clip A.mp4")));
+    EXPECT_FALSE(model.shares().contains(clips[0]));
+
+    // The service says no: the clip is gone here all the same, and the record stays for later.
+    remove(clips[1]);
+    ASSERT_TRUE(waitUntil([&] { return statuses().size() == 6; }, 10000));
+    EXPECT_EQ(statuses().last(),
+              QStringLiteral("Deleted Clip B.mp4, but its link could not be "
+                             "taken down: No such clip."));
+    EXPECT_EQ(HostedClips::all().value(QStringLiteral("Clip B.mp4")), QStringLiteral("c2"));
+
+    // Never shared: the Trash is all there is to it. Signed out: nothing can be asked.
+    remove(clips[2]);
+    AccountStore::shared().signOut();
+    remove(clips[3]);
+    EXPECT_EQ(statuses().mid(6),
+              QStringList({"Deleted Clip C.mp4.", "Deleted Clip D.mp4.",
+                           "Deleted Clip D.mp4, but its link could not be taken down: you are "
+                           "not signed in."}));
+    EXPECT_EQ(takeDowns().size(), 2);
+    EXPECT_EQ(QDir(folder()).entryList(QDir::Files), QStringList());
 }
