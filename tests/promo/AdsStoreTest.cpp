@@ -78,10 +78,14 @@ TEST_F(AdsStoreTest, UnusableRepliesKeepWhatTheRailShows)
              {200, R"(["slots"])"},
              {200, R"({"cards":[]})"},
              {200, R"({"slots":[{"id":"x"}, "y"]})"},
-             {200, R"({"slots":[]})"}}) {
+             {200, R"({"slots":[]})"},
+             // Far past any list of three cards: not read, however valid.
+             {200,
+              R"({"slots":[{"id":"x","name":"X","line":")" + QByteArray(2 << 20, 'z') +
+                  R"("}]})"}}) {
         serve(status, body);
         load(ads);
-        EXPECT_EQ(names(ads), placeholders) << body.toStdString();
+        EXPECT_EQ(names(ads), placeholders) << body.left(80).toStdString();
     }
 
     serve(200, R"({"slots":[{"id":"a","name":"Acme","line":"Tools"}]})");
