@@ -6,6 +6,7 @@ extern "C" {
 #include <libavcodec/avcodec.h>
 #include <libavformat/avformat.h>
 #include <libavutil/imgutils.h>
+#include <libavutil/mem.h>
 #include <libswscale/swscale.h>
 }
 
@@ -50,9 +51,19 @@ bool startsWithFtyp(const std::string &path)
     return head[4] == 'f' && head[5] == 't' && head[6] == 'y' && head[7] == 'p';
 }
 
+// A few bytes of MP4 can declare millions of samples, and the demuxer allocates its tables for
+// what is declared before it reads them: a 2 KiB fragment declaring 83 million samples took
+// close to 3 GB. No block a real clip needs comes near this (the sample index of ten hours at 60
+// frames a second is some 50 MiB), so a larger one fails and the file is reported as damaged.
+// FIXME: the cap is per block; a file of many tracks can still ask for it once per track.
+constexpr size_t largestLibraryBlock = size_t(64) << 20;
+
 // Opens the file with the MP4 demuxer only, so that no other format's parser ever sees it.
 Input openMp4(const std::string &path)
 {
+    // The service links FFmpeg for nothing but these checks, so the cap is set process-wide.
+    static const bool capped = (av_max_alloc(largestLibraryBlock), true);
+    (void)capped;
     AVFormatContext *raw = nullptr;
     AVDictionary *options = nullptr;
     av_dict_set(&options, "probesize", "5000000", 0);

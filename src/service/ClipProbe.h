@@ -21,6 +21,8 @@ namespace ClipProbe {
 // Quiets FFmpeg's own logging: a bad upload is reported to its sender, not on the console.
 void silenceLibraryLog();
 
+// The first check (this or writePoster) caps the size of any one block FFmpeg allocates in this
+// process, so that a small file cannot make the demuxer take gigabytes.
 ClipProbeResult probe(const std::string &path);
 
 // Decodes the first picture of the clip and writes it to `poster` as a JPEG at most 1280 pixels
