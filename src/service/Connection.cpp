@@ -6,11 +6,9 @@
 #include <openssl/ssl.h>
 
 #include <algorithm>
-#include <arpa/inet.h>
 #include <cerrno>
 #include <climits>
 #include <cstring>
-#include <netinet/in.h>
 #include <poll.h>
 #include <stdexcept>
 #include <sys/socket.h>
@@ -36,19 +34,8 @@ Connection::Connection(int socket, std::string peer, int peerPort, SSL_CTX *tls)
 {
     sockaddr_storage local {};
     socklen_t size = sizeof local;
-    if (::getsockname(m_socket, reinterpret_cast<sockaddr *>(&local), &size) == 0) {
-        char text[INET6_ADDRSTRLEN] = "";
-        if (local.ss_family == AF_INET) {
-            const auto *v4 = reinterpret_cast<const sockaddr_in *>(&local);
-            ::inet_ntop(AF_INET, &v4->sin_addr, text, sizeof text);
-            m_localPort = ntohs(v4->sin_port);
-        } else if (local.ss_family == AF_INET6) {
-            const auto *v6 = reinterpret_cast<const sockaddr_in6 *>(&local);
-            ::inet_ntop(AF_INET6, &v6->sin6_addr, text, sizeof text);
-            m_localPort = ntohs(v6->sin6_port);
-        }
-        m_localAddress = TrustedProxies::normalized(text).value_or(text);
-    }
+    if (::getsockname(m_socket, reinterpret_cast<sockaddr *>(&local), &size) == 0)
+        m_localAddress = TrustedProxies::normalized(local, m_localPort);
     if (tls) {
         m_ssl = SSL_new(tls);
         if (!m_ssl || SSL_set_fd(m_ssl, m_socket) != 1) {
@@ -210,34 +197,29 @@ bool Connection::waitWritable(std::chrono::milliseconds timeout) const
     return result > 0 && !(entry.revents & (POLLERR | POLLHUP | POLLNVAL));
 }
 
+bool Connection::waitAfter(Io io, std::chrono::milliseconds timeout) const
+{
+    // Each wait may take the whole timeout: it bounds a stall, not the whole transfer.
+    return (io == Io::wantRead || io == Io::wantWrite) && waitFor(io, timeout) == Io::ready;
+}
+
 bool Connection::receiveWaiting(size_t maxBytes, std::chrono::milliseconds timeout)
 {
-    for (;;) {
-        const Io io = receive(maxBytes);
-        if (io == Io::ready)
-            return true;
-        if (io != Io::wantRead && io != Io::wantWrite)
-            return false;
-        // Each wait may take the whole timeout: it bounds a stall, not the whole transfer.
-        if (waitFor(io, timeout) != Io::ready)
-            return false;
-    }
+    Io io = receive(maxBytes);
+    while (io != Io::ready && waitAfter(io, timeout))
+        io = receive(maxBytes);
+    return io == Io::ready;
 }
 
 bool Connection::sendWaiting(std::string_view data, std::chrono::milliseconds timeout)
 {
-    while (!data.empty()) {
-        size_t written = 0;
-        const Io io = send(data, written);
+    size_t written = 0;
+    Io io = send(data, written);
+    while (io != Io::ready && waitAfter(io, timeout)) {
         data.remove_prefix(written);
-        if (io == Io::ready)
-            return true;
-        if (io != Io::wantRead && io != Io::wantWrite)
-            return false;
-        if (waitFor(io, timeout) != Io::ready)
-            return false;
+        io = send(data, written);
     }
-    return true;
+    return io == Io::ready;
 }
 
 void Connection::consume(size_t size)

@@ -75,6 +75,9 @@ public:
 private:
     void makeRoom(size_t size);
     Io waitFor(Io want, std::chrono::milliseconds timeout) const;
+    // After a step that could not finish: waits for what it wanted; false when the connection
+    // ended, failed or stalled.
+    bool waitAfter(Io io, std::chrono::milliseconds timeout) const;
     Io tlsResult(int result) const;
 
     int m_socket;

@@ -78,21 +78,6 @@ std::pair<std::string, std::string> firstWords(std::string_view bytes)
     return {std::string(line.substr(0, space)), std::string(target)};
 }
 
-std::string addressText(const sockaddr_storage &address, int &port)
-{
-    char text[INET6_ADDRSTRLEN] = "";
-    if (address.ss_family == AF_INET) {
-        const auto *v4 = reinterpret_cast<const sockaddr_in *>(&address);
-        ::inet_ntop(AF_INET, &v4->sin_addr, text, sizeof text);
-        port = ntohs(v4->sin_port);
-    } else if (address.ss_family == AF_INET6) {
-        const auto *v6 = reinterpret_cast<const sockaddr_in6 *>(&address);
-        ::inet_ntop(AF_INET6, &v6->sin6_addr, text, sizeof text);
-        port = ntohs(v6->sin6_port);
-    }
-    return TrustedProxies::normalized(text).value_or(text);
-}
-
 } // namespace
 
 enum class Phase { handshake, head, body, answering, draining };
@@ -178,7 +163,7 @@ int FrontDoor::bind(const std::string &host, int port)
     socklen_t size = sizeof bound;
     ::getsockname(m_listener, reinterpret_cast<sockaddr *>(&bound), &size);
     int boundPort = port;
-    addressText(bound, boundPort);
+    TrustedProxies::normalized(bound, boundPort);
     return boundPort;
 }
 
@@ -267,7 +252,7 @@ void FrontDoor::acceptAll()
             return;
         }
         int port = 0;
-        admit(socket, addressText(address, port), port);
+        admit(socket, TrustedProxies::normalized(address, port), port);
     }
 }
 

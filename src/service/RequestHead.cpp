@@ -1,5 +1,7 @@
 #include "service/RequestHead.h"
 
+#include "service/TextRules.h"
+
 #include <algorithm>
 #include <charconv>
 
@@ -31,22 +33,13 @@ bool equalsIgnoringCase(std::string_view a, std::string_view b)
            });
 }
 
-std::string_view trimmed(std::string_view text)
-{
-    while (!text.empty() && (text.front() == ' ' || text.front() == '\t'))
-        text.remove_prefix(1);
-    while (!text.empty() && (text.back() == ' ' || text.back() == '\t'))
-        text.remove_suffix(1);
-    return text;
-}
-
 // The comma-separated elements of a list header, trimmed, empty ones left out.
 std::vector<std::string_view> listElements(std::string_view value)
 {
     std::vector<std::string_view> elements;
     while (!value.empty()) {
         const size_t comma = value.find(',');
-        const std::string_view element = trimmed(value.substr(0, comma));
+        const std::string_view element = TextRules::trimmedBlanks(value.substr(0, comma));
         if (!element.empty())
             elements.push_back(element);
         if (comma == std::string_view::npos)
@@ -129,7 +122,7 @@ bool RequestHead::parseHeaderLine(std::string_view line)
     const size_t colon = line.find(':');
     if (colon == std::string_view::npos || !isToken(line.substr(0, colon)))
         return refuse(400, "A header line is malformed.");
-    const std::string_view value = trimmed(line.substr(colon + 1));
+    const std::string_view value = TextRules::trimmedBlanks(line.substr(colon + 1));
     if (!isFieldValue(value))
         return refuse(400, "A header holds a control character.");
     m_headers.push_back({std::string(line.substr(0, colon)), std::string(value)});

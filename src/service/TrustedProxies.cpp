@@ -2,6 +2,7 @@
 
 #include <arpa/inet.h>
 #include <cstring>
+#include <netinet/in.h>
 #include <stdexcept>
 
 std::optional<std::string> TrustedProxies::normalized(const std::string &address)
@@ -22,6 +23,21 @@ std::optional<std::string> TrustedProxies::normalized(const std::string &address
         return ::inet_ntop(AF_INET, &v4, text, sizeof text);
     }
     return ::inet_ntop(AF_INET6, &v6, text, sizeof text);
+}
+
+std::string TrustedProxies::normalized(const sockaddr_storage &address, int &port)
+{
+    char text[INET6_ADDRSTRLEN] = "";
+    if (address.ss_family == AF_INET) {
+        const auto *v4 = reinterpret_cast<const sockaddr_in *>(&address);
+        ::inet_ntop(AF_INET, &v4->sin_addr, text, sizeof text);
+        port = ntohs(v4->sin_port);
+    } else if (address.ss_family == AF_INET6) {
+        const auto *v6 = reinterpret_cast<const sockaddr_in6 *>(&address);
+        ::inet_ntop(AF_INET6, &v6->sin6_addr, text, sizeof text);
+        port = ntohs(v6->sin6_port);
+    }
+    return normalized(std::string(text)).value_or(text);
 }
 
 void TrustedProxies::add(const std::string &address)

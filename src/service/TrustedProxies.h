@@ -1,5 +1,7 @@
 #pragma once
 
+#include <sys/socket.h>
+
 #include <optional>
 #include <set>
 #include <string>
@@ -26,6 +28,8 @@ public:
     // An address in one spelling: "::ffff:10.0.0.1" as "10.0.0.1", IPv6 in its short form; none
     // when the text is not an address.
     static std::optional<std::string> normalized(const std::string &address);
+    // A socket's address in that spelling, and its port.
+    static std::string normalized(const sockaddr_storage &address, int &port);
 
 private:
     std::set<std::string> m_addresses; // normalized

@@ -8,7 +8,9 @@
 #include <arpa/inet.h>
 #include <atomic>
 #include <cerrno>
+#include <csignal>
 #include <cstdio>
+#include <fcntl.h>
 #include <fstream>
 #include <netinet/in.h>
 #include <poll.h>
@@ -20,8 +22,11 @@
 using Clock = std::chrono::steady_clock;
 using std::chrono::milliseconds;
 
-RawConnection::RawConnection(int port, Start start, const std::string &source)
+RawConnection::RawConnection(int port, Start start, const std::string &source,
+                             milliseconds handshakeTimeout)
 {
+    // A server that closes on the sender (as it should, on a refusal) must not end the test.
+    std::signal(SIGPIPE, SIG_IGN);
     m_socket = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
     if (m_socket < 0)
         return;
@@ -41,7 +46,7 @@ RawConnection::RawConnection(int port, Start start, const std::string &source)
     }
     // The handshake with a deadline of its own: a server that never answers must not hang the
     // test. (The attack is on the server; its certificate is not checked.)
-    timeval wait {10, 0};
+    timeval wait {handshakeTimeout.count() / 1000, (handshakeTimeout.count() % 1000) * 1000};
     ::setsockopt(m_socket, SOL_SOCKET, SO_RCVTIMEO, &wait, sizeof wait);
     ::setsockopt(m_socket, SOL_SOCKET, SO_SNDTIMEO, &wait, sizeof wait);
     m_context = SSL_CTX_new(TLS_client_method());
@@ -50,6 +55,9 @@ RawConnection::RawConnection(int port, Start start, const std::string &source)
         return;
     SSL_set_tlsext_host_name(m_ssl, "localhost");
     m_open = SSL_connect(m_ssl) == 1;
+    // From here on nothing blocks: a read finds what has come (a session ticket alone is not
+    // an answer) and every wait is a poll with a deadline.
+    ::fcntl(m_socket, F_SETFL, ::fcntl(m_socket, F_GETFL) | O_NONBLOCK);
 }
 
 RawConnection::~RawConnection()
@@ -67,20 +75,39 @@ bool RawConnection::send(const std::string &bytes)
     if (!m_open)
         return false;
     size_t sent = 0;
+    char answer[16384];
     while (sent < bytes.size()) {
-        const size_t left = std::min(bytes.size() - sent, size_t(1) << 20);
+        // As a browser does, a sender stops when the server has answered already (a refusal):
+        // the answer is kept, the rest is never sent.
+        pollfd entry {m_socket, POLLIN, 0};
+        if ((m_ssl && SSL_has_pending(m_ssl)) || ::poll(&entry, 1, 0) > 0) {
+            const ssize_t got = readSome(answer, sizeof answer);
+            if (got > 0)
+                m_received.append(answer, size_t(got));
+            if (got >= 0)
+                return false;
+        }
+        const size_t left = std::min(bytes.size() - sent, size_t(64) << 10);
         const ssize_t written = m_ssl ? SSL_write(m_ssl, bytes.data() + sent, int(left))
                                       : ::send(m_socket, bytes.data() + sent, left, MSG_NOSIGNAL);
-        if (written <= 0)
+        if (written > 0) {
+            sent += size_t(written);
+            continue;
+        }
+        const bool later = m_ssl ? SSL_get_error(m_ssl, int(written)) == SSL_ERROR_WANT_WRITE ||
+                SSL_get_error(m_ssl, int(written)) == SSL_ERROR_WANT_READ
+                                 : errno == EAGAIN || errno == EWOULDBLOCK;
+        // The same bytes are offered again once the socket takes more (as OpenSSL requires).
+        if (!later || !wait(POLLOUT, Clock::now() + std::chrono::seconds(10)))
             return false;
-        sent += size_t(written);
     }
     return true;
 }
 
 bool RawConnection::wait(short events, Clock::time_point deadline)
 {
-    if (m_ssl && SSL_pending(m_ssl) > 0)
+    // Bytes OpenSSL holds already (of a record read with another) never wake poll().
+    if ((events & POLLIN) && m_ssl && SSL_has_pending(m_ssl))
         return true;
     const auto left = std::chrono::duration_cast<milliseconds>(deadline - Clock::now()).count();
     // Looks once even when the time is up: what has arrived already counts.
@@ -148,19 +175,20 @@ bool RawConnection::closedByServer(milliseconds timeout)
     return false;
 }
 
-std::string headWithHeaders(const std::string &method, const std::string &target, int lines)
+std::string headWithHeaders(const std::string &method, const std::string &target, int lines,
+                            size_t valueBytes)
 {
     std::string head = method + " " + target + " HTTP/1.1\r\nHost: localhost\r\n";
-    head.reserve(head.size() + size_t(lines) * 24);
+    head.reserve(head.size() + size_t(lines) * (valueBytes + 16));
     for (int i = 0; i < lines; ++i)
-        head += "X-Filler-" + std::to_string(i) + ": " + std::string(8, 'x') + "\r\n";
+        head += "X-Filler-" + std::to_string(i) + ": " + std::string(valueBytes, 'x') + "\r\n";
     return head + "\r\n";
 }
 
 milliseconds timedGet(int port, const std::string &path, milliseconds patience)
 {
     const auto start = Clock::now();
-    RawConnection connection(port, RawConnection::Start::tls);
+    RawConnection connection(port, RawConnection::Start::tls, "127.0.0.1", patience);
     if (!connection.open() ||
         !connection.send("GET " + path +
                          " HTTP/1.1\r\nHost: localhost\r\nConnection: close\r\n\r\n") ||
@@ -186,14 +214,28 @@ milliseconds worstStallDuring(int port, const std::string &path, milliseconds pa
     return std::max(worst, timedGet(port, path, patience));
 }
 
-double residentMiB(pid_t pid)
+namespace {
+
+double statusMiB(pid_t pid, const std::string &field)
 {
     std::ifstream status("/proc/" + std::to_string(pid) + "/status");
     std::string line;
     while (std::getline(status, line))
-        if (line.rfind("VmRSS:", 0) == 0)
-            return std::strtod(line.c_str() + 6, nullptr) / 1024.0;
+        if (line.rfind(field, 0) == 0)
+            return std::strtod(line.c_str() + field.size(), nullptr) / 1024.0;
     return 0;
+}
+
+} // namespace
+
+double residentMiB(pid_t pid)
+{
+    return statusMiB(pid, "VmRSS:");
+}
+
+double peakResidentMiB(pid_t pid)
+{
+    return statusMiB(pid, "VmHWM:");
 }
 
 std::string makeFrameClip(const std::string &folder, const std::string &name,

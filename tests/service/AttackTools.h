@@ -23,13 +23,16 @@ class RawConnection
 public:
     enum class Start { tcpOnly, tls };
 
-    RawConnection(int port, Start start, const std::string &source = "127.0.0.1");
+    // The TLS handshake waits up to `handshakeTimeout` for the server.
+    RawConnection(int port, Start start, const std::string &source = "127.0.0.1",
+                  std::chrono::milliseconds handshakeTimeout = std::chrono::seconds(10));
     ~RawConnection();
     RawConnection(const RawConnection &) = delete;
     RawConnection &operator=(const RawConnection &) = delete;
 
     // Connected (and, with TLS, through the handshake).
     bool open() const { return m_open; }
+    // False when it could not send it all: the connection failed, or an answer came first.
     bool send(const std::string &bytes);
     // What arrives until the server closes the connection or `timeout` passes.
     std::string receive(std::chrono::milliseconds timeout);
@@ -51,9 +54,11 @@ private:
 };
 
 // A request head with `lines` header lines of its own, as the header bomb sends it.
-std::string headWithHeaders(const std::string &method, const std::string &target, int lines);
+std::string headWithHeaders(const std::string &method, const std::string &target, int lines,
+                            size_t valueBytes);
 
-// The time a plain HTTPS GET of `path` takes, or `patience` when no answer came by then.
+// The time a plain HTTPS GET of `path` takes to be answered, connection and handshake included;
+// `patience` when no answer came by then (or the connection was refused or dropped).
 std::chrono::milliseconds timedGet(int port, const std::string &path,
                                    std::chrono::milliseconds patience);
 
@@ -63,8 +68,9 @@ std::chrono::milliseconds worstStallDuring(int port, const std::string &path,
                                            std::chrono::milliseconds patience,
                                            const std::function<void()> &attack);
 
-// A process's resident memory, in MiB (from /proc).
+// A process's resident memory now and at its peak, in MiB (from /proc).
 double residentMiB(pid_t pid);
+double peakResidentMiB(pid_t pid);
 
 // A one-frame MP4 of `size` from ffmpeg: a PNG frame ("png"), or H.264 ("h264"). Raw input from
 // /dev/zero keeps even a 16000 × 16000 frame cheap to make.

@@ -4,7 +4,8 @@
 //   service_attack PORT PID silent 70 60          70 connections that never start TLS, held 60 s
 //   service_attack PORT PID trickle 200 60 5      200 heads sent a line every 5 s, for 60 s
 //   service_attack PORT PID lengthless 64 60      64 PUTs without a length, held 60 s
-//   service_attack PORT PID headers 26000 4       one head of 26,000 lines, then 4 at once
+//   service_attack PORT PID headers 26000 4 8000  one head of 26,000 lines of 8000 bytes, then
+//                                                 4 at once
 //   service_attack PORT PID upload TOKEN FILE 3   FILE uploaded once, then 3 at once
 //   service_attack PORT PID device-page 300       300 guessed codes on the device page
 //
@@ -26,16 +27,6 @@ using std::chrono::milliseconds;
 namespace {
 
 constexpr milliseconds patience = 120s;
-
-double peakMiB(pid_t pid)
-{
-    std::ifstream status("/proc/" + std::to_string(pid) + "/status");
-    std::string line;
-    while (std::getline(status, line))
-        if (line.rfind("VmHWM:", 0) == 0)
-            return std::strtod(line.c_str() + 6, nullptr) / 1024.0;
-    return 0;
-}
 
 std::string source(int i)
 {
@@ -118,15 +109,18 @@ int main(int argc, char **argv)
     if (attack == "silent" || attack == "lengthless") {
         const int count = number(0);
         const auto hold = std::chrono::seconds(number(1));
-        stall = worstStallDuring(port, "/v1/ads", patience, [&] {
-            const bool tls = attack == "lengthless";
-            connections = openAll(port, count,
-                                  tls ? RawConnection::Start::tls : RawConnection::Start::tcpOnly,
-                                  tls ? "PUT /v1/clips HTTP/1.1\r\nHost: x\r\n\r\n" : "");
-            std::this_thread::sleep_for(hold);
-            for (auto &connection : connections)
-                ++statuses[outcome(*connection)];
-        });
+        const bool tls = attack == "lengthless";
+        connections = openAll(port, count,
+                              tls ? RawConnection::Start::tls : RawConnection::Start::tcpOnly,
+                              tls ? "PUT /v1/clips HTTP/1.1\r\nHost: x\r\n\r\n" : "");
+        // A server with a short listening queue takes a flood of connections in over seconds
+        // (the kernel answers the rest with SYN cookies and retries): the stall is measured
+        // once they are all in.
+        std::this_thread::sleep_for(std::chrono::seconds(tls ? 0 : 10));
+        stall = worstStallDuring(port, "/v1/ads", patience,
+                                 [&] { std::this_thread::sleep_for(hold); });
+        for (auto &connection : connections)
+            ++statuses[outcome(*connection)];
     } else if (attack == "trickle") {
         const int count = number(0);
         const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(number(1));
@@ -145,7 +139,7 @@ int main(int argc, char **argv)
         std::string request;
         int parallel = 0;
         if (attack == "headers") {
-            request = headWithHeaders("GET", "/", number(0));
+            request = headWithHeaders("GET", "/", number(0), size_t(std::max(1, number(2))));
             parallel = number(1);
         } else {
             std::ifstream file(args.at(1), std::ios::binary);
@@ -162,7 +156,7 @@ int main(int argc, char **argv)
         stall = worstStallDuring(port, "/v1/ads", patience, [&] {
             ++statuses[send(0)];
             std::printf("after one: resident %.0f MiB, peak %.0f MiB\n", residentMiB(pid),
-                        peakMiB(pid));
+                        peakResidentMiB(pid));
             std::vector<std::thread> threads;
             std::vector<int> results(static_cast<size_t>(parallel));
             for (int i = 0; i < parallel; ++i)
@@ -193,6 +187,6 @@ int main(int argc, char **argv)
     std::printf("worst stall of GET /v1/ads: %.1f s%s\n", double(stall.count()) / 1000,
                 stall >= patience ? " (gave up waiting)" : "");
     std::printf("server resident: %.0f MiB before, %.0f MiB after, peak %.0f MiB\n", before,
-                residentMiB(pid), peakMiB(pid));
+                residentMiB(pid), peakResidentMiB(pid));
     return 0;
 }

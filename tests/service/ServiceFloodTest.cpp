@@ -155,10 +155,12 @@ TEST(ServiceFloodTest, HeaderAndVideoBombsTakeNoMemory)
     TempFolder folder;
     const double start = residentMiB(own.pid());
 
-    // One head of 26,000 header lines, then four at once: each refused after its first 16 KiB.
+    // One head of 26,000 header lines of a kilobyte, then four at once: each refused after its
+    // first 16 KiB.
+    const std::string heads = headWithHeaders("GET", "/", 26000, 1000);
     const auto bomb = [&] {
         RawConnection connection(port, RawConnection::Start::tls, "127.0.5.1");
-        connection.send(headWithHeaders("GET", "/", 26000));
+        connection.send(heads);
         return connection.answerStatus(patience);
     };
     EXPECT_EQ(bomb(), 431);
