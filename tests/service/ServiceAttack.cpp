@@ -110,15 +110,15 @@ int main(int argc, char **argv)
         const int count = number(0);
         const auto hold = std::chrono::seconds(number(1));
         const bool tls = attack == "lengthless";
-        connections = openAll(port, count,
-                              tls ? RawConnection::Start::tls : RawConnection::Start::tcpOnly,
-                              tls ? "PUT /v1/clips HTTP/1.1\r\nHost: x\r\n\r\n" : "");
+        connections =
+            openAll(port, count, tls ? RawConnection::Start::tls : RawConnection::Start::tcpOnly,
+                    tls ? "PUT /v1/clips HTTP/1.1\r\nHost: x\r\n\r\n" : "");
         // A server with a short listening queue takes a flood of connections in over seconds
         // (the kernel answers the rest with SYN cookies and retries): the stall is measured
         // once they are all in.
         std::this_thread::sleep_for(std::chrono::seconds(tls ? 0 : 10));
-        stall = worstStallDuring(port, "/v1/ads", patience,
-                                 [&] { std::this_thread::sleep_for(hold); });
+        stall =
+            worstStallDuring(port, "/v1/ads", patience, [&] { std::this_thread::sleep_for(hold); });
         for (auto &connection : connections)
             ++statuses[outcome(*connection)];
     } else if (attack == "trickle") {
