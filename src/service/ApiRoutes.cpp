@@ -1,6 +1,7 @@
 #include "service/ApiRoutes.h"
 
 #include "service/Authentication.h"
+#include "service/ClipRemoval.h"
 #include "service/ClipUpload.h"
 #include "service/HttpReply.h"
 #include "service/PackRequest.h"
@@ -85,24 +86,12 @@ void me(ServiceContext &context, const Request &req, Response &res)
                      {"discord_oauth", false}});
 }
 
-// The user of a request that carries a body. A refused sender's body is read out and dropped,
-// so that its connection stays in step for the next request.
-std::optional<UserRecord> signedInSender(ServiceContext &context, const Request &req, Response &res,
-                                         const ContentReader &reader)
-{
-    std::optional<UserRecord> user = Authentication::bearer(context, req, res);
-    if (!user) {
-        const Response refusal = res;
-        RequestBody::discard(req, reader);
-        res = refusal;
-    }
-    return user;
-}
-
 void uploadClip(ServiceContext &context, const Request &req, Response &res,
                 const ContentReader &reader)
 {
-    const std::optional<UserRecord> user = signedInSender(context, req, res, reader);
+    // A refused sender's body is left unread (an anonymous client must not make the service
+    // read gigabytes): the connection closes after the answer instead.
+    const std::optional<UserRecord> user = Authentication::bearer(context, req, res);
     if (!user)
         return;
     ClipUpload upload(context, *user);
@@ -113,6 +102,22 @@ void uploadClip(ServiceContext &context, const Request &req, Response &res,
                     {{"id", outcome.clip.id},
                      {"url", context.link("/c/" + outcome.clip.id)},
                      {"name", outcome.clip.name}});
+}
+
+// Takes one of the caller's own clips down. Someone else's clip answers as one that does not
+// exist: the answer never tells which ids are taken.
+void deleteClip(ServiceContext &context, const Request &req, Response &res)
+{
+    const std::optional<UserRecord> user = Authentication::bearer(context, req, res);
+    if (!user)
+        return;
+    const std::string id = req.matches[1];
+    const std::optional<ClipRecord> clip = context.records.clip(id);
+    if (!clip || clip->userId != user->id ||
+        !ClipRemoval::remove(context.records, context.files, id))
+        return HttpReply::error(res, 404, "You have no clip with the id \"" + id + "\".");
+    res.status = 204;
+    res.set_header("Cache-Control", "no-store");
 }
 
 // Reads a small body; answers the error itself and returns none when it cannot.
@@ -138,7 +143,7 @@ std::optional<std::string> readSmallBody(ServiceContext &context, const Request 
 void createPack(ServiceContext &context, const Request &req, Response &res,
                 const ContentReader &reader)
 {
-    const std::optional<UserRecord> user = signedInSender(context, req, res, reader);
+    const std::optional<UserRecord> user = Authentication::bearer(context, req, res);
     if (!user)
         return;
     const std::optional<std::string> body = readSmallBody(context, req, res, reader);
@@ -211,6 +216,8 @@ void install(httplib::Server &server, ServiceContext &context)
     server.Post("/v1/clips", [c](const Request &req, Response &res, const ContentReader &reader) {
         uploadClip(*c, req, res, reader);
     });
+    server.Delete(R"(/v1/clips/([a-z0-9]{1,32}))",
+                  [c](const Request &req, Response &res) { deleteClip(*c, req, res); });
     server.Post("/v1/packs", [c](const Request &req, Response &res, const ContentReader &reader) {
         createPack(*c, req, res, reader);
     });
