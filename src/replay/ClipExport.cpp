@@ -12,6 +12,8 @@
 #include <QPromise>
 #include <QUuid>
 
+#include <initializer_list>
+
 namespace ClipExport {
 
 namespace {
@@ -48,6 +50,18 @@ std::vector<ReplayBuffer::AudioPacket> shiftedAudio(const List &packets, MediaTi
 template<typename List> MediaTime endOf(const List &packets)
 {
     return packets.empty() ? MediaTime::invalid() : packets.back().pts + packets.back().duration;
+}
+
+// The last picture stays on screen until the sound ends. A still screen hands the encoder a
+// frame only about once a second, and a player shows a video track that stops short of the
+// audio as a clip without a picture; the muxer gives the last frame this duration.
+void holdLastPictureToTheEnd(ReplayBuffer::EncodedFrame &last,
+                             std::initializer_list<MediaTime> ends)
+{
+    for (const MediaTime &end : ends) {
+        if (end.isValid() && last.pts + last.duration < end)
+            last.duration = end - last.pts;
+    }
 }
 
 QFuture<WrittenFile> failedFuture(const RecorderError &error)
@@ -109,6 +123,7 @@ QFuture<WrittenFile> exportClip(const ReplayBuffer::Snapshot &snapshot, Options 
     plan.audioFormat = snapshot.audioFormat;
     plan.mic = shiftedAudio(snapshot.mic, base);
     plan.micFormat = snapshot.micFormat;
+    holdLastPictureToTheEnd(plan.frames.back(), {endOf(plan.audio), endOf(plan.mic)});
     plan.sourceBase = base;
     plan.audioHistory = {std::move(options.audioHistory), endOf(snapshot.audio)};
     plan.micHistory = {std::move(options.micHistory), endOf(snapshot.mic)};
