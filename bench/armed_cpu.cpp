@@ -6,14 +6,15 @@
 //
 // Prints one line of key=value figures:
 //   cpu      percent of one core this process used over the measured stretch
-//   fps      frames the stream delivered per second (idle ones included)
+//   fps      frames the stream delivered per second (repeats of a still screen included)
 //   encoded  frames per second handed to the encoder (complete ones)
 //   rss_mb, payload_mb, buffered_s   resident memory, the bytes the replay buffer holds, its span
 // With --save, a clip of the clip length is saved half way through the stretch, and the line
-// also has save_s (how long the save took), skipped and late (the capture's own counts of frames
-// it did not deliver while the save ran), lost (frames missing from the capture while it ran,
-// from the gaps between the stored frames' capture times), lost_before (the same for as long
-// just before it, for comparison) and the clip's path.
+// also has save_threads (each thread's CPU while the save ran, in ms), save_s (how long the save
+// took), skipped and late (the capture's own counts of frames it did not deliver while the save
+// ran), lost (frames missing from the capture while it ran, from the gaps between the stored
+// frames' capture times), lost_before (the same for as long just before it, for comparison) and
+// the clip's path.
 //
 //   bench_armed_cpu --floor [--seconds N]
 //
@@ -242,6 +243,7 @@ int main(int argc, char **argv)
     if (save) {
         sleepSeconds(seconds / 2);
         const ScreenStream::Stats before = engine.captureStats();
+        const std::map<std::string, double> threadsBefore = bench::threadCpuSeconds();
         const int64_t saveFrom = monotonicNanoseconds();
         QString clip;
         try {
@@ -252,6 +254,18 @@ int main(int argc, char **argv)
         }
         const int64_t saveTo = monotonicNanoseconds();
         const ScreenStream::Stats after = engine.captureStats();
+        // Where the save's CPU went, thread by thread, in milliseconds.
+        std::string saveThreads = " save_threads=";
+        for (const auto &[name, cpu] : bench::threadCpuSeconds()) {
+            const auto was = threadsBefore.find(name);
+            const double ms = (cpu - (was == threadsBefore.end() ? 0 : was->second)) * 1000;
+            if (ms >= 1) {
+                std::string tidy = name;
+                std::replace(tidy.begin(), tidy.end(), ' ', '_');
+                saveThreads += (saveThreads.back() == '=' ? "" : ",") + tidy + ":" +
+                    std::to_string(std::lround(ms));
+            }
+        }
         sleepSeconds(0.5); // the frames of the save's last moments leave the encoder
         const int64_t span = saveTo - saveFrom;
         char text[300];
@@ -262,7 +276,7 @@ int main(int argc, char **argv)
                       (long long)lostFrames(engine.buffer(), saveFrom, saveTo),
                       (long long)lostFrames(engine.buffer(), saveFrom - span, saveFrom),
                       clip.toUtf8().constData());
-        saveFigures = text;
+        saveFigures = saveThreads + text;
         const double left = seconds - bench::secondsSince(t0);
         if (left > 0)
             sleepSeconds(left);
