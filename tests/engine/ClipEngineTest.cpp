@@ -362,16 +362,6 @@ TEST_F(ClipEngineTest, StillScreenMakesWholeClipsAndSessions)
     EXPECT_EQ(probe::grayFrame(clip, seconds - 0.1).size(), 160 * 90);
 }
 
-// What pactl prints; the test fails when it fails.
-QString pactl(const QStringList &arguments)
-{
-    QProcess process;
-    process.start(QStringLiteral("pactl"), arguments);
-    const bool finished = process.waitForFinished(10000);
-    EXPECT_TRUE(finished && process.exitCode() == 0) << qPrintable(arguments.join(u' '));
-    return QString::fromUtf8(process.readAllStandardOutput()).trimmed();
-}
-
 // The user's devices change while armed: the default output switches to another sink, then that
 // sink goes away. The capture follows each change within 2 s and keeps its video; the clip across
 // both has its sound in step with its picture (a short silence at each move, no drift).
@@ -384,8 +374,9 @@ TEST_F(ClipEngineTest, AudioFollowsTheDefaultOutputThroughChangesAndRemoval)
     PrivateServer x = startXvfb(dir, "1280x720");
     ASSERT_TRUE(x.server) << x.error;
     setenv("DISPLAY", x.address.c_str(), 1);
-    const QString module = pactl({QStringLiteral("load-module"), QStringLiteral("module-null-sink"),
-                                  QStringLiteral("sink_name=second")});
+    ChildProcess load({"pactl", "load-module", "module-null-sink", "sink_name=second"});
+    const std::optional<std::string> module = load.readLine(10s);
+    ASSERT_TRUE(module && !module->empty());
     // A tone on each sink, played there whatever the default.
     auto tone = playTone(QStringLiteral("private_null"));
     auto secondTone = playTone(QStringLiteral("second"));
@@ -405,10 +396,10 @@ TEST_F(ClipEngineTest, AudioFollowsTheDefaultOutputThroughChangesAndRemoval)
                 },
                 2000);
         };
-        pactl({QStringLiteral("set-default-sink"), QStringLiteral("second")});
+        EXPECT_EQ(ChildProcess::run({"pactl", "set-default-sink", "second"}), 0);
         EXPECT_TRUE(moved("second.monitor"));
         ASSERT_TRUE(waitUntil([&] { return engine.bufferedDuration() >= 6; }, 20000));
-        pactl({QStringLiteral("unload-module"), module});
+        EXPECT_EQ(ChildProcess::run({"pactl", "unload-module", *module}), 0);
         EXPECT_TRUE(moved("private_null.monitor"));
         ASSERT_TRUE(waitUntil([&] { return engine.bufferedDuration() >= 11; }, 20000));
         EXPECT_TRUE(engine.isArmed());
