@@ -2,7 +2,7 @@
 // server the environment names, and reports what it cost over a measured stretch. The wrapper
 // bench/armed_cpu.sh sets up the servers, the moving screen, the tone and the FFmpeg peer.
 //
-//   bench_armed_cpu [--seconds N] [--settle S] [--clip-length L] [--save]
+//   bench_armed_cpu [--seconds N] [--settle S] [--clip-length L] [--save] [--export-nice N]
 //
 // Prints one line of key=value figures:
 //   cpu      percent of one core this process used over the measured stretch
@@ -14,7 +14,8 @@
 // took), skipped and late (the capture's own counts of frames it did not deliver while the save
 // ran), lost (frames missing from the capture while it ran, from the gaps between the stored
 // frames' capture times), lost_before (the same for as long just before it, for comparison) and
-// the clip's path.
+// the clip's path. --export-nice runs the save's thread at another niceness (it takes 10 itself),
+// to compare.
 //
 //   bench_armed_cpu --floor [--seconds N]
 //
@@ -29,12 +30,15 @@
 #include "core/SerialQueue.h"
 #include "engine/ClipEngine.h"
 #include "media/MonotonicClock.h"
+#include "replay/ClipExport.h"
 #include "replay/FrameConverter.h"
 #include "replay/VideoEncoder.h"
 
 #include <QCoreApplication>
 
 #include <malloc.h>
+#include <sys/resource.h>
+#include <sys/syscall.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -100,6 +104,15 @@ int64_t lostFrames(ReplayBuffer &buffer, int64_t fromNanos, int64_t toNanos)
         previous = &frame;
     }
     return lost;
+}
+
+// For comparing a save's cost at another priority: the export queue's thread set to `niceness`
+// after it has set its own.
+void setExportNiceness(int niceness)
+{
+    SerialQueue &queue = ClipExport::exportQueue();
+    queue.sync([] {});
+    queue.sync([niceness] { setpriority(PRIO_PROCESS, pid_t(syscall(SYS_gettid)), niceness); });
 }
 
 void sleepSeconds(double seconds)
@@ -200,6 +213,7 @@ int main(int argc, char **argv)
     double clipLength = 30;
     bool save = false;
     bool floor = false;
+    std::optional<int> exportNice;
     for (int i = 1; i < argc; ++i) {
         const std::string arg = argv[i];
         const bool hasValue = i + 1 < argc;
@@ -213,6 +227,8 @@ int main(int argc, char **argv)
             save = true;
         else if (arg == "--floor")
             floor = true;
+        else if (arg == "--export-nice" && hasValue)
+            exportNice = std::stoi(argv[++i]);
         else {
             std::fprintf(stderr, "bench_armed_cpu: unknown argument %s\n", arg.c_str());
             return 2;
@@ -223,6 +239,8 @@ int main(int argc, char **argv)
     if (floor)
         return floorRun(seconds);
     ClipSettings::setMaxDuration(clipLength);
+    if (exportNice)
+        setExportNiceness(*exportNice);
     ClipEngine engine;
     try {
         engine.start().waitForFinished();
