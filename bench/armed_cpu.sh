@@ -71,7 +71,8 @@ floor_fps=$(field fps <"$work/floor.txt" | median)
 # The figures are CPU per delivered frame: a machine too busy (or too slow) for a side to hold
 # 60 frames a second makes it do less work, and its percentage alone would flatter it. Each run's
 # cost per frame first, then the median of those.
-per_frame() { awk '{ c = $0; sub(/.*cpu=/, "", c); sub(/ .*/, "", c); f = $0; sub(/.*fps=/, "", f); sub(/ .*/, "", f); if (f > 0) print c / f }'; }
+# Milliseconds of CPU per frame: percent of a core over frames a second, times ten.
+per_frame() { awk '{ c = $0; sub(/.*cpu=/, "", c); sub(/ .*/, "", c); f = $0; sub(/.*fps=/, "", f); sub(/ .*/, "", f); if (f > 0) print c * 10 / f }'; }
 ours_pf=$(per_frame <"$work/engine.txt" | median)
 theirs_pf=$(per_frame <"$work/peer.txt" | median)
 floor_pf=$(per_frame <"$work/floor.txt" | median)
@@ -80,7 +81,7 @@ over_floor=$(awk -v a="$ours_pf" -v b="$floor_pf" 'BEGIN {printf "%.2f", (b > 0)
 # Where the encoder alone cannot hold 60 frames a second, neither can anything that runs it: the
 # frame rate is then not the engine's to answer for, and the line says the machine is slow.
 floor_keeps_up=$(awk -v f="$floor_fps" 'BEGIN {print (f >= 59.4) ? 1 : 0}')
-printf 'moving screen: engine %.1f %% of a core at %.1f frames/s, ffmpeg x11grab %.1f %% at %.1f frames/s; per delivered frame %s against %s %% of a core-second, ratio %s\n' \
+printf 'moving screen: engine %.1f %% of a core at %.1f frames/s, ffmpeg x11grab %.1f %% at %.1f frames/s; per delivered frame %.2f ms against %.2f ms of CPU, ratio %s\n' \
   "$ours" "$ours_fps" "$theirs" "$theirs_fps" "$ours_pf" "$theirs_pf" "$ratio"
 printf 'floor: the encoder alone on the same frames %.1f %% at %.1f frames/s%s; the engine costs %sx that per frame\n' \
   "$floor" "$floor_fps" "$([ "$floor_keeps_up" = 1 ] || echo ' (this machine is too slow for 60: the frame rate bar is waived)')" "$over_floor"
