@@ -94,8 +94,10 @@ SerialQueue &exportQueue()
         // when the armed AAC does not cover the clip, its audio encoded on both cores). On a
         // machine whose cores the capture and the encoder already fill, at the same priority
         // that burst took the encoder's turns and the capture skipped frames. Ten nice levels
-        // down, the save runs in what they leave (the encoder threads it starts inherit this):
-        // a 30 s clip took twice as long (about 250 ms instead of 120) and no frame was lost.
+        // down, the save runs in what they leave (the encoder threads it starts inherit this).
+        // Four 30 s saves each way, alternating, on a busy two-core machine: 7 frames lost at
+        // the normal priority, none at this one; the save took 0.12 to 0.15 s against 0.12 to
+        // 0.24 s.
         made->async([] {
             setpriority(PRIO_PROCESS, pid_t(syscall(SYS_gettid)), saveNiceness);
             syscall(SYS_ioprio_set, ioprioWhoProcess, 0, lowestBestEffortIo);
