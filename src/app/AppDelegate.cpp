@@ -14,8 +14,8 @@
 #include "core/DisplaySession.h"
 #include "core/Log.h"
 #include "core/Paths.h"
-#include "core/PreferencesWatch.h"
 #include "core/Preferences.h"
+#include "core/PreferencesWatch.h"
 #include "core/ProgramVersion.h"
 #include "core/SharedPool.h"
 #include "engine/ClipSound.h"
@@ -207,6 +207,16 @@ bool AppDelegate::applicationDidFinishLaunching(const QStringList &links)
             [self, error] {
                 if (self)
                     self->onCaptureStopped(error.value_or(QString()));
+            },
+            Qt::QueuedConnection);
+    });
+
+    m_engine->setOnFallingBehind([self](double heldFps, int fps, int height) {
+        QMetaObject::invokeMethod(
+            self,
+            [self, text = StatusTexts::forFallingBehind(heldFps, fps, height)] {
+                if (self && self->m_engine->isArmed())
+                    self->m_model.setStatus(text);
             },
             Qt::QueuedConnection);
     });
