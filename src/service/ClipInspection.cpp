@@ -79,14 +79,18 @@ struct Spawned
     int output = -1; // the read end of the child's standard output
 };
 
-Spawned spawn(const std::vector<std::string> &argv)
+// Starts the child with `input` (or nothing) as its standard input.
+Spawned spawn(const std::vector<std::string> &argv, int input = -1)
 {
     int pipe[2];
     if (::pipe2(pipe, O_CLOEXEC) != 0)
         return {};
     posix_spawn_file_actions_t actions;
     posix_spawn_file_actions_init(&actions);
-    posix_spawn_file_actions_addopen(&actions, STDIN_FILENO, "/dev/null", O_RDONLY, 0);
+    if (input >= 0)
+        posix_spawn_file_actions_adddup2(&actions, input, STDIN_FILENO);
+    else
+        posix_spawn_file_actions_addopen(&actions, STDIN_FILENO, "/dev/null", O_RDONLY, 0);
     posix_spawn_file_actions_adddup2(&actions, pipe[1], STDOUT_FILENO);
     // The worker that spawns has every signal blocked; the child starts with none blocked and
     // the default actions, so that it can be stopped like any program.
@@ -147,38 +151,68 @@ bool readAll(int fd, std::chrono::steady_clock::time_point deadline, std::string
 
 } // namespace
 
-ClipInspection ClipInspection::run(const std::string &path, PendingFile &poster,
-                                   const Budget &budget)
+namespace {
+
+struct ChildRun
+{
+    bool started = false;
+    bool ended = false;
+    int status = 0;
+    std::string output;
+};
+
+// Runs the child on `file` (a path; "/proc/self/fd/0" for the standard input) and reads all it
+// writes, within the budget's time.
+ChildRun runChild(const std::string &file, const ClipInspection::Budget &budget, bool poster,
+                  int input)
 {
     static const std::string executable = ownExecutable();
+    ChildRun run;
+    if (executable.empty())
+        return run;
+    std::vector<std::string> argv {executable,
+                                   "inspect-clip",
+                                   file,
+                                   "--memory",
+                                   std::to_string(budget.memoryBytes),
+                                   "--seconds",
+                                   std::to_string(budget.seconds),
+                                   "--width",
+                                   std::to_string(budget.bounds.maxWidth),
+                                   "--height",
+                                   std::to_string(budget.bounds.maxHeight)};
+    if (!poster)
+        argv.push_back("--no-poster");
+    const Spawned child = spawn(argv, input);
+    if (child.pid < 0)
+        return run;
+    run.started = true;
+    run.ended = readAll(child.output,
+                        std::chrono::steady_clock::now() + std::chrono::seconds(budget.seconds + 5),
+                        run.output);
+    ::close(child.output);
+    if (!run.ended)
+        ::kill(child.pid, SIGKILL);
+    while (::waitpid(child.pid, &run.status, 0) < 0 && errno == EINTR) { }
+    return run;
+}
+
+} // namespace
+
+ClipInspection ClipInspection::check(const std::string &path, const Budget &budget)
+{
     ClipInspection result;
     result.probe.problem = "The video could not be checked: it may be damaged.";
     result.childFailed = true;
-    if (executable.empty())
-        return result;
-    const Spawned child =
-        spawn({executable, "inspect-clip", path, "--memory", std::to_string(budget.memoryBytes),
-               "--seconds", std::to_string(budget.seconds), "--width",
-               std::to_string(budget.bounds.maxWidth), "--height",
-               std::to_string(budget.bounds.maxHeight)});
-    if (child.pid < 0)
+    const ChildRun run = runChild(path, budget, false, -1);
+    if (!run.started)
         return result;
     result.childFailed = false;
-    std::string output;
-    const bool ended = readAll(
-        child.output, std::chrono::steady_clock::now() + std::chrono::seconds(budget.seconds + 5),
-        output);
-    ::close(child.output);
-    if (!ended)
-        ::kill(child.pid, SIGKILL);
-    int status = 0;
-    while (::waitpid(child.pid, &status, 0) < 0 && errno == EINTR) { }
-
-    // "ok WIDTH HEIGHT MILLISECONDS\n" then the poster, or "refused SENTENCE\n".
-    const size_t lineEnd = output.find('\n');
+    // "ok WIDTH HEIGHT MILLISECONDS\n", or "refused SENTENCE\n".
+    const size_t lineEnd = run.output.find('\n');
     if (lineEnd == std::string::npos)
         return result;
-    std::istringstream report(output.substr(0, lineEnd));
+    std::istringstream report(run.output.substr(0, lineEnd));
     std::string word;
     report >> word;
     if (word == "refused") {
@@ -190,21 +224,31 @@ ClipInspection ClipInspection::run(const std::string &path, PendingFile &poster,
         return result;
     probe.isMp4 = true;
     result.probe = probe;
-    // The report came, so the file is taken; the poster only when the child ended well (one
-    // that ran out of memory or crashed while decoding leaves the clip without one, as a clip
-    // whose first picture does not decode has none).
-    const std::string_view jpeg = std::string_view(output).substr(lineEnd + 1);
-    if (!jpeg.empty() && WIFEXITED(status) && WEXITSTATUS(status) == 0) {
-        poster.write(jpeg.data(), jpeg.size());
-        poster.finish();
-        result.hasPoster = true;
-    }
     return result;
+}
+
+bool ClipInspection::makePoster(int fd, PendingFile &poster, const Budget &budget)
+{
+    // The child opens the file through its standard input's name, which reaches the file even
+    // once its pending name is gone.
+    const ChildRun run = runChild("/proc/self/fd/0", budget, true, fd);
+    const size_t lineEnd = run.output.find('\n');
+    // A child that ran out of memory or crashed while decoding leaves the clip without a
+    // poster, as a clip whose first picture does not decode has none.
+    if (!run.ended || lineEnd == std::string::npos || run.output.rfind("ok ", 0) != 0 ||
+        !WIFEXITED(run.status) || WEXITSTATUS(run.status) != 0)
+        return false;
+    const std::string_view jpeg = std::string_view(run.output).substr(lineEnd + 1);
+    if (jpeg.empty())
+        return false;
+    poster.write(jpeg.data(), jpeg.size());
+    poster.finish();
+    return true;
 }
 
 int ClipInspection::child(const std::vector<std::string> &arguments)
 {
-    const CommandLine line(arguments, {"memory", "seconds", "width", "height"});
+    const CommandLine line(arguments, {"memory", "seconds", "width", "height"}, {"no-poster"});
     if (line.words().size() != 1)
         throw CommandLine::Error("Usage: vantrel-service inspect-clip FILE --memory BYTES "
                                  "--seconds S --width W --height H");
@@ -235,6 +279,8 @@ int ClipInspection::child(const std::vector<std::string> &arguments)
         std::to_string(probe.height) + " " + std::to_string(probe.durationMs) + "\n";
     if (!writeOut(report.data(), report.size()))
         return 1;
+    if (line.flag("no-poster"))
+        return 0;
     MemoryPending poster;
     if (!ClipProbe::writePoster(line.words()[0], poster, bounds))
         return 2;
