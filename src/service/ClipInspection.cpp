@@ -227,7 +227,7 @@ ClipInspection ClipInspection::check(const std::string &path, const Budget &budg
     return result;
 }
 
-bool ClipInspection::makePoster(int fd, PendingFile &poster, const Budget &budget)
+std::optional<std::string> ClipInspection::makePoster(int fd, const Budget &budget)
 {
     // The child opens the file through its standard input's name, which reaches the file even
     // once its pending name is gone.
@@ -236,14 +236,9 @@ bool ClipInspection::makePoster(int fd, PendingFile &poster, const Budget &budge
     // A child that ran out of memory or crashed while decoding leaves the clip without a
     // poster, as a clip whose first picture does not decode has none.
     if (!run.ended || lineEnd == std::string::npos || run.output.rfind("ok ", 0) != 0 ||
-        !WIFEXITED(run.status) || WEXITSTATUS(run.status) != 0)
-        return false;
-    const std::string_view jpeg = std::string_view(run.output).substr(lineEnd + 1);
-    if (jpeg.empty())
-        return false;
-    poster.write(jpeg.data(), jpeg.size());
-    poster.finish();
-    return true;
+        !WIFEXITED(run.status) || WEXITSTATUS(run.status) != 0 || lineEnd + 1 == run.output.size())
+        return std::nullopt;
+    return run.output.substr(lineEnd + 1);
 }
 
 int ClipInspection::child(const std::vector<std::string> &arguments)

@@ -3,10 +3,9 @@
 #include "service/ClipProbe.h"
 
 #include <cstdint>
+#include <optional>
 #include <string>
 #include <vector>
-
-class PendingFile;
 
 // An upload's check and its poster frame, each made by a child process of the service: the
 // running executable again, as `vantrel-service inspect-clip FILE`. The child limits its own
@@ -31,9 +30,9 @@ struct ClipInspection
     // Checks `path`. A child that could not start, ran out of its budget or died before
     // reporting refuses the file.
     static ClipInspection check(const std::string &path, const Budget &budget);
-    // Writes the poster of the checked file open as `fd` into `poster`; false when the child
-    // made none (its first picture did not decode within the budget).
-    static bool makePoster(int fd, PendingFile &poster, const Budget &budget);
+    // The poster (a JPEG) of the checked file open as `fd`; none when the child made none (its
+    // first picture did not decode within the budget).
+    static std::optional<std::string> makePoster(int fd, const Budget &budget);
 
     // The child's side (`inspect-clip FILE --memory BYTES --seconds S --width W --height H
     // [--no-poster]`): writes its report line, then the JPEG, to standard output. Returns the

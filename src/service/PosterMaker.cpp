@@ -71,9 +71,12 @@ void PosterMaker::make(const Job &job)
 {
     if (!m_records.clip(job.clipId))
         return;
-    std::unique_ptr<PendingFile> poster = m_files.create(FileKind::poster);
-    if (!ClipInspection::makePoster(job.fd, *poster, m_budget))
+    const std::optional<std::string> jpeg = ClipInspection::makePoster(job.fd, m_budget);
+    if (!jpeg)
         return;
+    std::unique_ptr<PendingFile> poster = m_files.create(FileKind::poster);
+    poster->write(jpeg->data(), jpeg->size());
+    poster->finish();
     const std::string key = job.clipId + ".jpg";
     m_files.commit(std::move(poster), FileKind::poster, key);
     m_records.setClipPoster(job.clipId);

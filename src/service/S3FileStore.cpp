@@ -167,6 +167,6 @@ void S3FileStore::discardAbandoned(int64_t sharedGraceSeconds)
     // Uploads in parts that a server died in the middle of; recent ones may be another's.
     const int64_t now = int64_t(::time(nullptr));
     for (const S3Client::Upload &upload : m_client.unfinishedUploads(m_prefix))
-        if (now - upload.initiated > sharedGraceSeconds)
+        if (now - upload.initiated >= sharedGraceSeconds)
             m_client.abortUpload(upload.key, upload.uploadId);
 }

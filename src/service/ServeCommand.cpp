@@ -114,7 +114,8 @@ int run(const std::vector<std::string> &arguments)
                                    "connections-per-address",
                                    "handshake-timeout",
                                    "head-timeout",
-                                   "poster-memory"};
+                                   "poster-memory",
+                                   "orphan-grace"};
     options.insert(StoreOptions::names().begin(), StoreOptions::names().end());
     const CommandLine line(arguments, options, {"quiet"});
     if (!line.words().empty())
@@ -169,7 +170,9 @@ int run(const std::vector<std::string> &arguments)
     const std::unique_ptr<RecordStore> records =
         StoreOptions::openRecords(stores, std::max(4, limits.threads / 4));
     const std::unique_ptr<FileStore> files = StoreOptions::openFiles(stores);
-    const StoreRecovery::Report repaired = StoreRecovery::repair(*records, *files);
+    const int orphanGrace = CommandLine::parseInteger(line.option("orphan-grace").value_or("3600"),
+                                                      "orphan-grace", 0, 30 * 86400);
+    const StoreRecovery::Report repaired = StoreRecovery::repair(*records, *files, orphanGrace);
     if (repaired.abandonedFilesRemoved > 0 || repaired.recordsRemoved > 0 ||
         !repaired.warning.empty())
         std::fprintf(stderr, "vantrel-service: store repaired: %s\n",

@@ -262,7 +262,7 @@ std::string usage()
                         [--threads 64] [--trusted-proxy ADDRESS]...
                         [--max-connections 1000] [--connections-per-address 32]
                         [--handshake-timeout 10] [--head-timeout 10]
-                        [--poster-memory 512M] [--quiet]
+                        [--poster-memory 512M] [--orphan-grace 3600] [--quiet]
   vantrel-service user add EMAIL --name NAME --data DIR      (password on standard input)
   vantrel-service token issue EMAIL --data DIR               (prints a new token)
   vantrel-service token revoke TOKEN|- --data DIR            (or --all EMAIL)

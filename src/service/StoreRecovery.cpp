@@ -4,7 +4,7 @@
 
 namespace {
 
-constexpr int64_t graceSeconds = 3600;
+constexpr int64_t releaseGraceSeconds = 3600;
 
 std::string stem(const std::string &key, const std::string &extension)
 {
@@ -18,11 +18,11 @@ std::string stem(const std::string &key, const std::string &extension)
 
 namespace StoreRecovery {
 
-Report repair(RecordStore &records, FileStore &files)
+Report repair(RecordStore &records, FileStore &files, int64_t orphanGraceSeconds)
 {
     Report report;
-    files.discardAbandoned(graceSeconds);
-    const int64_t fileGrace = files.shared() ? graceSeconds : -1;
+    files.discardAbandoned(orphanGraceSeconds);
+    const int64_t fileGrace = files.shared() ? orphanGraceSeconds : -1;
 
     // The records are read before the files are listed: an upload stores its file before its
     // record, so every record read here has its file in the listing, whatever another server
@@ -49,7 +49,7 @@ Report repair(RecordStore &records, FileStore &files)
     for (const auto &[kind, extension] : {std::pair {FileKind::clip, std::string(".mp4")},
                                           {FileKind::poster, std::string(".jpg")}}) {
         for (const StoredEntry &entry : files.list(kind)) {
-            if (!recorded.contains(stem(entry.key, extension)) && entry.ageSeconds > fileGrace &&
+            if (!recorded.contains(stem(entry.key, extension)) && entry.ageSeconds >= fileGrace &&
                 !records.clip(stem(entry.key, extension))) {
                 files.remove(kind, entry.key);
                 ++report.abandonedFilesRemoved;
@@ -60,7 +60,7 @@ Report repair(RecordStore &records, FileStore &files)
     for (const ReleaseRecord &release : records.releases())
         releaseFiles.insert(release.fileName);
     for (const StoredEntry &entry : files.list(FileKind::release)) {
-        if (!releaseFiles.contains(entry.key) && entry.ageSeconds > graceSeconds) {
+        if (!releaseFiles.contains(entry.key) && entry.ageSeconds > releaseGraceSeconds) {
             files.remove(FileKind::release, entry.key);
             ++report.abandonedFilesRemoved;
         }

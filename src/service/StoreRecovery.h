@@ -8,9 +8,10 @@
 // Brings the records and the files back in step when a server starts, whatever moment an earlier
 // process died at: pending files go, a clip file or poster without a record goes, and a clip
 // record whose file is gone goes. On a store only this server writes, a file without a record
-// goes at once; on one that other servers share (or for a release archive, which the command line
-// may be adding right now), only once it is an hour old, since another process may be between
-// storing it and recording it.
+// goes at once; on one that other servers share, only once it is `orphanGraceSeconds` old (an
+// hour by default, --orphan-grace), since another process may be between storing it and
+// recording it. A release archive without a record goes once it is an hour old on either: the
+// command line may be adding that release right now.
 namespace StoreRecovery {
 
 struct Report
@@ -22,7 +23,7 @@ struct Report
     std::string warning;
 };
 
-Report repair(RecordStore &records, FileStore &files);
+Report repair(RecordStore &records, FileStore &files, int64_t orphanGraceSeconds = 3600);
 
 std::string describe(const Report &report);
 
