@@ -19,15 +19,6 @@ std::string systemError(const std::string &what)
     return what + ": " + std::strerror(errno);
 }
 
-// Keys are made by the service itself; this refuses anything that could leave its folder all
-// the same.
-void checkKey(const std::string &key)
-{
-    if (key.empty() || key.find('/') != std::string::npos || key.find('\0') != std::string::npos ||
-        key.front() == '.')
-        throw FileError("Not a file key: " + key);
-}
-
 void syncFolder(const std::string &folder)
 {
     const int fd = ::open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);

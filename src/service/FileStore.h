@@ -78,4 +78,8 @@ public:
     virtual void discardAbandoned(int64_t sharedGraceSeconds) = 0;
     // True when other processes may be writing to the store at the same time.
     virtual bool shared() const = 0;
+
+    // Keys are made by the service itself; this refuses anything that could leave the store's
+    // folder (or prefix) all the same. Throws FileError.
+    static void checkKey(const std::string &key);
 };

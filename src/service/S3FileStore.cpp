@@ -10,13 +10,6 @@ namespace fs = std::filesystem;
 
 namespace {
 
-void checkKey(const std::string &key)
-{
-    if (key.empty() || key.find('/') != std::string::npos || key.find('\0') != std::string::npos ||
-        key.front() == '.')
-        throw FileError("Not a file key: " + key);
-}
-
 // An object read through ranged GETs: one request for each run of reads in order, a new one
 // when a read jumps elsewhere.
 class S3StoredFile : public StoredFile

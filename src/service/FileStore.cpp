@@ -1,0 +1,8 @@
+#include "service/FileStore.h"
+
+void FileStore::checkKey(const std::string &key)
+{
+    if (key.empty() || key.find('/') != std::string::npos || key.find('\0') != std::string::npos ||
+        key.front() == '.')
+        throw FileError("Not a file key: " + key);
+}
