@@ -2,6 +2,7 @@
 
 #include "service/CommandLine.h"
 #include "service/FileStore.h"
+#include "service/InspectionHelper.h"
 
 #include <cerrno>
 #include <chrono>
@@ -43,11 +44,11 @@ uint64_t mappedBytes()
     return 0;
 }
 
-// Writes the whole buffer to standard output; false when the reader is gone.
-bool writeOut(const char *data, size_t size)
+// Writes the whole buffer to `fd`; false when the reader is gone.
+bool writeOut(int fd, const char *data, size_t size)
 {
     while (size > 0) {
-        const ssize_t written = ::write(STDOUT_FILENO, data, size);
+        const ssize_t written = ::write(fd, data, size);
         if (written < 0 && errno == EINTR)
             continue;
         if (written <= 0)
@@ -204,7 +205,17 @@ ClipInspection ClipInspection::check(const std::string &path, const Budget &budg
     ClipInspection result;
     result.probe.problem = "The video could not be checked: it may be damaged.";
     result.childFailed = true;
-    const ChildRun run = runChild(path, budget, false, -1);
+    ChildRun run;
+    // A child of the helper when there is one (a fork, not the executable started afresh).
+    const int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
+    if (fd >= 0) {
+        const auto deadline =
+            std::chrono::steady_clock::now() + std::chrono::seconds(budget.seconds + 5);
+        run.started = InspectionHelper::inspect(fd, budget, false, deadline, run.output, run.ended);
+        ::close(fd);
+    }
+    if (!run.started)
+        run = runChild(path, budget, false, -1);
     if (!run.started)
         return result;
     result.childFailed = false;
@@ -229,14 +240,25 @@ ClipInspection ClipInspection::check(const std::string &path, const Budget &budg
 
 std::optional<std::string> ClipInspection::makePoster(int fd, const Budget &budget)
 {
-    // The child opens the file through its standard input's name, which reaches the file even
-    // once its pending name is gone.
-    const ChildRun run = runChild("/proc/self/fd/0", budget, true, fd);
+    // The child opens the file through a descriptor's name, which reaches the file even once
+    // its pending name is gone. A child of the helper's exit status is not known here: its
+    // poster counts when it is whole (a JPEG ends with its end-of-image marker).
+    ChildRun run;
+    const auto deadline =
+        std::chrono::steady_clock::now() + std::chrono::seconds(budget.seconds + 5);
+    bool whole = false;
+    if (InspectionHelper::inspect(fd, budget, true, deadline, run.output, run.ended)) {
+        whole =
+            run.output.size() > 2 && run.output.compare(run.output.size() - 2, 2, "\xff\xd9") == 0;
+    } else {
+        run = runChild("/proc/self/fd/0", budget, true, fd);
+        whole = WIFEXITED(run.status) && WEXITSTATUS(run.status) == 0;
+    }
     const size_t lineEnd = run.output.find('\n');
     // A child that ran out of memory or crashed while decoding leaves the clip without a
     // poster, as a clip whose first picture does not decode has none.
-    if (!run.ended || lineEnd == std::string::npos || run.output.rfind("ok ", 0) != 0 ||
-        !WIFEXITED(run.status) || WEXITSTATUS(run.status) != 0 || lineEnd + 1 == run.output.size())
+    if (!run.ended || !whole || lineEnd == std::string::npos || run.output.rfind("ok ", 0) != 0 ||
+        lineEnd + 1 == run.output.size())
         return std::nullopt;
     return run.output.substr(lineEnd + 1);
 }
@@ -249,35 +271,42 @@ int ClipInspection::child(const std::vector<std::string> &arguments)
                                  "--seconds S --width W --height H");
     const uint64_t memory = CommandLine::parseSize(line.required("memory"), "memory");
     const int seconds = CommandLine::parseInteger(line.required("seconds"), "seconds", 1, 3600);
-    VideoBounds bounds;
-    bounds.maxWidth = CommandLine::parseInteger(line.required("width"), "width", 16, 65536);
-    bounds.maxHeight = CommandLine::parseInteger(line.required("height"), "height", 16, 65536);
+    Budget budget;
+    budget.memoryBytes = memory;
+    budget.seconds = seconds;
+    budget.bounds.maxWidth = CommandLine::parseInteger(line.required("width"), "width", 16, 65536);
+    budget.bounds.maxHeight =
+        CommandLine::parseInteger(line.required("height"), "height", 16, 65536);
+    return inspect(line.words()[0], budget, !line.flag("no-poster"), STDOUT_FILENO);
+}
 
+int ClipInspection::inspect(const std::string &file, const Budget &budget, bool poster, int output)
+{
     // Limits first, before a byte of the file is read. The address space is counted from what
     // the process has mapped already, so the same budget holds whatever the build maps at start.
-    const rlimit space {mappedBytes() + memory, mappedBytes() + memory};
-    const rlimit cpu {rlim_t(seconds), rlim_t(seconds) + 1};
+    const rlimit space {mappedBytes() + budget.memoryBytes, mappedBytes() + budget.memoryBytes};
+    const rlimit cpu {rlim_t(budget.seconds), rlim_t(budget.seconds) + 1};
     const rlimit noCore {0, 0};
     if (::setrlimit(RLIMIT_AS, &space) != 0 || ::setrlimit(RLIMIT_CPU, &cpu) != 0 ||
         ::setrlimit(RLIMIT_CORE, &noCore) != 0)
         return 1;
     ClipProbe::silenceLibraryLog();
 
-    const ClipProbeResult probe = ClipProbe::probe(line.words()[0], bounds);
+    const ClipProbeResult probe = ClipProbe::probe(file, budget.bounds);
     if (!probe.isMp4) {
         const std::string report = "refused " + probe.problem + "\n";
-        return writeOut(report.data(), report.size()) ? 0 : 1;
+        return writeOut(output, report.data(), report.size()) ? 0 : 1;
     }
     // The report goes out before anything is decoded: whatever happens to the decoder, the
     // server knows the file itself passed.
     const std::string report = "ok " + std::to_string(probe.width) + " " +
         std::to_string(probe.height) + " " + std::to_string(probe.durationMs) + "\n";
-    if (!writeOut(report.data(), report.size()))
+    if (!writeOut(output, report.data(), report.size()))
         return 1;
-    if (line.flag("no-poster"))
+    if (!poster)
         return 0;
-    MemoryPending poster;
-    if (!ClipProbe::writePoster(line.words()[0], poster, bounds))
+    MemoryPending jpeg;
+    if (!ClipProbe::writePoster(file, jpeg, budget.bounds))
         return 2;
-    return writeOut(poster.bytes().data(), poster.bytes().size()) ? 0 : 1;
+    return writeOut(output, jpeg.bytes().data(), jpeg.bytes().size()) ? 0 : 1;
 }

@@ -38,4 +38,6 @@ struct ClipInspection
     // [--no-poster]`): writes its report line, then the JPEG, to standard output. Returns the
     // exit status.
     static int child(const std::vector<std::string> &arguments);
+    // The same within this process (a child already): limits itself, then writes to `output`.
+    static int inspect(const std::string &file, const Budget &budget, bool poster, int output);
 };

@@ -103,9 +103,11 @@ bool ClipUpload::onPartData(const char *data, size_t size)
     try {
         if (m_buffer.size() + size > bufferBytes)
             flush();
-        if (size >= bufferBytes)
+        // Large pieces go to the file where they lie; small ones are gathered first.
+        if (size >= bufferBytes / 4) {
+            flush();
             m_file->write(data, size);
-        else
+        } else
             m_buffer.insert(m_buffer.end(), data, data + size);
     } catch (const FileError &) {
         return fail(507, "The service has no room for the upload right now.");

@@ -3,6 +3,7 @@
 #include "service/ClipProbe.h"
 #include "service/CommandLine.h"
 #include "service/DataFolder.h"
+#include "service/InspectionHelper.h"
 #include "service/PosterMaker.h"
 #include "service/ServiceServer.h"
 #include "service/StoreOptions.h"
@@ -163,6 +164,11 @@ int run(const std::vector<std::string> &arguments)
         throw CommandLine::Error("Without --tls-cert and --tls-key the service serves plain HTTP, "
                                  "and then only on 127.0.0.1.");
 
+    // Before the lock, the stores and any thread: the helper takes none of them along.
+    if (!InspectionHelper::start())
+        std::fprintf(stderr,
+                     "vantrel-service: no helper for upload checks; each starts the "
+                     "executable anew\n");
     const int lock = DataFolder::lock(data);
 
     ClipProbe::silenceLibraryLog();
