@@ -125,7 +125,9 @@ for w in $(seq "$clients"); do
     *) first=$(( (RANDOM * 32768 + RANDOM) % (size - 2000000) ))
        printf 'url = "https://127.0.0.1:PORT/files/%s.mp4"\nrange = "%s-%s"\n' "$id" "$first" "$((first + 999999))" >>"$config" ;;
     esac
-    printf 'output = "/dev/null"\nwrite-out = "%%{http_code}\\n"\nnext\n' >>"$config"
+    # (Options hold for one URL each: every block names the certificate again.)
+    printf 'cacert = "%s"\noutput = "/dev/null"\nwrite-out = "%%{http_code}\\n"\n' "$work/cert.pem" >>"$config"
+    [ "$r" -lt "$requests" ] && echo next >>"$config"
   done
 done
 balancer() { # PORT UPSTREAM_PORTS...

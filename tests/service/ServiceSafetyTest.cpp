@@ -221,10 +221,12 @@ TEST(ServiceSafetyTest, KillDuringAnUploadThenRestartLeavesTheStoreConsistent)
     putStored(service, "clips", "strayfile2345.mp4", clip);
     putStored(service, "posters", "strayfile2345.jpg", "jpeg");
 
-    // An upload that trickles in, killed while its bytes are landing in the data folder.
+    // An upload that trickles in, killed while its bytes are landing in the data folder. (Its
+    // body is larger than the front door gathers whole, so that it lands as it comes.)
     std::atomic<bool> sent {false};
     std::thread slow([&] {
-        const std::string body = multipart(boundary, "slow", "s.mp4", "video/mp4", clip);
+        const std::string body = multipart(boundary, "slow", "s.mp4", "video/mp4",
+                                           clip + std::string(256 * 1024, '\0'));
         auto trickle = client(service);
         trickle->Post(
             "/v1/clips", bearer(token), body.size(),
