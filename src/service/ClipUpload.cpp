@@ -70,7 +70,9 @@ bool ClipUpload::onPartHeader(const MultipartStream::Part &part)
         if (part.contentType != "video/mp4")
             return fail(415, "The file must be sent as video/mp4.");
         try {
-            m_file = m_context.files.create(FileKind::clip);
+            // The id is chosen now: a store that sends files away starts as the bytes come.
+            m_clipId = Secrets::randomId(12);
+            m_file = m_context.files.create(FileKind::clip, m_clipId + ".mp4");
         } catch (const FileError &) {
             return fail(507, "The service has no room for the upload right now.");
         }
@@ -205,7 +207,7 @@ ClipUpload::Outcome ClipUpload::store()
         return {415, probe.problem, {}};
 
     ClipRecord clip;
-    clip.id = Secrets::randomId(12);
+    clip.id = m_clipId;
     clip.userId = m_owner.id;
     clip.name = name;
     clip.sizeBytes = static_cast<int64_t>(m_file->size());

@@ -50,6 +50,7 @@ private:
     bool m_sawName = false;
     std::string m_name;
     std::string m_fileName;
+    std::string m_clipId;
     std::unique_ptr<PendingFile> m_file;
     uint64_t m_fileBytes = 0;
     std::vector<char> m_buffer;

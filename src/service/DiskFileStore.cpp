@@ -85,7 +85,7 @@ std::string DiskFileStore::pathOf(FileKind kind, const std::string &key) const
     return folder(kind) + "/" + key;
 }
 
-std::unique_ptr<PendingFile> DiskFileStore::create(FileKind)
+std::unique_ptr<PendingFile> DiskFileStore::create(FileKind, const std::string &)
 {
     return std::make_unique<LocalPendingFile>(m_root + "/tmp", true);
 }

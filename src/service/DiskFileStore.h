@@ -10,7 +10,7 @@ public:
     // Creates the folders when missing; throws FileError.
     explicit DiskFileStore(std::string dataFolder);
 
-    std::unique_ptr<PendingFile> create(FileKind kind) override;
+    std::unique_ptr<PendingFile> create(FileKind kind, const std::string &key) override;
     void commit(std::unique_ptr<PendingFile> file, FileKind kind, const std::string &key) override;
     std::unique_ptr<StoredFile> open(FileKind kind, const std::string &key) override;
     bool exists(FileKind kind, const std::string &key) override;

@@ -64,7 +64,9 @@ class FileStore
 public:
     virtual ~FileStore() = default;
 
-    virtual std::unique_ptr<PendingFile> create(FileKind kind) = 0;
+    // A new pending file, to be committed under `key` (a store that sends files away may start
+    // sending while it is written).
+    virtual std::unique_ptr<PendingFile> create(FileKind kind, const std::string &key) = 0;
     // Makes the pending file visible under `key`, replacing nothing: throws FileError when it
     // cannot be moved into place.
     virtual void commit(std::unique_ptr<PendingFile> file, FileKind kind,

@@ -74,10 +74,10 @@ void PosterMaker::make(const Job &job)
     const std::optional<std::string> jpeg = ClipInspection::makePoster(job.fd, m_budget);
     if (!jpeg)
         return;
-    std::unique_ptr<PendingFile> poster = m_files.create(FileKind::poster);
+    const std::string key = job.clipId + ".jpg";
+    std::unique_ptr<PendingFile> poster = m_files.create(FileKind::poster, key);
     poster->write(jpeg->data(), jpeg->size());
     poster->finish();
-    const std::string key = job.clipId + ".jpg";
     m_files.commit(std::move(poster), FileKind::poster, key);
     m_records.setClipPoster(job.clipId);
     // Deleted while its poster was being made: the deletion may have come before the poster

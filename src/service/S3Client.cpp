@@ -290,6 +290,24 @@ std::string S3Client::createUpload(const std::string &key)
     return uploadId;
 }
 
+std::string S3Client::putPart(const std::string &key, const std::string &uploadId, int number,
+                              int fd, uint64_t offset, uint64_t size)
+{
+    std::unique_ptr<Handle> handle = borrow();
+    prepare(
+        handle->curl,
+        objectUrl(key,
+                  "partNumber=" + std::to_string(number) + "&uploadId=" + encode(uploadId, false)),
+        "PUT");
+    FileSource source {fd, offset, size};
+    Reply reply;
+    const CURLcode code = perform(handle->curl, handle->headers, reply, &source, nullptr);
+    giveBack(std::move(handle));
+    if (code != CURLE_OK || !succeeded(reply) || reply.etag.empty())
+        failed("store a part of", key, reply, code);
+    return reply.etag;
+}
+
 void S3Client::putParts(const std::string &key, const std::string &uploadId, int fd, uint64_t size,
                         std::vector<std::string> &etags)
 {

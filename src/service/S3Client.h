@@ -56,6 +56,14 @@ public:
     // multipart upload of several parts at once for a large one (none of it held in memory).
     // The object appears whole when this returns, or not at all.
     void putFile(const std::string &key, int fd, uint64_t size);
+    // A multipart upload step by step, for a file sent while it is still being written: parts
+    // (of 5 MiB at least, but the last) may go up in any order and at once; the object appears
+    // when the upload is completed with their ETags in order.
+    std::string createUpload(const std::string &key);
+    std::string putPart(const std::string &key, const std::string &uploadId, int number, int fd,
+                        uint64_t offset, uint64_t size);
+    void completeUpload(const std::string &key, const std::string &uploadId,
+                        const std::vector<std::string> &etags);
     void remove(const std::string &key);
     // Every object whose key starts with `prefix`.
     std::vector<Object> list(const std::string &prefix);
@@ -92,11 +100,8 @@ private:
     // Prepares a handle for a signed request to `url`.
     void prepare(CURL *curl, const std::string &url, const char *method) const;
 
-    std::string createUpload(const std::string &key);
     void putParts(const std::string &key, const std::string &uploadId, int fd, uint64_t size,
                   std::vector<std::string> &etags);
-    void completeUpload(const std::string &key, const std::string &uploadId,
-                        const std::vector<std::string> &etags);
 
     const S3Settings m_settings;
     std::mutex m_mutex;

@@ -1,6 +1,6 @@
 #include "service/S3FileStore.h"
 
-#include "service/LocalPendingFile.h"
+#include "service/S3PendingFile.h"
 
 #include <ctime>
 #include <filesystem>
@@ -104,19 +104,18 @@ std::string S3FileStore::objectKey(FileKind kind, const std::string &key) const
     return folderOf(kind) + key;
 }
 
-std::unique_ptr<PendingFile> S3FileStore::create(FileKind)
+std::unique_ptr<PendingFile> S3FileStore::create(FileKind kind, const std::string &key)
 {
-    // The object store keeps the file safe; the local copy only passes through.
-    return std::make_unique<LocalPendingFile>(m_tmp, false);
+    return std::make_unique<S3PendingFile>(m_client, m_tmp, objectKey(kind, key));
 }
 
 void S3FileStore::commit(std::unique_ptr<PendingFile> file, FileKind kind, const std::string &key)
 {
-    auto *pending = dynamic_cast<LocalPendingFile *>(file.get());
-    if (!pending)
-        throw FileError("Not a pending file of this store");
+    auto *pending = dynamic_cast<S3PendingFile *>(file.get());
+    if (!pending || pending->objectKey() != objectKey(kind, key))
+        throw FileError("Not a pending file of this store, or not for " + key);
     // Keys are new ids, never reused: nothing is replaced.
-    m_client.putFile(objectKey(kind, key), pending->fd(), pending->size());
+    pending->send();
 }
 
 std::unique_ptr<StoredFile> S3FileStore::open(FileKind kind, const std::string &key)

@@ -16,7 +16,7 @@ public:
     // `localFolder` holds the pending files (its tmp/ folder). Throws FileError.
     S3FileStore(S3Settings settings, std::string prefix, std::string localFolder);
 
-    std::unique_ptr<PendingFile> create(FileKind kind) override;
+    std::unique_ptr<PendingFile> create(FileKind kind, const std::string &key) override;
     void commit(std::unique_ptr<PendingFile> file, FileKind kind, const std::string &key) override;
     std::unique_ptr<StoredFile> open(FileKind kind, const std::string &key) override;
     bool exists(FileKind kind, const std::string &key) override;

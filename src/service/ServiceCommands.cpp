@@ -184,7 +184,8 @@ int releaseAdd(const Arguments &arguments)
     std::ifstream in(archive, std::ios::binary);
     if (!in)
         throw std::runtime_error("Cannot read " + archive + ".");
-    std::unique_ptr<PendingFile> copy = stores.files->create(FileKind::release);
+    const std::string fileName = ReleaseVersion::archiveName(version);
+    std::unique_ptr<PendingFile> copy = stores.files->create(FileKind::release, fileName);
     std::vector<char> buffer(1 << 20);
     while (in.read(buffer.data(), std::streamsize(buffer.size())) || in.gcount() > 0)
         copy->write(buffer.data(), size_t(in.gcount()));
@@ -195,7 +196,7 @@ int releaseAdd(const Arguments &arguments)
     ReleaseRecord release;
     release.version = version;
     release.notes = *notes;
-    release.fileName = ReleaseVersion::archiveName(version);
+    release.fileName = fileName;
     release.signatureBase64 = Secrets::base64(signature);
     release.sizeBytes = int64_t(copy->size());
     release.createdAt = unixNow();
