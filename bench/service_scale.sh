@@ -75,16 +75,28 @@ shared_url="https://127.0.0.1:$one_port/files/$(id_of "$work/one.json").mp4"
 
 echo "service_scale: $(mb "$size") MB clip over TLS on 127.0.0.1, $runs runs alternating; load $(cut -d' ' -f1-3 /proc/loadavg)"
 download() { fetch -o /dev/null -w '%{speed_download}\n' "$1"; }
+rgw_pid=$(cat "$work/s3/run/rgw.pid") osd_pid=$(cat "$work/s3/run/osd.pid")
+# cpu SIDE KIND COMMAND...: runs the command and adds the CPU it cost the service, the gateway
+# and the OSD (clock ticks) to $work/cpu-SIDE-KIND.txt.
+cpu() {
+  local side=$1 kind=$2 service=$disk_pid; shift 2
+  [ "$side" = shared ] && service=$one_pid
+  local s0 r0 o0
+  s0=$(ticks "$service") r0=$(ticks "$rgw_pid") o0=$(ticks "$osd_pid")
+  "$@"
+  echo "$(( $(ticks "$service") - s0 )) $(( $(ticks "$rgw_pid") - r0 )) $(( $(ticks "$osd_pid") - o0 ))" \
+    >>"$work/cpu-$side-$kind.txt"
+}
 for side in disk shared; do : >"$work/down-$side.txt"; : >"$work/up-$side.txt"; done
 for run in $(seq "$runs"); do
   order="disk shared"; [ $((run % 2)) -eq 0 ] && order="shared disk"
   for side in $order; do
     if [ "$side" = disk ]; then
-      download "$disk_url" >>"$work/down-disk.txt"
-      upload "https://127.0.0.1:$disk_port" "$disk_token" "$work/big.mp4" /dev/null >>"$work/up-disk.txt"
+      cpu disk down eval 'download "$disk_url" >>"$work/down-disk.txt"'
+      cpu disk up eval 'upload "https://127.0.0.1:$disk_port" "$disk_token" "$work/big.mp4" /dev/null >>"$work/up-disk.txt"'
     else
-      download "$shared_url" >>"$work/down-shared.txt"
-      upload "https://127.0.0.1:$one_port" "$shared_token" "$work/big.mp4" /dev/null >>"$work/up-shared.txt"
+      cpu shared down eval 'download "$shared_url" >>"$work/down-shared.txt"'
+      cpu shared up eval 'upload "https://127.0.0.1:$one_port" "$shared_token" "$work/big.mp4" /dev/null >>"$work/up-shared.txt"'
     fi
   done
 done
@@ -97,6 +109,20 @@ printf 'download: SQLite + disk %s MB/s, PostgreSQL + S3 %s MB/s, ratio %s\n' \
   "$(mb "$down_disk")" "$(mb "$down_shared")" "$down_ratio"
 printf 'upload:   SQLite + disk %s MB/s, PostgreSQL + S3 %s MB/s, ratio %s\n' \
   "$(mb "$up_disk")" "$(mb "$up_shared")" "$up_ratio"
+
+# Where the time goes: the CPU one transfer of the clip costs each process (medians, ms).
+for kind in down up; do
+  for side in disk shared; do
+    ms() { cut -d' ' -f"$1" "$work/cpu-$side-$kind.txt" | median | awk -v hz="$hz" '{printf "%d", $1 * 1000 / hz}'; }
+    service=$(ms 1) gateway=$(ms 2) osd=$(ms 3)
+    if [ "$side" = disk ]; then
+      printf '  CPU of one %sload on SQLite + disk: the service %s ms\n' "$kind" "$service"
+    else
+      printf '  CPU of one %sload on PostgreSQL + S3: the service %s ms, the gateway %s ms, the OSD %s ms\n' \
+        "$kind" "$service" "$gateway" "$osd"
+    fi
+  done
+done
 
 # Where the time goes on the shared stores: the gateway alone (curl signing as the service
 # does, from the same file), against the service's own figures.
