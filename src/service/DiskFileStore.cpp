@@ -68,15 +68,7 @@ DiskFileStore::DiskFileStore(std::string dataFolder)
 
 std::string DiskFileStore::folder(FileKind kind) const
 {
-    switch (kind) {
-    case FileKind::clip:
-        return m_root + "/clips";
-    case FileKind::poster:
-        return m_root + "/posters";
-    case FileKind::release:
-        return m_root + "/releases";
-    }
-    return m_root + "/tmp";
+    return m_root + "/" + folderName(kind);
 }
 
 std::string DiskFileStore::pathOf(FileKind kind, const std::string &key) const

@@ -6,3 +6,16 @@ void FileStore::checkKey(const std::string &key)
         key.front() == '.')
         throw FileError("Not a file key: " + key);
 }
+
+const char *FileStore::folderName(FileKind kind)
+{
+    switch (kind) {
+    case FileKind::clip:
+        return "clips";
+    case FileKind::poster:
+        return "posters";
+    case FileKind::release:
+        return "releases";
+    }
+    return "tmp";
+}

@@ -84,4 +84,6 @@ public:
     // Keys are made by the service itself; this refuses anything that could leave the store's
     // folder (or prefix) all the same. Throws FileError.
     static void checkKey(const std::string &key);
+    // The folder (or prefix) a kind of file is kept in: "clips", "posters", "releases".
+    static const char *folderName(FileKind kind);
 };

@@ -25,16 +25,26 @@ struct Request
     int poster;
 };
 
-bool sendRequest(int socket, const Request &request, int fd, int reply)
+// A request and its two descriptors, as one message on the socket.
+struct Message
 {
-    iovec data {const_cast<Request *>(&request), sizeof request};
+    explicit Message(Request *request)
+        : data {request, sizeof(Request)}
+    {
+        header.msg_iov = &data;
+        header.msg_iovlen = 1;
+        header.msg_control = control;
+        header.msg_controllen = sizeof control;
+    }
+    iovec data;
     char control[CMSG_SPACE(2 * sizeof(int))] = {};
-    msghdr message {};
-    message.msg_iov = &data;
-    message.msg_iovlen = 1;
-    message.msg_control = control;
-    message.msg_controllen = sizeof control;
-    cmsghdr *header = CMSG_FIRSTHDR(&message);
+    msghdr header {};
+};
+
+bool sendRequest(int socket, Request request, int fd, int reply)
+{
+    Message message(&request);
+    cmsghdr *header = CMSG_FIRSTHDR(&message.header);
     header->cmsg_level = SOL_SOCKET;
     header->cmsg_type = SCM_RIGHTS;
     header->cmsg_len = CMSG_LEN(2 * sizeof(int));
@@ -42,7 +52,7 @@ bool sendRequest(int socket, const Request &request, int fd, int reply)
     std::memcpy(CMSG_DATA(header), fds, sizeof fds);
     ssize_t sent = 0;
     do
-        sent = ::sendmsg(socket, &message, MSG_NOSIGNAL);
+        sent = ::sendmsg(socket, &message.header, MSG_NOSIGNAL);
     while (sent < 0 && errno == EINTR);
     return sent == ssize_t(sizeof request);
 }
@@ -54,19 +64,13 @@ bool sendRequest(int socket, const Request &request, int fd, int reply)
     std::signal(SIGCHLD, SIG_IGN);
     for (;;) {
         Request request {};
-        iovec data {&request, sizeof request};
-        char control[CMSG_SPACE(2 * sizeof(int))] = {};
-        msghdr message {};
-        message.msg_iov = &data;
-        message.msg_iovlen = 1;
-        message.msg_control = control;
-        message.msg_controllen = sizeof control;
-        const ssize_t got = ::recvmsg(socket, &message, MSG_CMSG_CLOEXEC);
+        Message message(&request);
+        const ssize_t got = ::recvmsg(socket, &message.header, MSG_CMSG_CLOEXEC);
         if (got < 0 && errno == EINTR)
             continue;
         if (got <= 0)
             ::_exit(0);
-        const cmsghdr *header = CMSG_FIRSTHDR(&message);
+        const cmsghdr *header = CMSG_FIRSTHDR(&message.header);
         if (got != ssize_t(sizeof request) || !header || header->cmsg_type != SCM_RIGHTS ||
             header->cmsg_len != CMSG_LEN(2 * sizeof(int)))
             continue;

@@ -71,10 +71,8 @@ void copyFile(DiskFileStore &from, S3FileStore &to, FileKind kind, const std::st
     const std::unique_ptr<StoredFile> source = from.open(kind, key);
     if (!source)
         throw FileError("cannot open " + key);
-    const std::string folder = kind == FileKind::clip ? "clips"
-        : kind == FileKind::poster                    ? "posters"
-                                                      : "releases";
-    const int fd = ::open((data + "/" + folder + "/" + key).c_str(), O_RDONLY | O_CLOEXEC);
+    const int fd = ::open((data + "/" + FileStore::folderName(kind) + "/" + key).c_str(),
+                          O_RDONLY | O_CLOEXEC);
     if (fd < 0)
         throw FileError("cannot open " + key);
     try {

@@ -87,15 +87,7 @@ S3FileStore::S3FileStore(S3Settings settings, std::string prefix, std::string lo
 
 std::string S3FileStore::folderOf(FileKind kind) const
 {
-    switch (kind) {
-    case FileKind::clip:
-        return m_prefix + "clips/";
-    case FileKind::poster:
-        return m_prefix + "posters/";
-    case FileKind::release:
-        return m_prefix + "releases/";
-    }
-    return m_prefix;
+    return m_prefix + folderName(kind) + "/";
 }
 
 std::string S3FileStore::objectKey(FileKind kind, const std::string &key) const
