@@ -1,6 +1,6 @@
 #include "app/DashboardStyle.h"
 
-#include "promo/Palette.h"
+#include "core/Palette.h"
 
 #include <QMouseEvent>
 #include <QPainter>
@@ -139,6 +139,15 @@ QLabel *keyChip(int pixelSize, QWidget *parent)
                        " border-radius: 6px; padding: 3px 8px; }")
             .arg(rgba(Palette::white(0.06)), rgba(Palette::white(0.18))));
     return chip;
+}
+
+QLabel *microphoneNote(QWidget *parent)
+{
+    QLabel *note = label(QStringLiteral("Stop recording to change the microphone."), 12,
+                         QFont::Normal, Palette::white(0.5), parent);
+    note->setObjectName(QStringLiteral("microphoneNote"));
+    note->setWordWrap(true);
+    return note;
 }
 
 } // namespace DashboardStyle

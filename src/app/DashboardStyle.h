@@ -39,6 +39,11 @@ void restyle(QPushButton *button, Look look, const QColor &textColor, int pixelS
 // The key chip: the clip key's name in a bordered box.
 QLabel *keyChip(int pixelSize, QWidget *parent = nullptr);
 
+// The line beside the microphone switches while recording: why they do not move. (The
+// microphone is a track of the replay; changing it would leave the replay with a track that
+// covers only part of it, so it changes between recordings.)
+QLabel *microphoneNote(QWidget *parent = nullptr);
+
 } // namespace DashboardStyle
 
 // A rounded rectangle in the card colour; clicking its body emits `clicked` when it is

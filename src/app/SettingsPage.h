@@ -42,7 +42,9 @@ private:
     QPushButton *m_change = nullptr;
     QLabel *m_keyNote = nullptr;
     ToggleSwitch *m_login = nullptr;
+    QLabel *m_loginNote = nullptr;
     ToggleSwitch *m_mic = nullptr;
+    QLabel *m_micNote = nullptr;
     QLabel *m_memory = nullptr;
     QVBoxLayout *m_account = nullptr;
     // Only while the page is on screen: the replay's size grows for a while after arming.

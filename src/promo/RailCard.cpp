@@ -1,7 +1,7 @@
 #include "promo/RailCard.h"
 
 #include "cloud/SharedNetwork.h"
-#include "promo/Palette.h"
+#include "core/Palette.h"
 
 #include <QFontMetrics>
 #include <QNetworkAccessManager>

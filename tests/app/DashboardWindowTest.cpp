@@ -1,10 +1,15 @@
-// The dashboard window made by the real delegate: one window for the program's life, kept where
+// The dashboard window made by the real shell: one window for the program's life, kept where
 // the user left it, with the main menu, hiding on close.
 
 #include "app/DashboardWindow.h"
-#include "app/AppDelegate.h"
 #include "app/AppModel.h"
+#include "app/AppShell.h"
+#include "app/ArmingController.h"
+#include "app/ClipLibrary.h"
+#include "app/ClipSaver.h"
+#include "app/DashboardActions.h"
 #include "app/DashboardView.h"
+#include "app/TrayIcon.h"
 #include "core/Preferences.h"
 
 #include "support/TestEnvironment.h"
@@ -49,9 +54,9 @@ QStringList menuTitles(const QMenuBar *bar)
 
 TEST_F(DashboardWindowTest, OneWindowKeptWhereTheUserLeftIt)
 {
-    AppDelegate delegate;
-    ASSERT_TRUE(delegate.applicationDidFinishLaunching({}));
-    DashboardWindow *window = delegate.window();
+    AppShell shell;
+    ASSERT_TRUE(shell.launch({}));
+    DashboardWindow *window = shell.window();
     ASSERT_NE(window, nullptr) << "the window opens at launch";
     ASSERT_TRUE(waitUntil([window] { return window->isVisible(); }));
     EXPECT_EQ(window->windowTitle(), QStringLiteral("Vantrel"));
@@ -77,10 +82,10 @@ TEST_F(DashboardWindowTest, OneWindowKeptWhereTheUserLeftIt)
     ASSERT_TRUE(waitUntil([&] { return window->geometry() == left; }));
     window->close();
     ASSERT_TRUE(waitUntil([window] { return !window->isVisible(); }));
-    EXPECT_EQ(delegate.window(), window) << "closing only hides it";
+    EXPECT_EQ(shell.window(), window) << "closing only hides it";
 
-    delegate.showDashboard();
-    EXPECT_EQ(delegate.window(), window);
+    shell.showWindow();
+    EXPECT_EQ(shell.window(), window);
     ASSERT_TRUE(waitUntil([window] { return window->isVisible(); }));
     EXPECT_EQ(window->geometry(), left);
 

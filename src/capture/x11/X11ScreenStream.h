@@ -1,6 +1,6 @@
 #pragma once
 
-#include "capture/ScreenStream.h"
+#include "capture/AudioScreenStream.h"
 
 #include <atomic>
 #include <cstdint>
@@ -9,7 +9,6 @@
 #include <thread>
 
 class PixelBufferPool;
-class PulseAudioCapture;
 class QueueDelivery;
 class X11FrameGrabber;
 
@@ -17,12 +16,12 @@ class X11FrameGrabber;
 // configured rate from the monotonic clock (frame n is due at start + n / fps, so the rate never
 // drifts); at each tick it grabs the monitor if XDamage or the pointer says something changed
 // (cursor drawn in, scaled to the capture size, delivered as I420) and otherwise delivers an idle
-// frame at almost no cost. Audio comes from PulseAudioCapture.
+// frame at almost no cost. Audio comes from the audio server (AudioScreenStream).
 //
 // The stream ends itself with a message to the stop handler, once, when the X connection dies,
 // the monitor disappears or the audio server goes away; the stop handler runs on the capture
 // thread and must not destroy the stream (stopping it is fine).
-class X11ScreenStream final : public ScreenStream
+class X11ScreenStream final : public AudioScreenStream
 {
 public:
     // A config without a size captures at the display's own size. `displayName` empty: DISPLAY.
@@ -31,12 +30,14 @@ public:
     ~X11ScreenStream() override;
 
     void addScreenOutput(SerialQueue &queue, FrameHandler handler) override;
-    void addAudioOutput(StreamOutputType type, SerialQueue &queue, AudioHandler handler) override;
     void setStopHandler(StopHandler handler) override;
     void startCapture(StartCompletion completion) override;
     void stopCapture() override;
 
     Stats stats() const override;
+
+protected:
+    bool hasStarted() const override;
 
 private:
     void run(StartCompletion completion);
@@ -62,7 +63,6 @@ private:
     // Set up before startCapture() and only read afterwards.
     FrameHandler m_frameHandler;
     std::unique_ptr<QueueDelivery> m_screen;
-    std::unique_ptr<PulseAudioCapture> m_audio;
     StopHandler m_stopHandler;
 
     std::thread m_thread;
