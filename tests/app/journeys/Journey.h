@@ -45,6 +45,19 @@ protected:
         ADD_FAILURE() << "no visible " << name.toStdString();
         return nullptr;
     }
+    // Waits until the window shows a widget of this name (new rows appear after a queued layout).
+    bool waitForVisible(const QString &name,
+                        std::chrono::milliseconds timeout = std::chrono::seconds(5))
+    {
+        return waitFor(
+            [&] {
+                for (QWidget *widget : window()->findChildren<QWidget *>(name))
+                    if (widget->isVisible())
+                        return true;
+                return false;
+            },
+            timeout);
+    }
     // Clicks it as a user does; fails when it is hidden or disabled.
     void click(const QString &name);
     // Runs the program's event loop until `done`, for at most `timeout`.

@@ -68,13 +68,13 @@ TEST_F(Journey, TheClipKeySavesIntoTheLibraryAndHome)
 
     // The save shows the Library, with the clip and the outcome on the page itself.
     EXPECT_EQ(shell().model().tab(), AppModel::Tab::library);
-    EXPECT_NE(find(QStringLiteral("clipRow:") + clips[0]), nullptr);
+    EXPECT_TRUE(waitForVisible(QStringLiteral("clipRow:") + clips[0]));
     EXPECT_EQ(find<QLabel>(QStringLiteral("clipCount"))->text(),
               QStringLiteral("1 clip · full quality"));
     EXPECT_EQ(find<QLabel>(QStringLiteral("libraryStatus"))->text(),
               QStringLiteral("Saved. Sign in to share a link."));
     click(QStringLiteral("tabHome"));
-    EXPECT_NE(find(QStringLiteral("clipRow:") + clips[0]), nullptr) << "Home's latest clip";
+    EXPECT_TRUE(waitForVisible(QStringLiteral("clipRow:") + clips[0])) << "Home's latest clip";
 }
 
 TEST_F(Journey, ClipLengthsChangeTheSaveAndAreKept)

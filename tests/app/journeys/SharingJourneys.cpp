@@ -51,6 +51,7 @@ TEST_F(Journey, EveryClipRowButtonWorksAndALinkOutlivesARestart)
     launch();
     ASSERT_TRUE(waitFor([&] { return AccountStore::shared().profile().has_value(); }));
     click(QStringLiteral("tabLibrary"));
+    ASSERT_TRUE(waitForVisible(row));
     QWidget *clip = find(row);
     ASSERT_NE(clip, nullptr);
 
@@ -68,6 +69,7 @@ TEST_F(Journey, EveryClipRowButtonWorksAndALinkOutlivesARestart)
     quit();
     launch();
     click(QStringLiteral("tabLibrary"));
+    ASSERT_TRUE(waitForVisible(row));
     clip = find(row);
     ASSERT_NE(clip, nullptr);
     EXPECT_FALSE(clip->findChild<QWidget *>(QStringLiteral("share"))->isVisible());
@@ -141,6 +143,7 @@ TEST_F(Journey, OpeningWithoutAFileManagerOrPlayerSaysWhereTheFilesAre)
     EXPECT_TRUE(line->textInteractionFlags() & Qt::TextSelectableByMouse)
         << "the path can be copied";
 
+    ASSERT_TRUE(waitForVisible(QStringLiteral("clipRow:") + QFileInfo(path).fileName()));
     click(QStringLiteral("clipRow:") + QFileInfo(path).fileName());
     ASSERT_TRUE(
         waitForStatus(QStringLiteral("No video player opened the clip. It is %1").arg(path), 30s))
@@ -174,7 +177,8 @@ TEST_F(Journey, SignInThroughTheDevicePageThenSignOut)
     browser.evaluate("document.querySelector('input[name=email]').value = '" + email.toStdString() +
                      "'; document.querySelector('input[name=password]').value = 'pw-device'; "
                      "document.querySelector('form').submit(); true");
-    ASSERT_TRUE(browser.waitUntil("document.body.innerText.includes('Vantrel is signed in')"));
+    ASSERT_TRUE(browser.waitUntil(
+        "document.body != null && document.body.innerText.includes('Vantrel is signed in')"));
     // The page's way back to the program: a vantrel:// link, which a second launch hands over.
     run(QStringLiteral(VANTREL_BINARY), {QStringLiteral("vantrel://auth?code=") + code});
     ASSERT_TRUE(waitForStatus(QStringLiteral("Signed in."), 20s))
