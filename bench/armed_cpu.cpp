@@ -2,18 +2,20 @@
 // server the environment names, and reports what it cost over a measured stretch. The wrapper
 // bench/armed_cpu.sh sets up the servers, the moving screen, the tone and the FFmpeg peer.
 //
-//   bench_armed_cpu [--seconds N] [--settle S] [--clip-length L] [--save]
+//   bench_armed_cpu [--seconds N] [--settle S] [--clip-length L] [--save] [--export-nice N]
 //
 // Prints one line of key=value figures:
 //   cpu      percent of one core this process used over the measured stretch
-//   fps      frames the stream delivered per second (idle ones included)
+//   fps      frames the stream delivered per second (repeats of a still screen included)
 //   encoded  frames per second handed to the encoder (complete ones)
 //   rss_mb, payload_mb, buffered_s   resident memory, the bytes the replay buffer holds, its span
 // With --save, a clip of the clip length is saved half way through the stretch, and the line
-// also has save_s (how long the save took), skipped and late (the capture's own counts of frames
-// it did not deliver while the save ran), lost (frames missing from the capture while it ran,
-// from the gaps between the stored frames' capture times), lost_before (the same for as long
-// just before it, for comparison) and the clip's path.
+// also has save_threads (each thread's CPU while the save ran, in ms), save_s (how long the save
+// took), skipped and late (the capture's own counts of frames it did not deliver while the save
+// ran), lost (frames missing from the capture while it ran, from the gaps between the stored
+// frames' capture times), lost_before (the same for as long just before it, for comparison) and
+// the clip's path. --export-nice runs the save's thread at another niceness (it takes 10 itself),
+// to compare.
 //
 //   bench_armed_cpu --floor [--seconds N]
 //
@@ -28,12 +30,15 @@
 #include "core/SerialQueue.h"
 #include "engine/ClipEngine.h"
 #include "media/MonotonicClock.h"
+#include "replay/ClipExport.h"
 #include "replay/FrameConverter.h"
 #include "replay/VideoEncoder.h"
 
 #include <QCoreApplication>
 
 #include <malloc.h>
+#include <sys/resource.h>
+#include <sys/syscall.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -99,6 +104,15 @@ int64_t lostFrames(ReplayBuffer &buffer, int64_t fromNanos, int64_t toNanos)
         previous = &frame;
     }
     return lost;
+}
+
+// For comparing a save's cost at another priority: the export queue's thread set to `niceness`
+// after it has set its own.
+void setExportNiceness(int niceness)
+{
+    SerialQueue &queue = ClipExport::exportQueue();
+    queue.sync([] {});
+    queue.sync([niceness] { setpriority(PRIO_PROCESS, pid_t(syscall(SYS_gettid)), niceness); });
 }
 
 void sleepSeconds(double seconds)
@@ -199,6 +213,7 @@ int main(int argc, char **argv)
     double clipLength = 30;
     bool save = false;
     bool floor = false;
+    std::optional<int> exportNice;
     for (int i = 1; i < argc; ++i) {
         const std::string arg = argv[i];
         const bool hasValue = i + 1 < argc;
@@ -212,6 +227,8 @@ int main(int argc, char **argv)
             save = true;
         else if (arg == "--floor")
             floor = true;
+        else if (arg == "--export-nice" && hasValue)
+            exportNice = std::stoi(argv[++i]);
         else {
             std::fprintf(stderr, "bench_armed_cpu: unknown argument %s\n", arg.c_str());
             return 2;
@@ -222,6 +239,8 @@ int main(int argc, char **argv)
     if (floor)
         return floorRun(seconds);
     ClipSettings::setMaxDuration(clipLength);
+    if (exportNice)
+        setExportNiceness(*exportNice);
     ClipEngine engine;
     try {
         engine.start().waitForFinished();
@@ -242,6 +261,7 @@ int main(int argc, char **argv)
     if (save) {
         sleepSeconds(seconds / 2);
         const ScreenStream::Stats before = engine.captureStats();
+        const std::map<std::string, double> threadsBefore = bench::threadCpuSeconds();
         const int64_t saveFrom = monotonicNanoseconds();
         QString clip;
         try {
@@ -252,6 +272,18 @@ int main(int argc, char **argv)
         }
         const int64_t saveTo = monotonicNanoseconds();
         const ScreenStream::Stats after = engine.captureStats();
+        // Where the save's CPU went, thread by thread, in milliseconds.
+        std::string saveThreads = " save_threads=";
+        for (const auto &[name, cpu] : bench::threadCpuSeconds()) {
+            const auto was = threadsBefore.find(name);
+            const double ms = (cpu - (was == threadsBefore.end() ? 0 : was->second)) * 1000;
+            if (ms >= 1) {
+                std::string tidy = name;
+                std::replace(tidy.begin(), tidy.end(), ' ', '_');
+                saveThreads += (saveThreads.back() == '=' ? "" : ",") + tidy + ":" +
+                    std::to_string(std::lround(ms));
+            }
+        }
         sleepSeconds(0.5); // the frames of the save's last moments leave the encoder
         const int64_t span = saveTo - saveFrom;
         char text[300];
@@ -262,7 +294,7 @@ int main(int argc, char **argv)
                       (long long)lostFrames(engine.buffer(), saveFrom, saveTo),
                       (long long)lostFrames(engine.buffer(), saveFrom - span, saveFrom),
                       clip.toUtf8().constData());
-        saveFigures = text;
+        saveFigures = saveThreads + text;
         const double left = seconds - bench::secondsSince(t0);
         if (left > 0)
             sleepSeconds(left);

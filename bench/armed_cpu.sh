@@ -1,8 +1,9 @@
 #!/usr/bin/env bash
 # Cost of an armed engine against FFmpeg's own x11grab capture, side by side on a private Xvfb
 # at 1920x1080 with a moving screen and a tone playing: the CPU of each process alone (the X
-# server apart), the frames per second each delivers, and the ratio, as medians of alternating
-# runs, with the encoder alone on the same frames (the floor) beside them. Then, for the engine
+# server apart), the frames per second each delivers, and the ratio of their CPU per delivered
+# frame, as medians of alternating runs, with the encoder alone on the same frames (the floor)
+# beside them, so that a slow machine shows as slow rather than as a bad ratio. Then, for the engine
 # alone: a still screen, the memory of a full 120 s buffer against the payload it holds, and the
 # frames the capture lost while a 30 s clip is saved mid-capture.
 #
@@ -67,16 +68,23 @@ theirs=$(field cpu <"$work/peer.txt" | median)
 theirs_fps=$(field fps <"$work/peer.txt" | median)
 floor=$(field cpu <"$work/floor.txt" | median)
 floor_fps=$(field fps <"$work/floor.txt" | median)
-ratio=$(awk -v a="$ours" -v b="$theirs" 'BEGIN {printf "%.2f", (b > 0) ? a / b : 99}')
-over_floor=$(awk -v a="$ours" -v b="$floor" 'BEGIN {printf "%.2f", (b > 0) ? a / b : 99}')
-# When the machine is too busy for either side to hold 60 frames per second, the percentages
-# compare unequal work; the cost per delivered frame is shown beside them.
-per_frame=$(awk -v a="$ours" -v af="$ours_fps" -v b="$theirs" -v bf="$theirs_fps" \
-  'BEGIN {printf "%.2f", (b > 0 && af > 0 && bf > 0) ? (a / af) / (b / bf) : 99}')
-printf 'moving screen: engine %.1f %% of a core at %.1f frames/s, ffmpeg x11grab %.1f %% at %.1f frames/s, ratio %s (per delivered frame %s)\n' \
-  "$ours" "$ours_fps" "$theirs" "$theirs_fps" "$ratio" "$per_frame"
-printf 'floor: the encoder alone on the same frames %.1f %% at %.1f frames/s; the engine costs %sx that\n' \
-  "$floor" "$floor_fps" "$over_floor"
+# The figures are CPU per delivered frame: a machine too busy (or too slow) for a side to hold
+# 60 frames a second makes it do less work, and its percentage alone would flatter it. Each run's
+# cost per frame first, then the median of those.
+# Milliseconds of CPU per frame: percent of a core over frames a second, times ten.
+per_frame() { awk '{ c = $0; sub(/.*cpu=/, "", c); sub(/ .*/, "", c); f = $0; sub(/.*fps=/, "", f); sub(/ .*/, "", f); if (f > 0) print c * 10 / f }'; }
+ours_pf=$(per_frame <"$work/engine.txt" | median)
+theirs_pf=$(per_frame <"$work/peer.txt" | median)
+floor_pf=$(per_frame <"$work/floor.txt" | median)
+ratio=$(awk -v a="$ours_pf" -v b="$theirs_pf" 'BEGIN {printf "%.2f", (b > 0) ? a / b : 99}')
+over_floor=$(awk -v a="$ours_pf" -v b="$floor_pf" 'BEGIN {printf "%.2f", (b > 0) ? a / b : 99}')
+# Where the encoder alone cannot hold 60 frames a second, neither can anything that runs it: the
+# frame rate is then not the engine's to answer for, and the line says the machine is slow.
+floor_keeps_up=$(awk -v f="$floor_fps" 'BEGIN {print (f >= 59.4) ? 1 : 0}')
+printf 'moving screen: engine %.1f %% of a core at %.1f frames/s, ffmpeg x11grab %.1f %% at %.1f frames/s; per delivered frame %.2f ms against %.2f ms of CPU, ratio %s\n' \
+  "$ours" "$ours_fps" "$theirs" "$theirs_fps" "$ours_pf" "$theirs_pf" "$ratio"
+printf 'floor: the encoder alone on the same frames %.1f %% at %.1f frames/s%s; the engine costs %sx that per frame\n' \
+  "$floor" "$floor_fps" "$([ "$floor_keeps_up" = 1 ] || echo ' (this machine is too slow for 60: the frame rate bar is waived)')" "$over_floor"
 
 motion --still
 : >"$work/still.txt"
@@ -102,8 +110,8 @@ printf '30 s save mid-capture: took %s s; the capture skipped %s and missed %s t
   "$(echo "$saved" | field save_s)" "$skipped" "$late" "$(echo "$saved" | field lost)" \
   "$(echo "$saved" | field lost_before)" "$frames"
 
-pass=$(awk -v r="$ratio" -v o="$over_floor" -v f="$ours_fps" -v s="$still" -v m="$rss" -v p="$payload" -v l="$lost" \
-  'BEGIN {print (r <= 0.7 && o <= 1.3 && f >= 59.4 && s <= 3 && m <= p + 100 && l == 0) ? "PASS" : "FAIL"}')
-printf 'armed_cpu: %sx ffmpeg (%.1f %% vs %.1f %%), %sx the encoder alone (%.1f %%), %.1f frames/s, still %.1f %%, %.0f MB for %.0f MB payload, %s lost in a 30 s save (target <= 0.7x ffmpeg, <= 1.3x the encoder alone, >= 59.4 frames/s, still <= 3 %%, <= payload + 100 MB, 0 lost) %s\n' \
-  "$ratio" "$ours" "$theirs" "$over_floor" "$floor" "$ours_fps" "$still" "$rss" "$payload" "$lost" "$pass"
+pass=$(awk -v r="$ratio" -v o="$over_floor" -v f="$ours_fps" -v k="$floor_keeps_up" -v s="$still" -v m="$rss" -v p="$payload" -v l="$lost" \
+  'BEGIN {print (r <= 0.7 && o <= 1.3 && (f >= 59.4 || !k) && s <= 2 && m <= p + 80 && l == 0) ? "PASS" : "FAIL"}')
+printf 'armed_cpu: %sx ffmpeg per delivered frame (%.1f %% at %.1f frames/s vs %.1f %% at %.1f), %sx the encoder alone (%.1f %% at %.1f frames/s), still %.1f %%, %.0f MB for %.0f MB payload, %s lost in a 30 s save (target <= 0.7x ffmpeg, <= 1.3x the encoder alone, >= 59.4 frames/s where the encoder alone keeps up, still <= 2 %%, <= payload + 80 MB, 0 lost) %s\n' \
+  "$ratio" "$ours" "$ours_fps" "$theirs" "$theirs_fps" "$over_floor" "$floor" "$floor_fps" "$still" "$rss" "$payload" "$lost" "$pass"
 [ "$pass" = PASS ]

@@ -41,11 +41,22 @@ ArmingController::ArmingController(ClipEngine &engine, AppModel &model, ClipLibr
             },
             Qt::QueuedConnection);
     });
+    // The capture losing frames for more than a moment: said while it records.
+    m_engine.setOnFallingBehind([self](double heldFps, int fps, int height) {
+        QMetaObject::invokeMethod(
+            self,
+            [self, text = StatusTexts::forFallingBehind(heldFps, fps, height)] {
+                if (self && self->m_state == State::armed)
+                    self->m_model.setStatus(text);
+            },
+            Qt::QueuedConnection);
+    });
 }
 
 ArmingController::~ArmingController()
 {
     m_engine.setOnStopped({});
+    m_engine.setOnFallingBehind({});
 }
 
 QString ArmingController::armedStatus() const

@@ -6,9 +6,11 @@
 #include "app/DashboardStyle.h"
 #include "app/StatusLine.h"
 #include "app/StatusTexts.h"
+#include "core/ClipSettings.h"
 #include "core/Palette.h"
 
 #include <QHBoxLayout>
+#include <QPushButton>
 #include <QVBoxLayout>
 
 #include <cmath>
@@ -113,6 +115,7 @@ SettingsPage::SettingsPage(AppModel &model, const DashboardCallbacks &callbacks,
     });
     m_micNote = microphoneNote(this);
     page->addWidget(switchRow(QStringLiteral("Record microphone"), m_mic, m_micNote, this));
+    page->addWidget(qualityRow());
     m_memory = label(QString(), 12, QFont::Normal, Palette::white(0.5), this);
     m_memory->setObjectName(QStringLiteral("replayMemory"));
     m_memory->setWordWrap(true);
@@ -139,6 +142,54 @@ SettingsPage::SettingsPage(AppModel &model, const DashboardCallbacks &callbacks,
     refreshKey();
     refreshToggles();
     refreshMemory();
+}
+
+// The recording quality: full, or half the pixels a second for a computer that cannot keep up
+// (the status line says when it does not), either as fluid motion or as sharp text. Read at the
+// next arming, like the microphone.
+QWidget *SettingsPage::qualityRow()
+{
+    auto *card = new Card(this);
+    auto *column = new QVBoxLayout(card);
+    column->setContentsMargins(12, 10, 12, 10);
+    column->setSpacing(8);
+    column->addWidget(label(QStringLiteral("Quality"), 13, QFont::Normal, Qt::white, card));
+    auto *choices = new QHBoxLayout;
+    choices->setSpacing(8);
+    const std::pair<CaptureQuality, QString> offered[] = {
+        {CaptureQuality::full, QStringLiteral("1080p, 60 fps")},
+        {CaptureQuality::smooth720p60, QStringLiteral("Smooth: 720p, 60 fps")},
+        {CaptureQuality::sharp1080p30, QStringLiteral("Sharp: 1080p, 30 fps")}};
+    for (const auto &[quality, text] : offered) {
+        auto *choice = button(text, QStringLiteral("quality") + quality.text(), Look::pill,
+                              Palette::white(0.8), 12, card);
+        connect(choice, &QPushButton::clicked, this, [this, quality] {
+            ClipSettings::setQuality(quality);
+            refreshQuality();
+        });
+        choices->addWidget(choice);
+        m_qualities.append({quality, choice});
+    }
+    choices->addStretch(1);
+    column->addLayout(choices);
+    auto *note = label(QStringLiteral("If this computer cannot keep up, Smooth keeps motion fluid "
+                                      "and Sharp keeps text crisp. Used from the next time "
+                                      "recording starts."),
+                       12, QFont::Normal, Palette::white(0.5), card);
+    note->setWordWrap(true);
+    column->addWidget(note);
+    refreshQuality();
+    return card;
+}
+
+void SettingsPage::refreshQuality()
+{
+    const CaptureQuality current = ClipSettings::quality();
+    for (const auto &[quality, choice] : m_qualities) {
+        const bool selected = quality == current;
+        restyle(choice, selected ? Look::accent : Look::pill,
+                selected ? QColor(Qt::black) : Palette::white(0.8), 12);
+    }
 }
 
 void SettingsPage::setAccountPanel(QWidget *panel)

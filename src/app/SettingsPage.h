@@ -1,9 +1,13 @@
 #pragma once
 
+#include "core/ClipSettings.h"
+
+#include <QList>
 #include <QTimer>
 #include <QWidget>
 
 #include <optional>
+#include <utility>
 
 class AppModel;
 class QLabel;
@@ -12,8 +16,9 @@ class QVBoxLayout;
 class ToggleSwitch;
 struct DashboardCallbacks;
 
-// The Settings tab: the clip key with Change / Cancel, arming at log-in, the microphone, what
-// the replay holds in memory, and the account (its panel is put in by the dashboard).
+// The Settings tab: the clip key with Change / Cancel, arming at log-in, the microphone, the
+// recording quality, what the replay holds in memory, and the account (its panel is put in by the
+// dashboard).
 class SettingsPage : public QWidget
 {
     Q_OBJECT
@@ -35,6 +40,8 @@ private:
     void refreshKey();
     void refreshToggles();
     void refreshMemory();
+    QWidget *qualityRow();
+    void refreshQuality();
 
     AppModel &m_model;
     const DashboardCallbacks &m_callbacks;
@@ -46,6 +53,7 @@ private:
     ToggleSwitch *m_mic = nullptr;
     QLabel *m_micNote = nullptr;
     QLabel *m_memory = nullptr;
+    QList<std::pair<CaptureQuality, QPushButton *>> m_qualities;
     QVBoxLayout *m_account = nullptr;
     // Only while the page is on screen: the replay's size grows for a while after arming.
     QTimer m_memoryPoll;

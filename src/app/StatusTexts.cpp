@@ -98,4 +98,13 @@ QString keyAccessHint()
                           "input group, then log in again.");
 }
 
+QString forFallingBehind(double heldFps, int fps, int height)
+{
+    return QStringLiteral("Recording at %1 frames a second: this computer cannot keep up with %2p "
+                          "at %3. Choose a smoother quality in Settings.")
+        .arg(qRound(heldFps))
+        .arg(height)
+        .arg(fps);
+}
+
 } // namespace StatusTexts

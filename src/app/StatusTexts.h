@@ -35,6 +35,10 @@ QString forSavedClip(const WrittenFile &clip);
 // clip), why a file that was to be kept was lost, or empty when there was none to keep.
 QString forSession(const SessionOutcome &session);
 
+// The capture losing frames for more than a moment: "Recording at 47 frames a second: this
+// computer cannot keep up with 1080p at 60. Choose a smoother quality in Settings."
+QString forFallingBehind(double heldFps, int fps, int height);
+
 // What gives the clip key every application where it only works in our window. On X11 the key
 // already reaches every program through the X server; under Wayland it needs read access to
 // the keyboards, which the "input" group gives.

@@ -22,8 +22,8 @@ void AudioScreenStream::addAudioOutput(StreamOutputType type, SerialQueue &queue
     if (microphone ? !m_audioConfig.captureMicrophone : !m_audioConfig.capturesAudio)
         return;
     if (!m_audio)
-        m_audio = std::make_unique<PulseAudioCapture>(m_audioConfig.sampleRate,
-                                                      m_audioConfig.channelCount);
+        m_audio = std::make_unique<PulseAudioCapture>(
+            m_audioConfig.sampleRate, m_audioConfig.channelCount, m_audioConfig.onNotice);
     m_audio->addOutput(microphone ? PulseAudioCapture::Source::microphone
                                   : PulseAudioCapture::Source::system,
                        queue, std::move(handler));

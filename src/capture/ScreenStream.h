@@ -45,6 +45,9 @@ struct StreamConfiguration
     int sampleRate = AudioDefaults::sampleRate;
     int channelCount = AudioDefaults::channels;
     bool captureMicrophone = false;
+    // Sentences for the user's log (the audio followed the user to another device), on any
+    // thread.
+    std::function<void(const std::string &)> onNotice = nullptr;
 };
 
 enum class StreamOutputType { screen, audio, microphone };
@@ -70,7 +73,7 @@ public:
     struct Stats
     {
         int64_t complete = 0; // grabbed and delivered
-        int64_t idle = 0; // nothing changed: delivered without pixels
+        int64_t idle = 0; // nothing changed: the newest picture again (without one, no pixels)
         int64_t skipped = 0; // no free buffer, or the consumer had queueDepth frames waiting
         int64_t late = 0; // ticks missed because a tick overran its slot
         int64_t unchanged = 0; // ticks that found the screen as it was: nothing to grab

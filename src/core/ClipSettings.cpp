@@ -12,6 +12,7 @@ const QString captureMicKey = QStringLiteral("captureMic");
 const QString recordModeKey = QStringLiteral("recordMode");
 const QString armOnLaunchKey = QStringLiteral("armOnLaunch");
 const QString keepRunningKey = QStringLiteral("keepRunning");
+const QString qualityKey = QStringLiteral("captureQuality");
 
 // The clip length as last read or written; not a length at all until then.
 std::atomic<double> keptLength {-1};
@@ -49,6 +50,30 @@ std::optional<RecordMode> RecordMode::fromText(const QString &text)
 QString RecordMode::text() const
 {
     return m_value == session ? QStringLiteral("session") : QStringLiteral("clip");
+}
+
+std::optional<CaptureQuality> CaptureQuality::fromText(const QString &text)
+{
+    if (text == QLatin1String("1080p60"))
+        return CaptureQuality(full);
+    if (text == QLatin1String("720p60"))
+        return CaptureQuality(smooth720p60);
+    if (text == QLatin1String("1080p30"))
+        return CaptureQuality(sharp1080p30);
+    return std::nullopt;
+}
+
+QString CaptureQuality::text() const
+{
+    switch (m_value) {
+    case smooth720p60:
+        return QStringLiteral("720p60");
+    case sharp1080p30:
+        return QStringLiteral("1080p30");
+    case full:
+        break;
+    }
+    return QStringLiteral("1080p60");
 }
 
 namespace ClipSettings {
@@ -111,6 +136,17 @@ bool keepRunning()
 void setKeepRunning(bool on)
 {
     write(keepRunningKey, on);
+}
+
+CaptureQuality quality()
+{
+    const QString stored = Preferences::open()->value(qualityKey).toString();
+    return CaptureQuality::fromText(stored).value_or(CaptureQuality::full);
+}
+
+void setQuality(CaptureQuality quality)
+{
+    write(qualityKey, quality.text());
 }
 
 } // namespace ClipSettings

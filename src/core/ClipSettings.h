@@ -25,12 +25,38 @@ private:
     Value m_value;
 };
 
+// How the screen is recorded: the size and the frame rate, which together set what the encoder
+// costs. A computer that cannot keep up with 1080p at 60 frames a second records smoothly at
+// half the pixels a second, either at a lower resolution (motion stays fluid: games) or at a lower
+// frame rate (text stays sharp: desktop work). Stored by its text value.
+class CaptureQuality
+{
+public:
+    enum Value { full, smooth720p60, sharp1080p30 };
+
+    constexpr CaptureQuality(Value value)
+        : m_value(value)
+    {
+    }
+    // No value for any text but "1080p60", "720p60" and "1080p30".
+    static std::optional<CaptureQuality> fromText(const QString &text);
+    QString text() const;
+    // The longer side of the capture at most, in pixels, and the frames a second.
+    int maxSide() const { return m_value == smooth720p60 ? 1280 : 1920; }
+    int fps() const { return m_value == sharp1080p30 ? 30 : 60; }
+
+    constexpr operator Value() const { return m_value; }
+
+private:
+    Value m_value;
+};
+
 // The capture pipeline's settings. Each accessor goes to the preferences store at the moment it
 // is called, so a change made anywhere is seen by the next read on any thread; the clip length
 // alone is kept in memory (see maxDuration).
 namespace ClipSettings {
 
-inline constexpr int fps = 60;
+inline constexpr int fps = 60; // the most the capture records
 inline constexpr std::array<double, 4> lengthOptions {15, 30, 60, 120};
 
 // The clip length in seconds: the stored value when it is exactly one of `lengthOptions`,
@@ -54,5 +80,8 @@ void setArmOnLaunch(bool on);
 
 bool keepRunning(); // false when missing
 void setKeepRunning(bool on);
+
+CaptureQuality quality(); // `full` unless one of the others is stored
+void setQuality(CaptureQuality quality);
 
 } // namespace ClipSettings

@@ -3,10 +3,12 @@
 #include "core/ClipSettings.h"
 #include "core/Log.h"
 #include "core/Paths.h"
-#include "core/ResumeBox.h"
 #include "core/SerialQueue.h"
 #include "core/SharedPool.h"
 #include "engine/ClipFinish.h"
+#include "engine/PaceWatch.h"
+#include "engine/StreamStart.h"
+#include "media/MonotonicClock.h"
 #include "media/RecorderError.h"
 #include "replay/ClipExport.h"
 #include "replay/SessionRecorder.h"
@@ -18,21 +20,10 @@
 
 #include <chrono>
 #include <cmath>
-#include <future>
 #include <stdexcept>
 #include <system_error>
 
 namespace {
-
-constexpr int maxSide = 1920;
-
-// Where the start limit's timer runs: one small queue for the process, so that no pool thread
-// sleeps through the eight seconds.
-SerialQueue &timerQueue()
-{
-    static SerialQueue queue("com.quillfen.vantrel.timer", "vt-timer");
-    return queue;
-}
 
 QString boolText(bool value)
 {
@@ -51,14 +42,6 @@ QString textOf(const std::exception_ptr &error)
         return QStringLiteral("unknown error");
     }
 }
-
-// What the stream reports arrives as text; it becomes an error of its own domain so that it
-// reads like every other error in the log.
-class StreamFailure : public std::runtime_error
-{
-public:
-    using std::runtime_error::runtime_error;
-};
 
 int evenDown(int value)
 {
@@ -118,6 +101,12 @@ void ClipEngine::setOnStopped(StoppedCallback callback)
     m_onStopped = std::move(callback);
 }
 
+void ClipEngine::setOnFallingBehind(FallingBehindCallback callback)
+{
+    std::scoped_lock lock(m_stateLock);
+    m_onFallingBehind = std::move(callback);
+}
+
 void ClipEngine::setScreenAccess(ScreenAccessCheck access)
 {
     std::scoped_lock lock(m_stateLock);
@@ -161,7 +150,7 @@ QString ClipEngine::describe(const std::exception_ptr &error)
     return QStringLiteral("%1 (%2 %3)").arg(textOf(error), domain).arg(code);
 }
 
-QSize ClipEngine::captureSize(int width, int height)
+QSize ClipEngine::captureSize(int width, int height, int maxSide)
 {
     const int longer = std::max(width, height);
     if (longer <= maxSide)
@@ -238,15 +227,19 @@ void ClipEngine::arm()
     // Guards against a display that reports no size; then the size is made even.
     int width = display->width > 1 ? display->width : 2;
     int height = std::max(display->height, 2);
-    const QSize size = captureSize(evenDown(width), evenDown(height));
-    log(QStringLiteral("capture %1x%2").arg(size.width()).arg(size.height()));
+    const CaptureQuality quality = ClipSettings::quality();
+    const QSize size = captureSize(evenDown(width), evenDown(height), quality.maxSide());
+    log(QStringLiteral("capture %1x%2 at %3 fps")
+            .arg(size.width())
+            .arg(size.height())
+            .arg(quality.fps()));
 
     openEncoder(size.width(), size.height());
 
     StreamConfiguration config;
     config.width = size.width();
     config.height = size.height();
-    config.fps = ClipSettings::fps;
+    config.fps = quality.fps();
     // Three frames in flight: one being encoded on the video queue and two waiting (only the
     // waiting ones hold a capture buffer). With two, a save (which takes a core for a moment)
     // made the capture skip frames.
@@ -256,6 +249,7 @@ void ClipEngine::arm()
     config.sampleRate = AudioDefaults::sampleRate;
     config.channelCount = AudioDefaults::channels;
     config.captureMicrophone = mic;
+    config.onNotice = [](const std::string &text) { log(QString::fromStdString(text)); };
 
     auto recorder = std::make_shared<SessionRecorder>(mic);
     {
@@ -275,7 +269,7 @@ void ClipEngine::arm()
         capture->stream = capture->service->makeStream(*display, config);
         if (!capture->stream)
             throw StreamFailure("the display cannot be captured");
-        addOutputs(*capture, mic);
+        addOutputs(*capture, mic, config);
     } catch (...) {
         failStart(capture, std::current_exception());
     }
@@ -287,7 +281,7 @@ void ClipEngine::arm()
     m_armed = true;
 
     try {
-        startCapture(*capture);
+        StreamStart::within(*capture->stream, m_startLimit.load());
     } catch (...) {
         failStart(capture, std::current_exception());
     }
@@ -321,25 +315,34 @@ void ClipEngine::closeEncoder()
     m_buffer.invalidate();
 }
 
-void ClipEngine::addOutputs(Capture &capture, bool mic)
+void ClipEngine::addOutputs(Capture &capture, bool mic, const StreamConfiguration &config)
 {
     capture.videoQueue = std::make_unique<SerialQueue>("com.quillfen.vantrel.video", "vt-video");
     capture.audioQueue = std::make_unique<SerialQueue>("com.quillfen.vantrel.audio", "vt-audio");
     if (mic)
         capture.micQueue = std::make_unique<SerialQueue>("com.quillfen.vantrel.mic", "vt-mic");
 
-    // The handlers only route: encoding and storing happen in the replay buffer.
-    capture.stream->addScreenOutput(*capture.videoQueue, [this](VideoFrame frame) {
-        if (!m_armed)
-            return;
-        ++m_framesDelivered;
-        if (frame.status != VideoFrame::Status::complete) {
-            ++m_framesIdle;
-            return;
-        }
-        ++m_framesIn;
-        m_encoder->encode(std::move(frame));
-    });
+    // The handlers only route: encoding and storing happen in the replay buffer. The screen's
+    // handler also keeps an eye on the pace (a still screen still hands on a frame a second).
+    const ScreenStream *stream = capture.stream.get();
+    auto pace = std::make_shared<PaceWatch>(config.fps);
+    const int height = config.height;
+    capture.stream->addScreenOutput(*capture.videoQueue,
+                                    [this, stream, pace, height](VideoFrame frame) {
+                                        if (!m_armed)
+                                            return;
+                                        watchPace(*pace, *stream, height);
+                                        ++m_framesDelivered;
+                                        if (frame.status != VideoFrame::Status::complete) {
+                                            ++m_framesIdle;
+                                            // Without a picture there is nothing to encode; a
+                                            // repeated one is encoded.
+                                            if (frame.status == VideoFrame::Status::idle)
+                                                return;
+                                        }
+                                        ++m_framesIn;
+                                        m_encoder->encode(std::move(frame));
+                                    });
     capture.stream->addAudioOutput(StreamOutputType::audio, *capture.audioQueue,
                                    [this](const AudioSampleBuffer &sample) {
                                        if (m_armed)
@@ -355,36 +358,26 @@ void ClipEngine::addOutputs(Capture &capture, bool mic)
     capture.stream->setStopHandler([this](const std::string &error) { streamDidStop(error); });
 }
 
-void ClipEngine::startCapture(Capture &capture)
+void ClipEngine::watchPace(PaceWatch &watch, const ScreenStream &stream, int height)
 {
-    // Whichever comes first answers: the stream's start completion or the time limit. The
-    // other finds the box used and does nothing.
-    struct Start
+    const ScreenStream::Stats counts = stream.stats();
+    const std::optional<double> held = watch.update(counts, monotonicNanoseconds());
+    if (!held)
+        return;
+    const int fps = watch.fps();
+    log(QStringLiteral("capture falling behind: %1 of %2 frames a second held (skipped=%3 "
+                       "late=%4); the encoder cannot keep up")
+            .arg(*held, 0, 'f', 1)
+            .arg(fps)
+            .arg(counts.skipped)
+            .arg(counts.late));
+    FallingBehindCallback callback;
     {
-        ResumeBox box;
-        std::promise<std::exception_ptr> outcome;
-    };
-    auto start = std::make_shared<Start>();
-    std::future<std::exception_ptr> outcome = start->outcome.get_future();
-
-    const std::chrono::milliseconds limit = m_startLimit.load();
-    auto timer = timerQueue().asyncAfter(limit, [start, limit] {
-        start->box.resume([&] {
-            start->outcome.set_value(std::make_exception_ptr(RecorderError::writerFailed(
-                QStringLiteral("The screen capture did not start within %1 seconds.")
-                    .arg(double(limit.count()) / 1000.0))));
-        });
-    });
-    capture.stream->startCapture([start, timer](std::optional<std::string> error) mutable {
-        timer.cancel();
-        start->box.resume([&] {
-            start->outcome.set_value(
-                error ? std::make_exception_ptr(StreamFailure(std::move(*error))) : nullptr);
-        });
-    });
-    // The wait is on the stream's thread and the timer queue, never on another pool task.
-    if (std::exception_ptr error = outcome.get())
-        std::rethrow_exception(error);
+        std::scoped_lock lock(m_stateLock);
+        callback = m_onFallingBehind;
+    }
+    if (callback)
+        callback(*held, fps, height);
 }
 
 void ClipEngine::failStart(const std::shared_ptr<Capture> &capture, const std::exception_ptr &error)

@@ -18,6 +18,7 @@
 #include <optional>
 #include <vector>
 
+class PaceWatch;
 class SerialQueue;
 class SessionRecorder;
 class VideoEncoder;
@@ -44,6 +45,10 @@ public:
     // The system ended the stream; the text says why. Called on a pool thread after the
     // teardown, so the session file of that arming is already gone.
     using StoppedCallback = std::function<void(const std::optional<QString> &error)>;
+    // The capture has been losing frames for more than a moment: the computer cannot keep up
+    // with the quality asked for. Called once per arming, on the video queue, with the frames a
+    // second held, the rate asked for and the capture's height.
+    using FallingBehindCallback = std::function<void(double heldFps, int fps, int height)>;
     // Whether the screen may be recorded, and the one-time notice when it may not. The
     // permissions belong to the program around the engine, which hands them in; without them the
     // screen counts as open to capture.
@@ -83,14 +88,16 @@ public:
     double bufferedDuration() const { return m_buffer.bufferedDuration(); }
     bool isArmed() const { return m_armed.load(); }
     void setOnStopped(StoppedCallback callback);
+    void setOnFallingBehind(FallingBehindCallback callback);
     // Set before the first start.
     void setScreenAccess(ScreenAccessCheck access);
     // How long a stream may take to start; 8 seconds unless set otherwise (tests).
     void setStartLimit(std::chrono::milliseconds limit) { m_startLimit = limit; }
 
     ReplayBuffer &buffer() { return m_buffer; }
-    // Screen samples received while armed, and those of them dropped as not complete (a still
-    // screen); for diagnostics and the benchmarks.
+    // Screen samples received while armed, and those of them that showed nothing new (a still
+    // screen: the newest picture repeated about once a second); for diagnostics and the
+    // benchmarks.
     int64_t framesDelivered() const { return m_framesDelivered.load(); }
     int64_t framesIdle() const { return m_framesIdle.load(); }
     // Frames handed to the encoder, and frames it returned, since the last start.
@@ -100,8 +107,8 @@ public:
     ScreenStream::Stats captureStats() const;
 
     // The capture size for a display of `width` × `height` pixels: both sides even, the longer
-    // at most 1920, the aspect kept.
-    static QSize captureSize(int width, int height);
+    // at most `maxSide`, the aspect kept.
+    static QSize captureSize(int width, int height, int maxSide = 1920);
     // An error's text for logs and messages: the text, then its domain and code in parentheses.
     static QString describe(const std::exception_ptr &error);
 
@@ -137,8 +144,8 @@ private:
     void arm();
     void openEncoder(int width, int height);
     void closeEncoder();
-    void addOutputs(Capture &capture, bool mic);
-    void startCapture(Capture &capture);
+    void addOutputs(Capture &capture, bool mic, const StreamConfiguration &config);
+    void watchPace(PaceWatch &watch, const ScreenStream &stream, int height);
     [[noreturn]] void failStart(const std::shared_ptr<Capture> &capture,
                                 const std::exception_ptr &error);
     QFuture<SessionOutcome> beginStop(bool saveSession, std::function<void()> afterwards);
@@ -175,6 +182,7 @@ private:
     std::shared_ptr<Capture> m_capture;
     std::shared_ptr<SessionRecorder> m_sessionRecorder;
     StoppedCallback m_onStopped;
+    FallingBehindCallback m_onFallingBehind;
     ScreenAccessCheck m_screenAccess;
     std::vector<QFuture<void>> m_tasks; // starts and stops still running
 };

@@ -13,9 +13,11 @@
 // queues.
 struct VideoFrame
 {
-    // `idle`: nothing changed on screen since the previous frame; it carries no new pixels and
-    // is not encoded.
-    enum class Status { complete, idle };
+    // `repeat`: nothing changed on screen, and the previous picture comes again with a new time
+    // so that a still screen still fills the clip's video track (a capture hands one on about
+    // once a second). `idle`: nothing changed, and there is no picture to repeat; it carries no
+    // pixels and is not encoded.
+    enum class Status { complete, repeat, idle };
     enum class Layout { bgra, i420 };
 
     std::shared_ptr<const void> owner;

@@ -59,6 +59,7 @@ void SessionRecorder::appendAudio(const ReplayBuffer::AudioPacket &packet)
     m_queue.async([this, packet] {
         if (m_finished)
             return;
+        noteSoundEnd(packet);
         pushBounded(m_pendingAudio, packet, !m_writer, maxPendingAudio);
         drain();
     });
@@ -69,9 +70,17 @@ void SessionRecorder::appendMic(const ReplayBuffer::AudioPacket &packet)
     m_queue.async([this, packet] {
         if (m_finished)
             return;
+        noteSoundEnd(packet);
         pushBounded(m_pendingMic, packet, !m_writer, maxPendingAudio);
         drain();
     });
+}
+
+void SessionRecorder::noteSoundEnd(const ReplayBuffer::AudioPacket &packet)
+{
+    const MediaTime end = packet.pts + packet.duration;
+    if (end.isValid() && (!m_soundEnd.isValid() || m_soundEnd < end))
+        m_soundEnd = end;
 }
 
 void SessionRecorder::drain()
@@ -90,9 +99,16 @@ void SessionRecorder::drain()
     if (m_writer->status() != Mp4Writer::Status::writing || !m_videoFormat)
         return;
 
-    while (!m_pendingVideo.empty() && m_writer->canTakeMore(*m_videoInput)) {
-        const ReplayBuffer::EncodedFrame frame = std::move(m_pendingVideo.front());
+    // The newest frame waits for the next one, or for the end: its duration then reaches the
+    // end of the sound, so that a still screen (a frame about once a second) leaves no second
+    // of sound without a picture at the end of the file.
+    const size_t held = m_finishing ? 0 : 1;
+    while (m_pendingVideo.size() > held && m_writer->canTakeMore(*m_videoInput)) {
+        ReplayBuffer::EncodedFrame frame = std::move(m_pendingVideo.front());
         m_pendingVideo.pop_front();
+        if (m_pendingVideo.empty() && m_soundEnd.isValid() &&
+            frame.pts + frame.duration < m_soundEnd)
+            frame.duration = m_soundEnd - frame.pts;
         // Frames before the key frame the file starts at could not be decoded; the writer's
         // timeline begins there and refuses them. Either way they are skipped quietly.
         if (frame.pts < m_startPTS)

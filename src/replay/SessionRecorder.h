@@ -60,6 +60,7 @@ private:
     using Result = SessionOutcome;
     using Waiter = std::shared_ptr<QPromise<Result>>;
 
+    void noteSoundEnd(const ReplayBuffer::AudioPacket &packet);
     void drain();
     void startWriter(const VideoFormatPtr &format, MediaTime at);
     void conclude(bool keep);
@@ -84,6 +85,7 @@ private:
     std::deque<ReplayBuffer::AudioPacket> m_pendingMic;
     QString m_path; // the temporary file being written
     MediaTime m_startPTS; // invalid until the file starts
+    MediaTime m_soundEnd; // where the latest audio or microphone packet ends; invalid before one
     Shortfall m_shortfall; // of what reached the file's time span
     QString m_startFailure; // why the file could not be started, the last time it was tried
     bool m_finished = false; // no more samples are taken

@@ -110,8 +110,10 @@ void VideoEncoder::open(int64_t width, int64_t height)
 void VideoEncoder::encode(VideoFrame &&frame)
 {
     std::shared_ptr<const void> pixels = std::move(frame.owner);
-    // An idle frame repeats the picture before it: there is nothing new to encode.
-    if (!frame.pixels || frame.status != VideoFrame::Status::complete)
+    // An idle frame has no picture to encode. A repeated picture is encoded like a new one: it
+    // costs the encoder a frame of skipped blocks (or the key frame that is due), and keeps the
+    // video going while the screen is still.
+    if (!frame.pixels || frame.status == VideoFrame::Status::idle)
         return;
     const int64_t ordinal = ++m_handedOver;
     if (!FrameConverter::fits(frame, m_width, m_height) || !frame.pts.isValid()) {

@@ -46,11 +46,12 @@ public:
     VideoEncoder(const VideoEncoder &) = delete;
     VideoEncoder &operator=(const VideoEncoder &) = delete;
 
-    // Encodes one captured frame. Idle frames and frames without pixels carry nothing new and
-    // are ignored. A failed submission among the first five frames handed over is reported in
-    // the system log ("encode status <status>"), later ones are silent. Call from one thread at
-    // a time. Given the frame to keep, the encoder lets go of its pixels (`owner`) as soon as
-    // they are converted, before the encoder proper runs, so the capture can reuse the buffer.
+    // Encodes one captured frame, a repeated picture too. Idle frames and frames without pixels
+    // carry nothing and are ignored. A failed submission among the first five frames handed over is
+    // reported in the system log ("encode status <status>"), later ones are silent. Call from one
+    // thread at a time. Given the frame to keep, the encoder lets go of its pixels (`owner`) as
+    // soon as they are converted, before the encoder proper runs, so the capture can reuse the
+    // buffer.
     void encode(VideoFrame &&frame);
     void encode(const VideoFrame &frame) { encode(VideoFrame(frame)); }
     // The same for a picture already in the encoder's input format (inputFormat(), at the

@@ -1,17 +1,17 @@
 #include "service/ApiRoutes.h"
 
 #include "service/Authentication.h"
+#include "service/ClipRemoval.h"
 #include "service/ClipUpload.h"
 #include "service/HttpReply.h"
+#include "service/PackRequest.h"
 #include "service/ReleaseVersion.h"
 #include "service/RequestBody.h"
 #include "service/Secrets.h"
-#include "service/TextRules.h"
 
 using httplib::ContentReader;
 using httplib::Request;
 using httplib::Response;
-using nlohmann::json;
 
 namespace {
 
@@ -86,24 +86,12 @@ void me(ServiceContext &context, const Request &req, Response &res)
                      {"discord_oauth", false}});
 }
 
-// The user of a request that carries a body. A refused sender's body is read out and dropped,
-// so that its connection stays in step for the next request.
-std::optional<UserRecord> signedInSender(ServiceContext &context, const Request &req, Response &res,
-                                         const ContentReader &reader)
-{
-    std::optional<UserRecord> user = Authentication::bearer(context, req, res);
-    if (!user) {
-        const Response refusal = res;
-        RequestBody::discard(req, reader);
-        res = refusal;
-    }
-    return user;
-}
-
 void uploadClip(ServiceContext &context, const Request &req, Response &res,
                 const ContentReader &reader)
 {
-    const std::optional<UserRecord> user = signedInSender(context, req, res, reader);
+    // A refused sender's body is left unread (an anonymous client must not make the service
+    // read gigabytes): the connection closes after the answer instead.
+    const std::optional<UserRecord> user = Authentication::bearer(context, req, res);
     if (!user)
         return;
     ClipUpload upload(context, *user);
@@ -116,9 +104,25 @@ void uploadClip(ServiceContext &context, const Request &req, Response &res,
                      {"name", outcome.clip.name}});
 }
 
-// Reads a small JSON object body; answers the error itself and returns none when it is not one.
-std::optional<json> readJsonObject(ServiceContext &context, const Request &req, Response &res,
-                                   const ContentReader &reader)
+// Takes one of the caller's own clips down. Someone else's clip answers as one that does not
+// exist: the answer never tells which ids are taken.
+void deleteClip(ServiceContext &context, const Request &req, Response &res)
+{
+    const std::optional<UserRecord> user = Authentication::bearer(context, req, res);
+    if (!user)
+        return;
+    const std::string id = req.matches[1];
+    const std::optional<ClipRecord> clip = context.records.clip(id);
+    if (!clip || clip->userId != user->id ||
+        !ClipRemoval::remove(context.records, context.files, id))
+        return HttpReply::error(res, 404, "You have no clip with the id \"" + id + "\".");
+    res.status = 204;
+    res.set_header("Cache-Control", "no-store");
+}
+
+// Reads a small body; answers the error itself and returns none when it cannot.
+std::optional<std::string> readSmallBody(ServiceContext &context, const Request &req, Response &res,
+                                         const ContentReader &reader)
 {
     std::string body;
     switch (RequestBody::readSmall(req, reader, context.limits.maxSmallBodyBytes, body)) {
@@ -133,54 +137,25 @@ std::optional<json> readJsonObject(ServiceContext &context, const Request &req, 
     case RequestBody::Outcome::ok:
         break;
     }
-    json value = json::parse(body, nullptr, false);
-    if (value.is_discarded()) {
-        HttpReply::error(res, 400, "The request body is not valid JSON.");
-        return std::nullopt;
-    }
-    if (!value.is_object()) {
-        HttpReply::error(res, 400, "The request body must be a JSON object.");
-        return std::nullopt;
-    }
-    return value;
+    return body;
 }
 
 void createPack(ServiceContext &context, const Request &req, Response &res,
                 const ContentReader &reader)
 {
-    const std::optional<UserRecord> user = signedInSender(context, req, res, reader);
+    const std::optional<UserRecord> user = Authentication::bearer(context, req, res);
     if (!user)
         return;
-    const std::optional<json> body = readJsonObject(context, req, res, reader);
+    const std::optional<std::string> body = readSmallBody(context, req, res, reader);
     if (!body)
         return;
-    for (const auto &[key, value] : body->items())
-        if (key != "title" && key != "clip_ids")
-            return HttpReply::error(res, 400, "Unknown field \"" + key + "\".");
-    const auto title = body->find("title");
-    if (title == body->end() || !title->is_string())
-        return HttpReply::error(res, 400, "\"title\" must be a string.");
-    const std::optional<std::string> cleanTitle = TextRules::cleanLine(title->get<std::string>());
-    if (!cleanTitle)
-        return HttpReply::error(res, 400, "\"title\" is not valid text.");
-    if (TextRules::characterCount(*cleanTitle) > size_t(context.limits.maxNameCharacters))
-        return HttpReply::error(res, 400,
-                                "The title is longer than " +
-                                    std::to_string(context.limits.maxNameCharacters) +
-                                    " characters.");
-    const auto ids = body->find("clip_ids");
-    if (ids == body->end() || !ids->is_array())
-        return HttpReply::error(res, 400, "\"clip_ids\" must be a list of clip ids.");
-    if (ids->size() > size_t(context.limits.maxPackClips))
-        return HttpReply::error(res, 400,
-                                "A folder holds at most " +
-                                    std::to_string(context.limits.maxPackClips) + " clips.");
+    std::string problem;
+    const std::optional<PackRequest> request = PackRequest::parse(*body, context.limits, problem);
+    if (!request)
+        return HttpReply::error(res, 400, problem);
 
     PackRecord pack;
-    for (const json &id : *ids) {
-        if (!id.is_string())
-            return HttpReply::error(res, 400, "\"clip_ids\" must be a list of clip ids.");
-        const std::string clipId = id.get<std::string>();
+    for (const std::string &clipId : request->clipIds) {
         const std::optional<ClipRecord> clip =
             clipId.size() <= 64 ? context.records.clip(clipId) : std::nullopt;
         if (!clip)
@@ -193,7 +168,7 @@ void createPack(ServiceContext &context, const Request &req, Response &res,
     }
     pack.id = Secrets::randomId(12);
     pack.userId = user->id;
-    pack.title = cleanTitle->empty() ? "Vantrel clips" : *cleanTitle;
+    pack.title = request->title.empty() ? "Vantrel clips" : request->title;
     pack.createdAt = unixNow();
     context.records.addPack(pack);
     HttpReply::json(res, 200, {{"url", context.link("/p/" + pack.id)}});
@@ -241,6 +216,8 @@ void install(httplib::Server &server, ServiceContext &context)
     server.Post("/v1/clips", [c](const Request &req, Response &res, const ContentReader &reader) {
         uploadClip(*c, req, res, reader);
     });
+    server.Delete(R"(/v1/clips/([a-z0-9]{1,32}))",
+                  [c](const Request &req, Response &res) { deleteClip(*c, req, res); });
     server.Post("/v1/packs", [c](const Request &req, Response &res, const ContentReader &reader) {
         createPack(*c, req, res, reader);
     });

@@ -1,5 +1,7 @@
 #include "service/ByteRange.h"
 
+#include "service/TextRules.h"
+
 #include <algorithm>
 #include <charconv>
 
@@ -16,31 +18,22 @@ std::optional<uint64_t> number(std::string_view text)
     return value;
 }
 
-std::string_view trimmed(std::string_view text)
-{
-    while (!text.empty() && (text.front() == ' ' || text.front() == '\t'))
-        text.remove_prefix(1);
-    while (!text.empty() && (text.back() == ' ' || text.back() == '\t'))
-        text.remove_suffix(1);
-    return text;
-}
-
 } // namespace
 
 ByteRange::Outcome ByteRange::parse(const std::string &header, uint64_t fileSize, ByteRange &range)
 {
-    std::string_view text = trimmed(header);
+    std::string_view text = TextRules::trimmedBlanks(header);
     constexpr std::string_view unit = "bytes=";
     if (text.substr(0, unit.size()) != unit)
         return Outcome::whole;
-    text = trimmed(text.substr(unit.size()));
+    text = TextRules::trimmedBlanks(text.substr(unit.size()));
     if (text.find(',') != std::string_view::npos)
         return Outcome::whole;
     const size_t dash = text.find('-');
     if (dash == std::string_view::npos)
         return Outcome::unsatisfiable;
-    const std::string_view from = trimmed(text.substr(0, dash));
-    const std::string_view to = trimmed(text.substr(dash + 1));
+    const std::string_view from = TextRules::trimmedBlanks(text.substr(0, dash));
+    const std::string_view to = TextRules::trimmedBlanks(text.substr(dash + 1));
 
     if (from.empty()) {
         // The last N bytes.

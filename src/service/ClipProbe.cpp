@@ -6,6 +6,7 @@ extern "C" {
 #include <libavcodec/avcodec.h>
 #include <libavformat/avformat.h>
 #include <libavutil/imgutils.h>
+#include <libavutil/mem.h>
 #include <libswscale/swscale.h>
 }
 
@@ -50,9 +51,19 @@ bool startsWithFtyp(const std::string &path)
     return head[4] == 'f' && head[5] == 't' && head[6] == 'y' && head[7] == 'p';
 }
 
+// A few bytes of MP4 can declare millions of samples, and the demuxer allocates its tables for
+// what is declared before it reads them: a 2 KiB fragment declaring 83 million samples took
+// close to 3 GB. No block a real clip needs comes near this (the sample index of ten hours at 60
+// frames a second is some 50 MiB), so a larger one fails and the file is reported as damaged.
+// FIXME: the cap is per block; a file of many tracks can still ask for it once per track.
+constexpr size_t largestLibraryBlock = size_t(64) << 20;
+
 // Opens the file with the MP4 demuxer only, so that no other format's parser ever sees it.
 Input openMp4(const std::string &path)
 {
+    // The service links FFmpeg for nothing but these checks, so the cap is set process-wide.
+    static const bool capped = (av_max_alloc(largestLibraryBlock), true);
+    (void)capped;
     AVFormatContext *raw = nullptr;
     AVDictionary *options = nullptr;
     av_dict_set(&options, "probesize", "5000000", 0);
@@ -61,14 +72,39 @@ Input openMp4(const std::string &path)
     av_dict_free(&options);
     if (result < 0)
         return nullptr;
-    Input input(raw);
-    // An MP4 describes its streams in its header; decoding frames to learn them (which is what
-    // avformat_find_stream_info does) is needed only when that description is missing.
-    const int video = av_find_best_stream(input.get(), AVMEDIA_TYPE_VIDEO, -1, -1, nullptr, 0);
-    if ((video < 0 || input->streams[video]->codecpar->width <= 0) &&
-        avformat_find_stream_info(input.get(), nullptr) < 0)
-        return nullptr;
-    return input;
+    // An MP4 describes its streams in its header. What it leaves out is not learnt by decoding
+    // frames (avformat_find_stream_info would): a file that does not say is refused.
+    return Input(raw);
+}
+
+// The video stream's index when it is one the service takes; otherwise -1 with the reason.
+int checkedVideo(AVFormatContext *input, const VideoBounds &bounds, std::string &problem)
+{
+    const int index = av_find_best_stream(input, AVMEDIA_TYPE_VIDEO, -1, -1, nullptr, 0);
+    if (index < 0) {
+        problem = "The MP4 file has no video.";
+        return -1;
+    }
+    const AVCodecParameters *video = input->streams[index]->codecpar;
+    // Vantrel records H.264; no other decoder is ever given an upload.
+    if (video->codec_id != AV_CODEC_ID_H264) {
+        problem = std::string("Only H.264 video is taken; this clip's video is ") +
+            avcodec_get_name(video->codec_id) + ".";
+        return -1;
+    }
+    if (video->width <= 0 || video->height <= 0) {
+        problem = "The MP4 file does not say how large its picture is.";
+        return -1;
+    }
+    const int longer = std::max(video->width, video->height);
+    const int shorter = std::min(video->width, video->height);
+    if (longer > bounds.maxWidth || shorter > bounds.maxHeight) {
+        problem = "The picture is " + std::to_string(video->width) + " × " +
+            std::to_string(video->height) + " pixels; the largest taken is " +
+            std::to_string(bounds.maxWidth) + " × " + std::to_string(bounds.maxHeight) + ".";
+        return -1;
+    }
+    return index;
 }
 
 } // namespace
@@ -80,7 +116,7 @@ void silenceLibraryLog()
     av_log_set_level(AV_LOG_QUIET);
 }
 
-ClipProbeResult probe(const std::string &path)
+ClipProbeResult probe(const std::string &path, const VideoBounds &bounds)
 {
     ClipProbeResult result;
     if (!startsWithFtyp(path)) {
@@ -92,11 +128,9 @@ ClipProbeResult probe(const std::string &path)
         result.problem = "The MP4 file is damaged or incomplete.";
         return result;
     }
-    const int index = av_find_best_stream(input.get(), AVMEDIA_TYPE_VIDEO, -1, -1, nullptr, 0);
-    if (index < 0) {
-        result.problem = "The MP4 file has no video.";
+    const int index = checkedVideo(input.get(), bounds, result.problem);
+    if (index < 0)
         return result;
-    }
     const AVCodecParameters *video = input->streams[index]->codecpar;
     result.isMp4 = true;
     result.width = video->width;
@@ -106,13 +140,16 @@ ClipProbeResult probe(const std::string &path)
     return result;
 }
 
-bool writePoster(const std::string &path, PendingFile &poster)
+bool writePoster(const std::string &path, PendingFile &poster, const VideoBounds &bounds)
 {
+    if (!startsWithFtyp(path))
+        return false;
     Input input = openMp4(path);
     if (!input)
         return false;
-    const AVCodec *decoder = nullptr;
-    const int index = av_find_best_stream(input.get(), AVMEDIA_TYPE_VIDEO, -1, -1, &decoder, 0);
+    std::string problem;
+    const int index = checkedVideo(input.get(), bounds, problem);
+    const AVCodec *decoder = avcodec_find_decoder(AV_CODEC_ID_H264);
     if (index < 0 || !decoder)
         return false;
     Codec decoding(avcodec_alloc_context3(decoder));
@@ -120,6 +157,8 @@ bool writePoster(const std::string &path, PendingFile &poster)
         avcodec_parameters_to_context(decoding.get(), input->streams[index]->codecpar) < 0)
         return false;
     decoding->thread_count = 1;
+    // The parameter sets inside the stream may claim another size than the file's header.
+    decoding->max_pixels = int64_t(bounds.maxWidth) * bounds.maxHeight;
     // The first picture is all a poster needs: no waiting for later frames to reorder.
     decoding->flags |= AV_CODEC_FLAG_LOW_DELAY;
     if (avcodec_open2(decoding.get(), decoder, nullptr) < 0)

@@ -1,7 +1,6 @@
 #include "service/ClipUpload.h"
 
-#include "service/ClipProbe.h"
-#include "service/RequestBody.h"
+#include "service/ClipInspection.h"
 #include "service/Secrets.h"
 #include "service/TextRules.h"
 
@@ -25,6 +24,11 @@ std::string sizeText(uint64_t bytes)
 
 } // namespace
 
+std::string ClipUpload::tooLargeDetail(const ServiceLimits &limits)
+{
+    return "The file is larger than the upload limit of " + sizeText(limits.maxUploadBytes) + ".";
+}
+
 ClipUpload::ClipUpload(ServiceContext &context, const UserRecord &owner)
     : m_context(context)
     , m_owner(owner)
@@ -39,15 +43,14 @@ bool ClipUpload::fail(int status, std::string detail)
         m_file.reset();
     }
     // The rest of a refused body is read and dropped, so that the client's connection stays in
-    // step for its next request. A counted body is bounded by the server's payload limit; a
-    // chunked one is cut off.
-    return !m_chunked;
+    // step for its next request; its length is within the upload limit.
+    return true;
 }
 
 bool ClipUpload::onPartHeader(const MultipartStream::Part &part)
 {
     if (m_failedStatus != 0)
-        return !m_chunked;
+        return true;
     if (part.name == "name") {
         if (m_sawName)
             return fail(400, "The form has more than one \"name\" part.");
@@ -78,7 +81,7 @@ bool ClipUpload::onPartHeader(const MultipartStream::Part &part)
 bool ClipUpload::onPartData(const char *data, size_t size)
 {
     if (m_failedStatus != 0)
-        return !m_chunked;
+        return true;
     if (m_part == Part::name) {
         // Four bytes per character is the most UTF-8 needs; anything longer is too long anyway.
         if (m_name.size() + size > size_t(m_context.limits.maxNameCharacters) * 4)
@@ -92,9 +95,7 @@ bool ClipUpload::onPartData(const char *data, size_t size)
         return true;
     m_fileBytes += size;
     if (m_fileBytes > m_context.limits.maxUploadBytes)
-        return fail(413,
-                    "The file is larger than the upload limit of " +
-                        sizeText(m_context.limits.maxUploadBytes) + ".");
+        return fail(413, tooLargeDetail(m_context.limits));
     try {
         if (m_buffer.size() + size > bufferBytes)
             flush();
@@ -120,12 +121,11 @@ ClipUpload::Outcome ClipUpload::run(const httplib::Request &req, httplib::Respon
                                     const httplib::ContentReader &reader)
 {
     const std::string boundary = MultipartStream::boundaryOf(req.get_header_value("Content-Type"));
+    // A refusal before the body leaves it unread: the connection closes after the answer.
     if (boundary.empty()) {
-        RequestBody::discard(req, reader);
         return {
             400, "The upload must be a multipart form with a \"name\" and a \"file\" part.", {}};
     }
-    m_chunked = req.get_header_value("Transfer-Encoding").find("chunked") != std::string::npos;
     MultipartStream parts(
         boundary, [this](const MultipartStream::Part &part) { return onPartHeader(part); },
         [this](const char *data, size_t size) { return onPartData(data, size); });
@@ -140,17 +140,14 @@ ClipUpload::Outcome ClipUpload::run(const httplib::Request &req, httplib::Respon
             parsing = false;
             fail(400, "The upload is not a well-formed multipart form.");
         }
-        return parsing || !m_chunked;
+        return true;
     });
     if (m_failedStatus != 0)
         return {m_failedStatus, m_failedDetail, {}};
     if (!read) {
         // The library's own refusal of an oversized body comes as a 413 status.
         if (res.status == 413)
-            return {413,
-                    "The file is larger than the upload limit of " +
-                        sizeText(m_context.limits.maxUploadBytes) + ".",
-                    {}};
+            return {413, tooLargeDetail(m_context.limits), {}};
         return {400, "The upload is incomplete: the connection ended before the form did.", {}};
     }
     if (!parts.complete())
@@ -180,12 +177,17 @@ ClipUpload::Outcome ClipUpload::store()
                     std::to_string(m_context.limits.maxNameCharacters) + " characters.",
                 {}};
 
-    const ClipProbeResult probe = ClipProbe::probe(m_file->path());
+    std::unique_ptr<PendingFile> poster = m_context.files.create(FileKind::poster);
+    ClipInspection::Budget budget;
+    budget.memoryBytes = m_context.limits.posterMemoryBytes;
+    budget.bounds = {m_context.limits.maxVideoWidth, m_context.limits.maxVideoHeight};
+    const ClipInspection inspection = ClipInspection::run(m_file->path(), *poster, budget);
+    const ClipProbeResult &probe = inspection.probe;
+    if (inspection.childFailed)
+        return {503, "The service could not check the video. Try again later.", {}};
     if (!probe.isMp4)
         return {415, probe.problem, {}};
-
-    std::unique_ptr<PendingFile> poster = m_context.files.create(FileKind::poster);
-    const bool hasPoster = ClipProbe::writePoster(m_file->path(), *poster);
+    const bool hasPoster = inspection.hasPoster;
 
     ClipRecord clip;
     clip.id = Secrets::randomId(12);

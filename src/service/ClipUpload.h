@@ -25,6 +25,11 @@ public:
         ClipRecord clip;
     };
 
+    // What an upload's form may add around its file.
+    static constexpr uint64_t formAllowanceBytes = 1 << 20;
+    // The refusal of a file over the upload limit.
+    static std::string tooLargeDetail(const ServiceLimits &limits);
+
     ClipUpload(ServiceContext &context, const UserRecord &owner);
 
     Outcome run(const httplib::Request &req, httplib::Response &res,
@@ -48,7 +53,6 @@ private:
     std::unique_ptr<PendingFile> m_file;
     uint64_t m_fileBytes = 0;
     std::vector<char> m_buffer;
-    bool m_chunked = false;
     int m_failedStatus = 0;
     std::string m_failedDetail;
 };

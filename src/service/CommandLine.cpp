@@ -26,7 +26,7 @@ CommandLine::CommandLine(const std::vector<std::string> &arguments,
                     throw Error("--" + name + " needs a value.");
                 value = arguments[++i];
             }
-            m_options[name] = *value;
+            m_options[name].push_back(*value);
         } else {
             throw Error("Unknown option --" + name + ".");
         }
@@ -38,7 +38,13 @@ std::optional<std::string> CommandLine::option(const std::string &name) const
     const auto it = m_options.find(name);
     if (it == m_options.end())
         return std::nullopt;
-    return it->second;
+    return it->second.back();
+}
+
+std::vector<std::string> CommandLine::values(const std::string &name) const
+{
+    const auto it = m_options.find(name);
+    return it == m_options.end() ? std::vector<std::string>() : it->second;
 }
 
 std::string CommandLine::required(const std::string &name) const

@@ -24,7 +24,10 @@ public:
                 const std::set<std::string> &flags = {});
 
     const std::vector<std::string> &words() const { return m_words; }
+    // The option's value; of an option given more than once, the last.
     std::optional<std::string> option(const std::string &name) const;
+    // Every value of an option that may be repeated, in order.
+    std::vector<std::string> values(const std::string &name) const;
     // The option's value; throws Error naming the option when it is missing.
     std::string required(const std::string &name) const;
     bool flag(const std::string &name) const { return m_flags.contains(name); }
@@ -35,6 +38,6 @@ public:
 
 private:
     std::vector<std::string> m_words;
-    std::map<std::string, std::string> m_options;
+    std::map<std::string, std::vector<std::string>> m_options;
     std::set<std::string> m_flags;
 };

@@ -162,7 +162,6 @@ void DiskFileStore::commit(std::unique_ptr<PendingFile> file, FileKind kind, con
     // A hard link fails when the target exists, where a rename would replace it silently.
     if (::link(pending->path().c_str(), target.c_str()) != 0)
         throw FileError(systemError("Cannot store " + target));
-    ::chmod(target.c_str(), 0644);
     syncFolder(folder(kind));
     // The pending name goes when `file` is dropped; should the process die first, the next
     // start clears tmp/.

@@ -55,14 +55,17 @@ void clipFile(ServiceContext &context, const Request &req, Response &res)
     const std::string id = req.matches[1];
     const bool poster = req.matches[2] == "jpg";
     const std::optional<ClipRecord> clip = context.records.clip(id);
+    if (!clip && context.records.clipDeleted(id))
+        return HttpReply::error(res, 410, "This clip was deleted.");
     if (!clip || (poster && !clip->hasPoster))
         return HttpReply::error(res, 404, "There is no such clip.");
     std::shared_ptr<StoredFile> file = context.files.open(
         poster ? FileKind::poster : FileKind::clip, id + (poster ? ".jpg" : ".mp4"));
     if (!file)
         return HttpReply::error(res, 404, "There is no such clip.");
-    // A clip's file never changes under its id.
-    res.set_header("Cache-Control", "public, max-age=31536000, immutable");
+    // A clip's file never changes under its id, but its owner may take it down: shared caches
+    // keep it an hour at most.
+    res.set_header("Cache-Control", "public, max-age=3600");
     serve(req, res, std::move(file), poster ? "image/jpeg" : "video/mp4");
 }
 

@@ -1,5 +1,7 @@
 #include "service/MultipartStream.h"
 
+#include "service/TextRules.h"
+
 #include <algorithm>
 #include <cctype>
 
@@ -16,21 +18,12 @@ bool startsWithNoCase(std::string_view text, std::string_view prefix)
            });
 }
 
-std::string_view trim(std::string_view text)
-{
-    while (!text.empty() && (text.front() == ' ' || text.front() == '\t'))
-        text.remove_prefix(1);
-    while (!text.empty() && (text.back() == ' ' || text.back() == '\t'))
-        text.remove_suffix(1);
-    return text;
-}
-
 // The value of `key="…"` (or an unquoted key=…) among a header's parameters.
 std::string parameter(std::string_view header, std::string_view key)
 {
     size_t at = 0;
     while ((at = header.find(';', at)) != std::string_view::npos) {
-        std::string_view rest = trim(header.substr(at + 1));
+        std::string_view rest = TextRules::trimmedBlanks(header.substr(at + 1));
         at += 1;
         if (!startsWithNoCase(rest, key) || rest.size() <= key.size() || rest[key.size()] != '=')
             continue;
@@ -40,7 +33,7 @@ std::string parameter(std::string_view header, std::string_view key)
             return std::string(rest.substr(
                 1, close == std::string_view::npos ? std::string_view::npos : close - 1));
         }
-        return std::string(trim(rest.substr(0, rest.find(';'))));
+        return std::string(TextRules::trimmedBlanks(rest.substr(0, rest.find(';'))));
     }
     return {};
 }
@@ -158,8 +151,8 @@ bool MultipartStream::readHeaders(std::string_view block)
         const size_t colon = line.find(':');
         if (colon == std::string_view::npos)
             continue;
-        const std::string_view name = trim(line.substr(0, colon));
-        const std::string_view value = trim(line.substr(colon + 1));
+        const std::string_view name = TextRules::trimmedBlanks(line.substr(0, colon));
+        const std::string_view value = TextRules::trimmedBlanks(line.substr(colon + 1));
         if (startsWithNoCase(name, "content-disposition") && name.size() == 19) {
             if (!startsWithNoCase(value, "form-data"))
                 return false;

@@ -1,10 +1,14 @@
 #include "service/PageRoutes.h"
 
 #include "service/Authentication.h"
+#include "service/ClipRemoval.h"
 #include "service/HttpReply.h"
 #include "service/Pages.h"
 #include "service/RequestBody.h"
 #include "service/Secrets.h"
+
+#include <algorithm>
+#include <cctype>
 
 using httplib::ContentReader;
 using httplib::Request;
@@ -31,6 +35,20 @@ bool readForm(const Request &req, Response &res, const ContentReader &reader,
     }
     fields = RequestBody::parseForm(body);
     return true;
+}
+
+// Seconds to wait before another password attempt, or 0 when this one may go ahead. Tries are
+// counted by client and by account: many addresses guessing at one account are held back too.
+int passwordWait(ServiceContext &context, const Request &req, const std::string &email)
+{
+    if (!context.passwordAttempts.allow(req.remote_addr))
+        return context.passwordAttempts.retryAfterSeconds();
+    std::string account = email;
+    std::transform(account.begin(), account.end(), account.begin(),
+                   [](unsigned char c) { return char(std::tolower(c)); });
+    if (!context.accountPasswordAttempts.allow(account))
+        return context.accountPasswordAttempts.retryAfterSeconds();
+    return 0;
 }
 
 // The page for a code that cannot be approved (any more).
@@ -61,6 +79,14 @@ void showDevice(ServiceContext &context, const Request &req, Response &res)
                                Pages::message("Sign in from Vantrel",
                                               "Open this page with Sign in in the "
                                               "Vantrel program."));
+    // The page tells a pending code from an unknown one: guesses are held to the poll's rate.
+    if (!context.devicePages.allow(req.remote_addr)) {
+        res.set_header("Retry-After", std::to_string(context.devicePages.retryAfterSeconds()));
+        return HttpReply::html(res, 429,
+                               Pages::message("Too many attempts",
+                                              "Wait a minute, then open the page from Vantrel "
+                                              "again."));
+    }
     const DeviceCodeState state = context.records.deviceCodeState(code, unixNow());
     if (state != DeviceCodeState::pending)
         return deviceCodePage(res, state, code);
@@ -75,8 +101,8 @@ void approveDevice(ServiceContext &context, const Request &req, Response &res,
         return;
     const std::string code = form["code"].substr(0, 32);
     const std::string email = form["email"].substr(0, 254);
-    if (!context.passwordAttempts.allow(req.remote_addr)) {
-        res.set_header("Retry-After", std::to_string(context.passwordAttempts.retryAfterSeconds()));
+    if (const int wait = passwordWait(context, req, email); wait > 0) {
+        res.set_header("Retry-After", std::to_string(wait));
         return HttpReply::html(res, 429,
                                Pages::device(code, email,
                                              "Too many attempts. Wait a minute and try "
@@ -123,8 +149,8 @@ void signInAccount(ServiceContext &context, const Request &req, Response &res,
     if (!readForm(req, res, reader, form))
         return;
     const std::string email = form["email"].substr(0, 254);
-    if (!context.passwordAttempts.allow(req.remote_addr)) {
-        res.set_header("Retry-After", std::to_string(context.passwordAttempts.retryAfterSeconds()));
+    if (const int wait = passwordWait(context, req, email); wait > 0) {
+        res.set_header("Retry-After", std::to_string(wait));
         return HttpReply::html(res, 429,
                                Pages::accountSignIn(email,
                                                     "Too many attempts. Wait a "
@@ -166,8 +192,38 @@ void signOutAccount(ServiceContext &context, const Request &req, Response &res,
     HttpReply::html(res, 200, Pages::accountSignIn({}, message));
 }
 
+// A form sent from another site: the session cookie is SameSite=Strict, so a browser does not
+// send it along, but a browser that says where the form came from is held to it as well.
+bool fromElsewhere(ServiceContext &context, const Request &req)
+{
+    const std::string origin = req.get_header_value("Origin");
+    return !origin.empty() && origin != context.publicUrl;
+}
+
+void deleteClip(ServiceContext &context, const Request &req, Response &res,
+                const ContentReader &reader)
+{
+    std::map<std::string, std::string> form;
+    if (!readForm(req, res, reader, form))
+        return;
+    const std::optional<UserRecord> user = Authentication::session(context, req);
+    if (!user || fromElsewhere(context, req))
+        return res.set_redirect("/account", 303);
+    const std::string id = req.matches[1];
+    const std::optional<ClipRecord> clip = context.records.clip(id);
+    if (!clip || clip->userId != user->id)
+        return showAccount(context, req, res, "That clip is not among yours any more.");
+    if (form["confirm"] != "1")
+        return HttpReply::html(res, 200, Pages::confirmDelete(*clip));
+    ClipRemoval::remove(context.records, context.files, id);
+    showAccount(context, req, res, "“" + clip->name + "” is deleted; its link now says so.");
+}
+
 void showClip(ServiceContext &context, const Request &req, Response &res)
 {
+    if (context.records.clipDeleted(req.matches[1]))
+        return HttpReply::html(
+            res, 410, Pages::message("Clip deleted", "Whoever shared this clip has deleted it."));
     const std::optional<ClipRecord> clip = context.records.clip(req.matches[1]);
     const std::optional<UserRecord> owner =
         clip ? context.records.userById(clip->userId) : std::nullopt;
@@ -218,6 +274,10 @@ void install(httplib::Server &server, ServiceContext &context)
     server.Post("/account/sign-out",
                 [c](const Request &req, Response &res, const ContentReader &reader) {
                     signOutAccount(*c, req, res, reader);
+                });
+    server.Post(R"(/account/clips/([a-z0-9]{1,32})/delete)",
+                [c](const Request &req, Response &res, const ContentReader &reader) {
+                    deleteClip(*c, req, res, reader);
                 });
     server.Get(R"(/c/([a-z0-9]{1,32}))",
                [c](const Request &req, Response &res) { showClip(*c, req, res); });

@@ -114,6 +114,8 @@ ul.plain li { padding: 8px 0; border-bottom: 1px solid rgba(255,255,255,.06); }
 ul.plain a, a.link { color: #f5c442; }
 .code.small { font-size: 17px; letter-spacing: 1px; }
 label.check { display: flex; gap: 8px; align-items: center; }
+form.inline { display: inline; }
+button.quiet { padding: 3px 9px; font-size: 13px; background: transparent; color: rgba(255,255,255,.6); border: 1px solid rgba(255,255,255,.2); }
 )css";
     return css;
 }
@@ -227,7 +229,9 @@ std::string account(const UserRecord &user, const std::vector<ClipRecord> &clips
     for (const ClipRecord &clip : clips)
         body += "<li><a href=\"/c/" + clip.id + "\">" + escape(clip.name) +
             "</a> <span class=\"muted\">" + durationText(clip.durationMs) + " · " +
-            sizeText(clip.sizeBytes) + "</span></li>\n";
+            sizeText(clip.sizeBytes) + "</span> <form class=\"inline\" method=\"post\" " +
+            "action=\"/account/clips/" + clip.id + "/delete\"><button class=\"quiet\" " +
+            "type=\"submit\">Delete</button></form></li>\n";
     if (clips.empty())
         body += "<li class=\"muted\">No clips shared yet.</li>\n";
     body += "</ul>\n<h2>Folders</h2>\n<ul class=\"plain\">\n";
@@ -243,6 +247,19 @@ std::string account(const UserRecord &user, const std::vector<ClipRecord> &clips
             "computer</label>\n"
             "<button type=\"submit\">Sign out</button>\n</form>\n";
     return layout("Your Vantrel account", body);
+}
+
+std::string confirmDelete(const ClipRecord &clip)
+{
+    return layout("Delete this clip?",
+                  "<h1>Delete “" + escape(clip.name) +
+                      "”?</h1>\n<div class=\"card\">\n<p>The clip, its picture and its link go "
+                      "for good: anyone who opens the link is told it was deleted. The copy on "
+                      "your computer stays.</p>\n<form method=\"post\" action=\"/account/clips/" +
+                      clip.id +
+                      "/delete\">\n<input type=\"hidden\" name=\"confirm\" value=\"1\">\n"
+                      "<button type=\"submit\">Delete for good</button>\n</form>\n"
+                      "<p><a class=\"link\" href=\"/account\">Keep it</a></p>\n</div>\n");
 }
 
 std::string message(const std::string &title, const std::string &text)

@@ -26,8 +26,12 @@ std::string pack(const std::string &publicUrl, const PackRecord &pack,
                  const std::vector<ClipRecord> &clips);
 
 std::string accountSignIn(const std::string &email, const std::string &message);
+// The account page: each clip with a button that deletes it (after confirmDelete()).
 std::string account(const UserRecord &user, const std::vector<ClipRecord> &clips,
                     const std::vector<PackRecord> &packs, const std::string &message);
+
+// Asks once more before a clip is deleted for good.
+std::string confirmDelete(const ClipRecord &clip);
 
 // A page that only says something: "Not found", "Code expired".
 std::string message(const std::string &title, const std::string &text);

@@ -105,7 +105,13 @@ public:
     virtual std::optional<ClipRecord> clip(const std::string &id) = 0;
     virtual std::vector<ClipRecord> clipsOfUser(const std::string &userId) = 0;
     virtual std::vector<std::string> allClipIds() = 0;
+    // Forgets a record whose file is gone (a repair), leaving no trace.
     virtual void removeClip(const std::string &id) = 0;
+    // Deletes a clip its owner or the operator took down: the record goes (and with it the
+    // clip's place in packs) and a note stays that it was deleted. False when there was no such
+    // clip.
+    virtual bool deleteClip(const std::string &id, int64_t now) = 0;
+    virtual bool clipDeleted(const std::string &id) = 0;
     virtual void addPack(const PackRecord &pack) = 0;
     virtual std::optional<PackRecord> pack(const std::string &id) = 0;
     virtual std::vector<PackRecord> packsOfUser(const std::string &userId) = 0;

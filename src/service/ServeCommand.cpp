@@ -2,6 +2,7 @@
 
 #include "service/ClipProbe.h"
 #include "service/CommandLine.h"
+#include "service/DataFolder.h"
 #include "service/DiskFileStore.h"
 #include "service/ServiceServer.h"
 #include "service/SqliteRecordStore.h"
@@ -13,6 +14,7 @@
 #include <filesystem>
 #include <pthread.h>
 #include <sys/file.h>
+#include <sys/resource.h>
 #include <thread>
 #include <unistd.h>
 
@@ -64,6 +66,45 @@ int lockDataFolder(const std::string &folder)
     return fd;
 }
 
+// Every connection is a descriptor: the soft limit (often 1024) is raised as far as the system
+// lets, and the connection limit lowered to fit what it gives, with room for files and the
+// database.
+int fitConnections(int wanted)
+{
+    rlimit files {};
+    if (::getrlimit(RLIMIT_NOFILE, &files) != 0)
+        return wanted;
+    if (files.rlim_cur < files.rlim_max) {
+        files.rlim_cur = files.rlim_max;
+        ::setrlimit(RLIMIT_NOFILE, &files);
+        ::getrlimit(RLIMIT_NOFILE, &files);
+    }
+    const rlim_t spare = 128;
+    if (files.rlim_cur == RLIM_INFINITY || files.rlim_cur >= rlim_t(wanted) + spare)
+        return wanted;
+    const int fitted = std::max(16, int(files.rlim_cur) - int(spare));
+    std::fprintf(stderr,
+                 "vantrel-service: only %d descriptors may be open; serving at most %d "
+                 "connections at once\n",
+                 int(files.rlim_cur), fitted);
+    return fitted;
+}
+
+TrustedProxies parseProxies(const std::vector<std::string> &addresses)
+{
+    TrustedProxies proxies;
+    for (const std::string &address : addresses) {
+        try {
+            proxies.add(address);
+        } catch (const std::invalid_argument &) {
+            throw CommandLine::Error("--trusted-proxy takes the address of a proxy in front of "
+                                     "the service, such as 127.0.0.1, not \"" +
+                                     address + "\".");
+        }
+    }
+    return proxies;
+}
+
 } // namespace
 
 namespace ServeCommand {
@@ -72,7 +113,9 @@ int run(const std::vector<std::string> &arguments)
 {
     const CommandLine line(arguments,
                            {"data", "listen", "public-url", "tls-cert", "tls-key", "max-upload",
-                            "code-lifetime", "poll-rate", "token-rate", "threads"},
+                            "code-lifetime", "poll-rate", "token-rate", "threads", "trusted-proxy",
+                            "max-connections", "connections-per-address", "handshake-timeout",
+                            "head-timeout", "poster-memory"},
                            {"quiet"});
     if (!line.words().empty())
         throw CommandLine::Error("serve takes no words, only options.");
@@ -91,6 +134,18 @@ int run(const std::vector<std::string> &arguments)
         limits.tokenRequestsPerMinute = CommandLine::parseInteger(*value, "token-rate", 1, 100000);
     if (auto value = line.option("threads"))
         limits.threads = CommandLine::parseInteger(*value, "threads", 2, 1024);
+    if (auto value = line.option("max-connections"))
+        limits.maxConnections = CommandLine::parseInteger(*value, "max-connections", 4, 1000000);
+    if (auto value = line.option("connections-per-address"))
+        limits.connectionsPerAddress =
+            CommandLine::parseInteger(*value, "connections-per-address", 1, 1000000);
+    if (auto value = line.option("handshake-timeout"))
+        limits.handshakeSeconds = CommandLine::parseInteger(*value, "handshake-timeout", 1, 600);
+    if (auto value = line.option("head-timeout"))
+        limits.headSeconds = CommandLine::parseInteger(*value, "head-timeout", 1, 600);
+    if (auto value = line.option("poster-memory"))
+        limits.posterMemoryBytes = CommandLine::parseSize(*value, "poster-memory");
+    limits.maxConnections = fitConnections(limits.maxConnections);
 
     ListenConfig config;
     config.host = listen.host;
@@ -98,6 +153,7 @@ int run(const std::vector<std::string> &arguments)
     config.tlsCertificate = line.option("tls-cert").value_or("");
     config.tlsKey = line.option("tls-key").value_or("");
     config.logRequests = !line.flag("quiet");
+    config.trustedProxies = parseProxies(line.values("trusted-proxy"));
     if (config.tlsCertificate.empty() != config.tlsKey.empty())
         throw CommandLine::Error("--tls-cert and --tls-key go together.");
     const bool tls = !config.tlsCertificate.empty();
@@ -105,10 +161,7 @@ int run(const std::vector<std::string> &arguments)
         throw CommandLine::Error("Without --tls-cert and --tls-key the service serves plain HTTP, "
                                  "and then only on 127.0.0.1.");
 
-    std::error_code error;
-    std::filesystem::create_directories(data, error);
-    if (error)
-        throw std::runtime_error("Cannot create the data folder " + data + ": " + error.message());
+    DataFolder::prepare(data);
     const int lock = lockDataFolder(data);
 
     ClipProbe::silenceLibraryLog();

@@ -1,6 +1,9 @@
 #include "service/ServiceCommands.h"
 
+#include "service/ClipInspection.h"
+#include "service/ClipRemoval.h"
 #include "service/CommandLine.h"
+#include "service/DataFolder.h"
 #include "service/DiskFileStore.h"
 #include "service/ReleaseVersion.h"
 #include "service/Secrets.h"
@@ -12,14 +15,12 @@
 #include <nlohmann/json.hpp>
 
 #include <cstdio>
-#include <filesystem>
 #include <fstream>
 #include <iostream>
 #include <sstream>
+#include <sys/stat.h>
 #include <termios.h>
 #include <unistd.h>
-
-namespace fs = std::filesystem;
 
 namespace {
 
@@ -39,12 +40,7 @@ struct Stores
 std::string dataFolder(const CommandLine &line)
 {
     const std::string folder = line.required("data");
-    std::error_code error;
-    fs::create_directories(folder, error);
-    if (error)
-        throw std::runtime_error("Cannot create the data folder " + folder + ": " +
-                                 error.message());
-    fs::permissions(folder, fs::perms::owner_all, fs::perm_options::replace, error);
+    DataFolder::prepare(folder);
     return folder;
 }
 
@@ -211,6 +207,26 @@ int releaseAdd(const Arguments &arguments)
     return 0;
 }
 
+int clipDelete(const Arguments &arguments)
+{
+    const CommandLine line(arguments, {"data"});
+    expectWords(line, 1, "clip delete ID --data DIR");
+    const std::string id = line.words()[0];
+    Stores stores(dataFolder(line));
+    const std::optional<ClipRecord> clip = stores.records.clip(id);
+    if (!clip) {
+        if (stores.records.clipDeleted(id))
+            throw std::runtime_error("The clip " + id + " was deleted already.");
+        throw std::runtime_error("There is no clip with the id " + id + ".");
+    }
+    const std::optional<UserRecord> owner = stores.records.userById(clip->userId);
+    if (!ClipRemoval::remove(stores.records, stores.files, id))
+        throw std::runtime_error("The clip " + id + " was deleted already.");
+    std::fprintf(stderr, "Deleted the clip %s (\"%s\" by %s); its link now says it was deleted.\n",
+                 id.c_str(), clip->name.c_str(), owner ? owner->email.c_str() : "nobody");
+    return 0;
+}
+
 int adsSet(const Arguments &arguments)
 {
     const CommandLine line(arguments, {"data"});
@@ -238,11 +254,15 @@ std::string usage()
   vantrel-service serve --data DIR --listen 127.0.0.1:8443 --public-url https://HOST
                         [--tls-cert FILE --tls-key FILE] [--max-upload 2G]
                         [--code-lifetime 600] [--poll-rate 60] [--token-rate 300]
-                        [--threads 64] [--quiet]
+                        [--threads 64] [--trusted-proxy ADDRESS]...
+                        [--max-connections 1000] [--connections-per-address 32]
+                        [--handshake-timeout 10] [--head-timeout 10]
+                        [--poster-memory 512M] [--quiet]
   vantrel-service user add EMAIL --name NAME --data DIR      (password on standard input)
   vantrel-service token issue EMAIL --data DIR               (prints a new token)
   vantrel-service token revoke TOKEN|- --data DIR            (or --all EMAIL)
   vantrel-service release add VERSION ARCHIVE --notes TEXT --signature FILE --data DIR
+  vantrel-service clip delete ID --data DIR                  (its link then says it was deleted)
   vantrel-service ads set FILE --data DIR
 )";
 }
@@ -261,11 +281,16 @@ int run(const std::vector<std::string> &arguments)
     const auto rest = [&](size_t from) {
         return Arguments(arguments.begin() + long(from), arguments.end());
     };
+    // Whatever the service writes (the records, clips, the lock) is for its own account only.
+    ::umask(077);
     try {
         if (!Secrets::initialize())
             throw std::runtime_error("libsodium could not start.");
         if (starts({"serve"}))
             return ServeCommand::run(rest(1));
+        // Not for people: the server runs this to check an upload in a process of its own.
+        if (starts({"inspect-clip"}))
+            return ClipInspection::child(rest(1));
         if (starts({"user", "add"}))
             return userAdd(rest(2));
         if (starts({"token", "issue"}))
@@ -274,6 +299,8 @@ int run(const std::vector<std::string> &arguments)
             return tokenRevoke(rest(2));
         if (starts({"release", "add"}))
             return releaseAdd(rest(2));
+        if (starts({"clip", "delete"}))
+            return clipDelete(rest(2));
         if (starts({"ads", "set"}))
             return adsSet(rest(2));
         if (starts({"--help"}) || starts({"help"})) {

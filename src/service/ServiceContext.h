@@ -22,6 +22,8 @@ struct ServiceContext
         , deviceStarts(limits.deviceStartsPerMinute)
         , tokenRequests(limits.tokenRequestsPerMinute)
         , passwordAttempts(limits.passwordAttemptsPerMinute)
+        , accountPasswordAttempts(limits.passwordAttemptsPerAccountPerMinute)
+        , devicePages(limits.devicePollsPerMinute)
     {
     }
 
@@ -34,7 +36,11 @@ struct ServiceContext
     RateLimiter devicePolls;
     RateLimiter deviceStarts;
     RateLimiter tokenRequests;
-    RateLimiter passwordAttempts;
+    RateLimiter passwordAttempts; // by client
+    RateLimiter accountPasswordAttempts; // by email, in lower case
+    // The device page tells a pending code from an unknown one, so guessing there is held to
+    // the poll's rate.
+    RateLimiter devicePages;
     // Each password check takes 64 MiB for a moment; two at a time keeps a burst of sign-ins
     // from taking the machine's memory.
     std::counting_semaphore<2> passwordChecks {2};

@@ -1,13 +1,14 @@
 #pragma once
 
 #include "service/ServiceContext.h"
+#include "service/TrustedProxies.h"
 
 #include <memory>
 #include <string>
 
-namespace httplib {
-class Server;
-}
+class FrontDoor;
+class HttpEngine;
+typedef struct ssl_ctx_st SSL_CTX;
 
 // Where and how the server listens.
 struct ListenConfig
@@ -17,9 +18,12 @@ struct ListenConfig
     std::string tlsCertificate; // PEM chain; empty with the key: plain HTTP
     std::string tlsKey;
     bool logRequests = true;
+    // Proxies whose X-Forwarded-For names the client (--trusted-proxy).
+    TrustedProxies trustedProxies;
 };
 
-// The HTTP(S) server: every route, the rules every reply follows, and the thread pool.
+// The HTTP(S) server: every route and the rules every reply follows, behind the front door that
+// accepts connections and checks requests before the HTTP library sees them.
 class ServiceServer
 {
 public:
@@ -34,13 +38,19 @@ public:
     void run();
     void stop();
 
-    bool usesTls() const { return m_tls; }
+    bool usesTls() const { return m_tls != nullptr; }
 
 private:
+    struct TlsFree
+    {
+        void operator()(SSL_CTX *context) const;
+    };
+
     void installRules();
 
     ServiceContext &m_context;
     ListenConfig m_config;
-    bool m_tls = false;
-    std::unique_ptr<httplib::Server> m_server;
+    std::unique_ptr<SSL_CTX, TlsFree> m_tls;
+    std::unique_ptr<HttpEngine> m_engine;
+    std::unique_ptr<FrontDoor> m_door;
 };

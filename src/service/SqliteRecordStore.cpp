@@ -65,7 +65,11 @@ CREATE TABLE IF NOT EXISTS settings (
     key TEXT PRIMARY KEY,
     value TEXT NOT NULL
 );
-PRAGMA user_version = 1;
+CREATE TABLE IF NOT EXISTS deleted_clips (
+    id TEXT PRIMARY KEY,
+    deleted_at INTEGER NOT NULL
+);
+PRAGMA user_version = 2;
 )sql";
 
 UserRecord readUser(const SqliteStatement &row)
@@ -333,6 +337,29 @@ void SqliteRecordStore::removeClip(const std::string &id)
     std::scoped_lock lock(m_mutex);
     SqliteStatement remove(m_db, "DELETE FROM clips WHERE id = ?");
     remove.bind(1, id).run();
+}
+
+bool SqliteRecordStore::deleteClip(const std::string &id, int64_t now)
+{
+    std::scoped_lock lock(m_mutex);
+    SqliteTransaction transaction(m_db);
+    SqliteStatement remove(m_db, "DELETE FROM clips WHERE id = ?");
+    remove.bind(1, id).run();
+    if (m_db.changes() != 1)
+        return false;
+    SqliteStatement note(m_db,
+                         "INSERT OR REPLACE INTO deleted_clips (id, deleted_at) VALUES (?, ?)");
+    note.bind(1, id).bind(2, now).run();
+    transaction.commit();
+    return true;
+}
+
+bool SqliteRecordStore::clipDeleted(const std::string &id)
+{
+    std::scoped_lock lock(m_mutex);
+    SqliteStatement query(m_db, "SELECT 1 FROM deleted_clips WHERE id = ?");
+    query.bind(1, id);
+    return query.step();
 }
 
 void SqliteRecordStore::addPack(const PackRecord &pack)

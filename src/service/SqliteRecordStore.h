@@ -37,6 +37,8 @@ public:
     std::vector<ClipRecord> clipsOfUser(const std::string &userId) override;
     std::vector<std::string> allClipIds() override;
     void removeClip(const std::string &id) override;
+    bool deleteClip(const std::string &id, int64_t now) override;
+    bool clipDeleted(const std::string &id) override;
     void addPack(const PackRecord &pack) override;
     std::optional<PackRecord> pack(const std::string &id) override;
     std::vector<PackRecord> packsOfUser(const std::string &userId) override;

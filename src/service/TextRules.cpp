@@ -68,6 +68,15 @@ std::optional<std::string> cleanLine(const std::string &text)
     return out.substr(first, last - first + 1);
 }
 
+std::string_view trimmedBlanks(std::string_view text)
+{
+    while (!text.empty() && (text.front() == ' ' || text.front() == '\t'))
+        text.remove_prefix(1);
+    while (!text.empty() && (text.back() == ' ' || text.back() == '\t'))
+        text.remove_suffix(1);
+    return text;
+}
+
 size_t characterCount(const std::string &text)
 {
     size_t count = 0;

@@ -2,6 +2,7 @@
 
 #include <optional>
 #include <string>
+#include <string_view>
 
 // Checks and clean-ups for the short texts people send: names, titles, emails.
 namespace TextRules {
@@ -9,6 +10,9 @@ namespace TextRules {
 // The text with white space trimmed at both ends and control characters removed; none when it
 // is not valid UTF-8.
 std::optional<std::string> cleanLine(const std::string &text);
+
+// The text without the blanks (spaces and tabs) at its ends.
+std::string_view trimmedBlanks(std::string_view text);
 
 // Characters (code points) of valid UTF-8 text.
 size_t characterCount(const std::string &text);

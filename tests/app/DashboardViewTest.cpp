@@ -284,6 +284,13 @@ TEST_F(DashboardViewTest, SettingsKeyCaptureTogglesAndMeasuredMemory)
     EXPECT_FALSE(ClipSettings::armOnLaunch());
     model->setIsClipping(true);
     EXPECT_FALSE(child<QWidget>(view.get(), QStringLiteral("recordMicrophone"))->isEnabled());
+    // The quality is stored as chosen, for the next arming.
+    EXPECT_EQ(ClipSettings::quality(), CaptureQuality::full);
+    clickOn(button(QStringLiteral("quality720p60")));
+    EXPECT_EQ(ClipSettings::quality(), CaptureQuality::smooth720p60);
+    EXPECT_EQ(ClipSettings::quality().maxSide(), 1280);
+    clickOn(button(QStringLiteral("quality1080p30")));
+    EXPECT_EQ(ClipSettings::quality().fps(), 30);
 
     // Before anything was measured the line says so; a measured rate is multiplied out for the
     // chosen length, and follows the length.

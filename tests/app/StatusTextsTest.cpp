@@ -41,4 +41,8 @@ TEST_F(StatusTextsTest, NameTheClipKeyAndSayWhatAFileLacks)
     EXPECT_EQ(StatusTexts::forSession({std::nullopt, QStringLiteral("No space left on device")}),
               QStringLiteral("The session recording could not be saved: No space left on device"));
     EXPECT_EQ(StatusTexts::forSession({}), QString());
+
+    EXPECT_EQ(StatusTexts::forFallingBehind(47.6, 60, 1080),
+              QStringLiteral("Recording at 48 frames a second: this computer cannot keep up with "
+                             "1080p at 60. Choose a smoother quality in Settings."));
 }

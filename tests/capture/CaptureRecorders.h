@@ -22,7 +22,7 @@ struct FrameRecord
     VideoFrame::Status status = VideoFrame::Status::complete;
     int width = 0;
     int height = 0;
-    uint64_t hash = 0; // of a sample of the pixels; 0 for idle frames
+    uint64_t hash = 0; // of a sample of the pixels; 0 for frames without
     bool hasPixels = false;
     std::vector<uint8_t> pixels; // a tight BGRA copy, when the log keeps pixels
 };
@@ -55,7 +55,7 @@ public:
                             0,
                             frame.pixels != nullptr,
                             {}};
-        if (frame.status == VideoFrame::Status::complete && frame.pixels) {
+        if (frame.status != VideoFrame::Status::idle && frame.pixels) {
             record.hash = sampleHash(frame);
             if (m_keepPixels)
                 record.pixels = packedBgra(frame);

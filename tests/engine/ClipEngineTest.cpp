@@ -124,14 +124,19 @@ protected:
     }
     QString logText() const { return readTextFile(Paths::logFile()); }
 
-    // A 1 kHz tone played into the default sink, whose monitor is the system audio.
-    std::unique_ptr<ChildProcess> playTone()
+    // A 1 kHz tone played into `sink` (the default sink, whose monitor is the system audio,
+    // when empty).
+    std::unique_ptr<ChildProcess> playTone(const QString &sink = {})
     {
         const std::string wav = (tempFolder() + QStringLiteral("/tone.wav")).toStdString();
-        if (ChildProcess::run({"ffmpeg", "-v", "error", "-f", "lavfi", "-i",
+        if (!QFile::exists(QString::fromStdString(wav)) &&
+            ChildProcess::run({"ffmpeg", "-v", "error", "-f", "lavfi", "-i",
                                "sine=f=1000:r=48000:d=90", "-ac", "2", "-y", wav}) != 0)
             return nullptr;
-        return std::make_unique<ChildProcess>(std::vector<std::string> {"paplay", wav});
+        std::vector<std::string> command {"paplay", wav};
+        if (!sink.isEmpty())
+            command.push_back("--device=" + sink.toStdString());
+        return std::make_unique<ChildProcess>(command);
     }
 };
 
@@ -306,17 +311,124 @@ TEST_F(ClipEngineTest, LosingTheDisplayServerStopsAndDropsTheSession)
     EXPECT_FALSE(engine.isArmed());
 }
 
-// A still screen is delivered as a few idle frames, and only the first frame reaches the encoder.
-TEST_F(ClipEngineTest, StillScreenEncodesOnlyTheFirstFrame)
+// The video and the audio track of a written file last as long as each other.
+void expectWholeTracks(const QString &path)
 {
-    ClipEngine engine;
-    engine.start().waitForFinished();
-    ASSERT_TRUE(waitUntil([&] { return engine.framesIdle() >= 3; }, 20000))
-        << engine.framesDelivered() << " delivered, " << engine.framesIdle() << " idle";
-    EXPECT_EQ(engine.framesIn(), 1);
-    EXPECT_EQ(engine.framesDelivered() - engine.framesIdle(), 1);
-    EXPECT_LE(engine.framesIdle(), 5); // about one a second, not one a tick
-    engine.stop(false).waitForFinished();
+    const QJsonObject probed = probe::ffprobe(path);
+    const QJsonArray video = probe::streams(probed, QStringLiteral("video"));
+    const QJsonArray audio = probe::streams(probed, QStringLiteral("audio"));
+    ASSERT_EQ(video.size(), 1) << qPrintable(path);
+    ASSERT_EQ(audio.size(), 1) << qPrintable(path);
+    const double videoSeconds =
+        probe::number(video[0].toObject().value(QStringLiteral("duration")));
+    const double audioSeconds =
+        probe::number(audio[0].toObject().value(QStringLiteral("duration")));
+    EXPECT_GT(videoSeconds, 5) << qPrintable(path);
+    EXPECT_NEAR(videoSeconds, audioSeconds, 0.1) << qPrintable(path);
+    EXPECT_EQ(decodeErrors(path), QString()) << qPrintable(path);
+}
+
+// Nothing drawn for 15 s: the picture is handed on again about once a second and the last frame
+// lasts until the sound ends, so the clip and the session file have a picture all along.
+TEST_F(ClipEngineTest, StillScreenMakesWholeClipsAndSessions)
+{
+    PrivateServer x = startXvfb(tempFolder().toStdString(), "1280x720");
+    ASSERT_TRUE(x.server) << x.error;
+    setenv("DISPLAY", x.address.c_str(), 1);
+    auto tone = playTone();
+    ASSERT_TRUE(tone && tone->running());
+    ClipSettings::setMaxDuration(15);
+
+    QString clip;
+    std::optional<SessionOutcome> session;
+    {
+        ClipEngine engine;
+        engine.start().waitForFinished();
+        ASSERT_TRUE(waitUntil([&] { return engine.bufferedDuration() >= 15; }, 40000))
+            << engine.bufferedDuration();
+        // One grab, then a repeat a second: no encoding at the tick rate.
+        EXPECT_LE(engine.framesDelivered(), 25);
+        EXPECT_GE(engine.framesIdle(), 14);
+        EXPECT_GE(engine.framesIn(), 14);
+        clip = engine.saveClip().result().path;
+        session = engine.stop(true).result();
+    }
+    expectWholeTracks(clip);
+    ASSERT_TRUE(session && session->file);
+    expectWholeTracks(session->file->path);
+    // The picture is there to the end.
+    const double seconds = durationSeconds(probe::ffprobe(clip));
+    EXPECT_GE(seconds, 14.9);
+    EXPECT_EQ(probe::grayFrame(clip, seconds - 0.1).size(), 160 * 90);
+}
+
+// The user's devices change while armed: the default output switches to another sink, then that
+// sink goes away. The capture follows each change within 2 s and keeps its video; the clip across
+// both has its sound in step with its picture (a short silence at each move, no drift).
+TEST_F(ClipEngineTest, AudioFollowsTheDefaultOutputThroughChangesAndRemoval)
+{
+    const std::string dir = tempFolder().toStdString();
+    PrivateServer pulse = startPulse(dir);
+    ASSERT_TRUE(pulse.server) << pulse.error;
+    setenv("PULSE_SERVER", pulse.address.c_str(), 1);
+    PrivateServer x = startXvfb(dir, "1280x720");
+    ASSERT_TRUE(x.server) << x.error;
+    setenv("DISPLAY", x.address.c_str(), 1);
+    ChildProcess load({"pactl", "load-module", "module-null-sink", "sink_name=second"});
+    const std::optional<std::string> module = load.readLine(10s);
+    ASSERT_TRUE(module && !module->empty());
+    // A tone on each sink, played there whatever the default.
+    auto tone = playTone(QStringLiteral("private_null"));
+    auto secondTone = playTone(QStringLiteral("second"));
+    ASSERT_TRUE(tone && tone->running() && secondTone && secondTone->running());
+    ClipSettings::setMaxDuration(30);
+
+    QString clip;
+    {
+        ClipEngine engine;
+        engine.start().waitForFinished();
+        ASSERT_TRUE(waitUntil([&] { return engine.bufferedDuration() >= 3; }, 20000));
+        const auto moved = [&](const char *device) {
+            return waitUntil(
+                [&] {
+                    return logText().contains(
+                        QStringLiteral("System audio now comes from %1").arg(device));
+                },
+                2000);
+        };
+        EXPECT_EQ(ChildProcess::run({"pactl", "set-default-sink", "second"}), 0);
+        EXPECT_TRUE(moved("second.monitor"));
+        ASSERT_TRUE(waitUntil([&] { return engine.bufferedDuration() >= 6; }, 20000));
+        EXPECT_EQ(ChildProcess::run({"pactl", "unload-module", *module}), 0);
+        EXPECT_TRUE(moved("private_null.monitor"));
+        ASSERT_TRUE(waitUntil([&] { return engine.bufferedDuration() >= 11; }, 20000));
+        EXPECT_TRUE(engine.isArmed());
+        EXPECT_FALSE(logText().contains(QStringLiteral("stream stopped")));
+        clip = engine.saveClip().result().path;
+        engine.stop(false).waitForFinished();
+    }
+    expectWholeTracks(clip);
+    // The tone before, between and after the moves. A null sink hands its monitor nothing for
+    // up to two seconds after a move: that much silence, and no more, at each.
+    const std::vector<float> audio = probe::decodeAudio(clip, 0);
+    constexpr size_t window = 4800;
+    std::string heard;
+    for (size_t from = 48000; from + window <= audio.size(); from += window) {
+        const std::vector<float> piece(audio.begin() + long(from),
+                                       audio.begin() + long(from + window));
+        heard += rms(piece) > 0.02 && toneShare(piece, 1000) > 0.9 ? '#' : '.';
+    }
+    size_t longestSilence = 0;
+    for (size_t at = 0, run = 0; at < heard.size(); ++at) {
+        run = heard[at] == '#' ? 0 : run + 1;
+        longestSilence = std::max(longestSilence, run);
+    }
+    EXPECT_LE(longestSilence, 25u) << heard;
+    EXPECT_GE(std::count(heard.begin(), heard.end(), '#'), long(heard.size() / 2)) << heard;
+    // After the last move the sound is there to the end (a loaded machine may drop a little).
+    ASSERT_GT(heard.size(), 20u);
+    const std::string end = heard.substr(heard.size() - 20, 15);
+    EXPECT_GE(std::count(end.begin(), end.end(), '#'), 11) << heard;
 }
 
 // With two monitors the one under the pointer is captured, each at its own size.

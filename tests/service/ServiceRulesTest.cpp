@@ -1,11 +1,15 @@
 // The small rules the routes lean on, where a wrong edge would cost a client: byte ranges,
-// release order, the rate buckets, the texts people send.
+// release order, the rate buckets, the texts people send, request heads, the client behind a
+// proxy and what the log masks.
 #include "service/ByteRange.h"
 #include "service/MultipartStream.h"
 #include "service/RateLimiter.h"
 #include "service/ReleaseVersion.h"
 #include "service/RequestBody.h"
+#include "service/RequestHead.h"
+#include "service/ServiceLog.h"
 #include "service/TextRules.h"
+#include "service/TrustedProxies.h"
 
 #include <gtest/gtest.h>
 
@@ -132,4 +136,96 @@ TEST(ServiceRulesTest, MultipartPartsArriveWholeHoweverTheBodyIsCut)
         [](const char *, size_t) { return true; });
     const std::string noDisposition = "--" + boundary + "\r\nContent-Type: x\r\n\r\nz";
     EXPECT_FALSE(junk.feed(noDisposition.data(), noDisposition.size()));
+}
+
+TEST(ServiceRulesTest, RequestHeadsAreReadOneWayOnly)
+{
+    const RequestHeadLimits limits;
+    const auto parse = [&](const std::string &head) { return RequestHead::parse(head, limits); };
+    const RequestHead good = parse("POST /v1/packs?x=1 HTTP/1.1\r\nHost: a\r\nContent-Length: 2, "
+                                   "2\r\nContent-Length: 2\r\nExpect: 100-Continue\r\n"
+                                   "X-Forwarded-For: 1.1.1.1, 2.2.2.2\r\nX-Forwarded-For: "
+                                   "3.3.3.3\r\nConnection: close\r\n\r\n");
+    ASSERT_EQ(good.refusal(), 0) << good.reason();
+    EXPECT_EQ(good.path(), "/v1/packs");
+    EXPECT_EQ(good.contentLength(), 2u);
+    EXPECT_TRUE(good.expectsContinue());
+    EXPECT_FALSE(good.keepAlive());
+    EXPECT_EQ(good.forwardedFor(), (std::vector<std::string> {"1.1.1.1", "2.2.2.2", "3.3.3.3"}));
+    const std::string text = good.text();
+    EXPECT_EQ(text.find("Content-Length: 2\r\n"), text.rfind("Content-Length"))
+        << "the library is given one length";
+    EXPECT_FALSE(parse("GET / HTTP/1.0\r\n\r\n").keepAlive());
+    EXPECT_TRUE(parse("GET / HTTP/1.0\r\nConnection: Keep-Alive\r\n\r\n").keepAlive());
+
+    struct Case
+    {
+        std::string head;
+        int status;
+    };
+    const std::string tooMany = [] {
+        std::string head = "GET / HTTP/1.1\r\n";
+        for (int i = 0; i < 101; ++i)
+            head += "A" + std::to_string(i) + ": b\r\n";
+        return head + "\r\n";
+    }();
+    for (const Case &c : {
+             Case {"POST / HTTP/1.1\r\n\r\n", 411},
+             Case {"PUT / HTTP/1.1\r\nTransfer-Encoding: chunked\r\n\r\n", 411},
+             Case {"GET / HTTP/1.1\r\nContent-Length: 1\r\nContent-Length: 2\r\n\r\n", 400},
+             Case {"GET / HTTP/1.1\r\nContent-Length: 1, 2\r\n\r\n", 400},
+             Case {"GET / HTTP/1.1\r\nContent-Length: -1\r\n\r\n", 400},
+             Case {"GET / HTTP/1.1\r\nContent-Length: 99999999999999999999\r\n\r\n", 400},
+             Case {"GET / HTTP/1.1\r\nA: b\r\n\tc\r\n\r\n", 400},
+             Case {"GET / HTTP/1.1\r\nA : b\r\n\r\n", 400},
+             Case {"GET / HTTP/1.1\r\nA: b\x01\r\n\r\n", 400},
+             Case {"GET / HTTP/1.1\r\nA: b\nC: d\r\n\r\n", 400},
+             Case {"GET /a b HTTP/1.1\r\n\r\n", 400},
+             Case {"GET / HTTP/2.0\r\n\r\n", 505},
+             Case {"GET /" + std::string(9000, 'a') + " HTTP/1.1\r\n\r\n", 414},
+             Case {tooMany, 431},
+             Case {"\r\n\r\n", 400},
+         })
+        EXPECT_EQ(parse(c.head).refusal(), c.status) << c.head.substr(0, 60);
+
+    // The scanner finds the end across pieces and gives up on a flood of lines early.
+    const std::string whole = "GET / HTTP/1.1\r\nHost: a\r\n\r\nbody";
+    RequestHead::Scanner scanner(limits);
+    for (size_t size = 1; size < whole.size(); ++size) {
+        const std::optional<size_t> end = scanner.scan(std::string_view(whole).substr(0, size));
+        if (end) {
+            EXPECT_EQ(*end, whole.size() - 4);
+            break;
+        }
+        EXPECT_LT(size, whole.size() - 4);
+    }
+    RequestHead::Scanner lines(limits);
+    EXPECT_FALSE(lines.scan(std::string(300, '\n').insert(0, "GET / HTTP/1.1\r")));
+    EXPECT_TRUE(lines.tooLarge()) << "more lines than headers allowed";
+}
+
+TEST(ServiceRulesTest, TheClientBehindTrustedProxiesAndTheLogsMasks)
+{
+    TrustedProxies proxies;
+    proxies.add("127.0.0.1");
+    proxies.add("::ffff:10.9.9.9");
+    EXPECT_THROW(proxies.add("example.org"), std::invalid_argument);
+    EXPECT_EQ(proxies.clientOf("127.0.0.1", {}), "127.0.0.1");
+    EXPECT_EQ(proxies.clientOf("127.0.0.1", {"6.6.6.6", "1.2.3.4"}), "1.2.3.4");
+    EXPECT_EQ(proxies.clientOf("127.0.0.1", {"1.2.3.4", "10.9.9.9"}), "1.2.3.4")
+        << "a chain of trusted proxies";
+    EXPECT_EQ(proxies.clientOf("127.0.0.1", {"1.2.3.4", "junk"}), "127.0.0.1");
+    EXPECT_EQ(proxies.clientOf("8.8.8.8", {"1.2.3.4"}), "8.8.8.8") << "from anyone else: ignored";
+    EXPECT_EQ(proxies.clientOf("127.0.0.1", {"2001:DB8::0001"}), "2001:db8::1");
+    EXPECT_EQ(TrustedProxies::normalized("[::1]"), "::1");
+
+    EXPECT_EQ(ServiceLog::redacted("1.2.3.4 GET /v1/auth/device/KXRT-4QWM 204"),
+              "1.2.3.4 GET /v1/auth/device/[hidden] 204");
+    EXPECT_EQ(ServiceLog::redacted("PUT /device/KXRT-4QWM 411"), "PUT /device/[hidden] 411");
+    EXPECT_EQ(ServiceLog::redacted("token vt_abcdefghijklmnop_-X given"),
+              "token vt_[hidden] given");
+    EXPECT_EQ(ServiceLog::redacted("/device?code=AB12-CD34&x=1"), "/device?code=[hidden]&x=1");
+    EXPECT_EQ(ServiceLog::redacted("line\nforged"), "line?forged");
+    EXPECT_EQ(ServiceLog::redacted("GET /c/abcd2345efgh 200"), "GET /c/abcd2345efgh 200");
+    EXPECT_EQ(ServiceLog::redacted("ABCD-EFGHI"), "ABCD-EFGHI") << "not a code's shape";
 }

@@ -120,6 +120,11 @@ void OwnService::start()
                                  readFile(m_folder / "service.log"));
 }
 
+pid_t OwnService::pid() const
+{
+    return m_process ? m_process->pid() : -1;
+}
+
 void OwnService::kill9()
 {
     m_process->signal(SIGKILL);

@@ -2,6 +2,8 @@
 
 #include <httplib.h>
 
+#include <sys/types.h>
+
 #include <chrono>
 #include <filesystem>
 #include <memory>
@@ -35,6 +37,9 @@ public:
     // Starts (again) on the same data folder and port.
     void start();
     void kill9();
+    pid_t pid() const;
+    // Its standard error: the request log.
+    std::filesystem::path logPath() const { return m_folder / "service.log"; }
 
 private:
     std::filesystem::path m_folder;

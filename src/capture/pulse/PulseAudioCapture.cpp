@@ -29,6 +29,14 @@ constexpr int64_t reanchorToleranceNanoseconds = 5'000'000;
 // A second of blocks may wait for a busy consumer before new ones are dropped.
 constexpr int maxPacketsInFlight = int(1'000'000'000 / blockNanoseconds);
 constexpr pa_usec_t startTimeoutMicroseconds = 5'000'000;
+// A recording moves this long after the server reports the change (so that the change is
+// complete: a sink being unloaded takes its monitor and then the default with it), and tries
+// again this often while there is no device to move to.
+constexpr pa_usec_t moveDelayMicroseconds = 50'000;
+constexpr pa_usec_t retryMicroseconds = 500'000;
+// How long after the first samples of a recording that started or moved its sink's latency
+// reports are not trusted (see read()).
+constexpr int64_t sinkLatencyDistrustNanoseconds = 3'000'000'000;
 
 struct ProplistDeleter
 {
@@ -40,6 +48,18 @@ struct StreamDeleter
 {
     void operator()(pa_stream *stream) const { pa_stream_unref(stream); }
 };
+
+// Operations whose answer comes through a callback are let go of at once.
+void release(pa_operation *operation)
+{
+    if (operation)
+        pa_operation_unref(operation);
+}
+
+const char *sourceText(PulseAudioCapture::Source source)
+{
+    return source == PulseAudioCapture::Source::system ? "system audio" : "the microphone";
+}
 
 } // namespace
 
@@ -73,6 +93,15 @@ struct PulseAudioCapture::Recording
     std::atomic<int64_t> holes {0};
     std::atomic<int64_t> reanchors {0};
     std::atomic<int64_t> cutSamples {0};
+    std::atomic<int64_t> moves {0};
+    // Mainloop lock: the recording waits to move to its default device (why, for the log), or
+    // has just been moved and says so once its new stream is ready.
+    const char *moveReason = nullptr;
+    bool pendingMove = false;
+    bool moving = false;
+    // Mainloop thread: when the sink's latency reports are trusted again (see read()); -1 until
+    // the first samples after a start or a move.
+    int64_t sinkLatencyFrom = -1;
 };
 
 void PulseAudioCapture::LoopDeleter::operator()(pa_threaded_mainloop *loop) const
@@ -85,11 +114,12 @@ void PulseAudioCapture::ContextDeleter::operator()(pa_context *context) const
     pa_context_unref(context);
 }
 
-PulseAudioCapture::PulseAudioCapture(int sampleRate, int channels)
+PulseAudioCapture::PulseAudioCapture(int sampleRate, int channels, Notice onNotice)
     : m_sampleRate(sampleRate)
     , m_channels(channels)
     , m_format(std::make_shared<const AudioFormat>(
           AudioFormat {sampleRate, channels, AudioFormat::SampleFormat::Float32, false}))
+    , m_onNotice(std::move(onNotice))
 {
 }
 
@@ -179,39 +209,8 @@ void PulseAudioCapture::startLocked()
         pa_threaded_mainloop_wait(m_loop.get());
     }
 
-    const pa_sample_spec sampleFormat {PA_SAMPLE_FLOAT32LE, uint32_t(m_sampleRate),
-                                       uint8_t(m_channels)};
-    pa_channel_map map;
-    pa_channel_map_init_auto(&map, sampleFormat.channels, PA_CHANNEL_MAP_DEFAULT);
-    // fragsize asks the server to hand over about 10 ms at a time; the rest is left to it.
-    pa_buffer_attr attributes;
-    attributes.maxlength = uint32_t(-1);
-    attributes.tlength = uint32_t(-1);
-    attributes.prebuf = uint32_t(-1);
-    attributes.minreq = uint32_t(-1);
-    attributes.fragsize = uint32_t(pa_usec_to_bytes(packetNanoseconds / 1000, &sampleFormat));
-    const auto flags = pa_stream_flags_t(PA_STREAM_ADJUST_LATENCY | PA_STREAM_AUTO_TIMING_UPDATE |
-                                         PA_STREAM_INTERPOLATE_TIMING);
-
-    for (const auto &recording : m_recordings) {
-        const bool system = recording->source == Source::system;
-        Proplist properties(pa_proplist_new());
-        pa_proplist_sets(properties.get(), PA_PROP_MEDIA_ROLE, "production");
-        recording->stream.reset(pa_stream_new_with_proplist(
-            context, system ? "Vantrel system audio" : "Vantrel microphone", &sampleFormat, &map,
-            properties.get()));
-        if (!recording->stream)
-            throw std::runtime_error("Could not create an audio recording: " +
-                                     std::string(pa_strerror(pa_context_errno(context))) + ".");
-        pa_stream *stream = recording->stream.get();
-        pa_stream_set_state_callback(stream, onStreamState, recording.get());
-        pa_stream_set_read_callback(stream, onRead, recording.get());
-        if (pa_stream_connect_record(stream, deviceName(recording->source), &attributes, flags) < 0)
-            throw std::runtime_error(std::string("Could not record ") +
-                                     (system ? "system audio" : "the microphone") + ": " +
-                                     pa_strerror(pa_context_errno(context)) + ".");
-    }
-
+    for (const auto &recording : m_recordings)
+        connectLocked(*recording);
     for (const auto &recording : m_recordings) {
         for (;;) {
             const pa_stream_state_t state = pa_stream_get_state(recording->stream.get());
@@ -229,6 +228,52 @@ void PulseAudioCapture::startLocked()
         }
     }
     m_running = true;
+    // From now on the server tells of changes to its defaults.
+    pa_context_set_subscribe_callback(
+        context,
+        [](pa_context *context, pa_subscription_event_type_t type, uint32_t, void *self) {
+            if ((type & PA_SUBSCRIPTION_EVENT_FACILITY_MASK) == PA_SUBSCRIPTION_EVENT_SERVER)
+                release(pa_context_get_server_info(context, onServerInfo, self));
+        },
+        this);
+    release(pa_context_subscribe(context, PA_SUBSCRIPTION_MASK_SERVER, nullptr, nullptr));
+    release(pa_context_get_server_info(context, onServerInfo, this));
+}
+
+void PulseAudioCapture::connectLocked(Recording &recording)
+{
+    pa_context *context = m_context.get();
+    const pa_sample_spec sampleFormat {PA_SAMPLE_FLOAT32LE, uint32_t(m_sampleRate),
+                                       uint8_t(m_channels)};
+    pa_channel_map map;
+    pa_channel_map_init_auto(&map, sampleFormat.channels, PA_CHANNEL_MAP_DEFAULT);
+    // fragsize asks the server to hand over about 10 ms at a time; the rest is left to it.
+    pa_buffer_attr attributes;
+    attributes.maxlength = uint32_t(-1);
+    attributes.tlength = uint32_t(-1);
+    attributes.prebuf = uint32_t(-1);
+    attributes.minreq = uint32_t(-1);
+    attributes.fragsize = uint32_t(pa_usec_to_bytes(packetNanoseconds / 1000, &sampleFormat));
+    const auto flags = pa_stream_flags_t(PA_STREAM_ADJUST_LATENCY | PA_STREAM_AUTO_TIMING_UPDATE |
+                                         PA_STREAM_INTERPOLATE_TIMING);
+
+    const bool system = recording.source == Source::system;
+    Proplist properties(pa_proplist_new());
+    pa_proplist_sets(properties.get(), PA_PROP_MEDIA_ROLE, "production");
+    recording.stream.reset(
+        pa_stream_new_with_proplist(context, system ? "Vantrel system audio" : "Vantrel microphone",
+                                    &sampleFormat, &map, properties.get()));
+    if (!recording.stream)
+        throw std::runtime_error("Could not create an audio recording: " +
+                                 std::string(pa_strerror(pa_context_errno(context))) + ".");
+    pa_stream *stream = recording.stream.get();
+    recording.sinkLatencyFrom = -1;
+    pa_stream_set_state_callback(stream, onStreamState, &recording);
+    pa_stream_set_read_callback(stream, onRead, &recording);
+    pa_stream_set_moved_callback(stream, onMoved, &recording);
+    if (pa_stream_connect_record(stream, deviceName(recording.source), &attributes, flags) < 0)
+        throw std::runtime_error(std::string("Could not record ") + sourceText(recording.source) +
+                                 ": " + pa_strerror(pa_context_errno(context)) + ".");
 }
 
 void PulseAudioCapture::stop(bool waitForHandlers)
@@ -237,15 +282,21 @@ void PulseAudioCapture::stop(bool waitForHandlers)
         pa_threaded_mainloop_lock(m_loop.get());
         m_stopping = true;
         m_running = false;
+        if (m_retry) {
+            pa_threaded_mainloop_get_api(m_loop.get())->time_free(m_retry);
+            m_retry = nullptr;
+        }
         for (const auto &recording : m_recordings) {
             if (!recording->stream)
                 continue;
             pa_stream_set_read_callback(recording->stream.get(), nullptr, nullptr);
             pa_stream_set_state_callback(recording->stream.get(), nullptr, nullptr);
+            pa_stream_set_moved_callback(recording->stream.get(), nullptr, nullptr);
             pa_stream_disconnect(recording->stream.get());
         }
         if (m_context) {
             pa_context_set_state_callback(m_context.get(), nullptr, nullptr);
+            pa_context_set_subscribe_callback(m_context.get(), nullptr, nullptr);
             pa_context_disconnect(m_context.get());
         }
         pa_threaded_mainloop_unlock(m_loop.get());
@@ -257,13 +308,14 @@ void PulseAudioCapture::stop(bool waitForHandlers)
             handOn(*recording);
             // A timeline that moved often, or cut samples, is heard as clicks in the clips.
             Log::system(QStringLiteral("audio %1 blocks=%2 dropped=%3 holes=%4 reanchors=%5 "
-                                       "cut=%6")
+                                       "cut=%6 moves=%7")
                             .arg(recording->source == Source::system ? "system" : "microphone")
                             .arg(recording->packets.load())
                             .arg(recording->dropped.load())
                             .arg(recording->holes.load())
                             .arg(recording->reanchors.load())
-                            .arg(recording->cutSamples.load()));
+                            .arg(recording->cutSamples.load())
+                            .arg(recording->moves.load()));
         }
         m_context.reset();
         m_loop.reset();
@@ -289,6 +341,7 @@ PulseAudioCapture::Stats PulseAudioCapture::stats(Source source) const
         total.holes += recording->holes.load();
         total.reanchors += recording->reanchors.load();
         total.cutSamples += recording->cutSamples.load();
+        total.moves += recording->moves.load();
     }
     return total;
 }
@@ -313,11 +366,147 @@ void PulseAudioCapture::onStreamState(pa_stream *stream, void *recordingPointer)
 {
     auto &recording = *static_cast<Recording *>(recordingPointer);
     PulseAudioCapture &capture = recording.owner;
-    if (capture.m_running && !capture.m_stopping && !PA_STREAM_IS_GOOD(pa_stream_get_state(stream)))
-        capture.setFailure(std::string("The audio server ended the ") +
-                           (recording.source == Source::system ? "system audio" : "microphone") +
-                           " recording.");
+    const pa_stream_state_t state = pa_stream_get_state(stream);
+    if (capture.m_running && !capture.m_stopping) {
+        if (state == PA_STREAM_READY && recording.moving) {
+            recording.moving = false;
+            recording.moves.fetch_add(1);
+            const char *device = pa_stream_get_device_name(stream);
+            capture.notice(std::string(recording.source == Source::system ? "System audio"
+                                                                          : "The microphone") +
+                           " now comes from " + (device ? device : "the default device") + " (" +
+                           (recording.moveReason ? recording.moveReason : "moved") + ").");
+            recording.moveReason = nullptr;
+        } else if (!PA_STREAM_IS_GOOD(state)) {
+            // With the server still there, the device went away (unplugged, unloaded): the
+            // recording moves to the default one. Without the server the capture is over.
+            if (pa_context_get_state(capture.m_context.get()) == PA_CONTEXT_READY)
+                capture.followLocked(recording, "its device went away");
+            else
+                capture.setFailure(
+                    std::string("The audio server ended the ") +
+                    (recording.source == Source::system ? "system audio" : "microphone") +
+                    " recording.");
+        }
+    }
     pa_threaded_mainloop_signal(capture.m_loop.get(), 0);
+}
+
+void PulseAudioCapture::onMoved(pa_stream *stream, void *recordingPointer)
+{
+    // The server moved the recording itself (with the default, or a device went away and it
+    // rescued the stream, or the user moved it). It delivers nothing for a moment (a second with
+    // a null sink), so the timeline starts afresh: the moment is a silence, never a drift.
+    auto &recording = *static_cast<Recording *>(recordingPointer);
+    recording.moves.fetch_add(1);
+    recording.owner.handOn(recording);
+    recording.clock.reset();
+    recording.sinkLatencyFrom = -1;
+    const char *device = pa_stream_get_device_name(stream);
+    recording.owner.notice(
+        std::string(recording.source == Source::system ? "System audio" : "The microphone") +
+        " now comes from " + (device ? device : "another device") +
+        " (the sound server moved it).");
+}
+
+void PulseAudioCapture::onServerInfo(pa_context *, const pa_server_info *info, void *self)
+{
+    auto &capture = *static_cast<PulseAudioCapture *>(self);
+    if (!info || !capture.m_running || capture.m_stopping)
+        return;
+    const std::string sink = info->default_sink_name ? info->default_sink_name : "";
+    const std::string source = info->default_source_name ? info->default_source_name : "";
+    // The first answer only tells where things stand.
+    if (capture.m_knowsDefaults) {
+        for (const auto &recording : capture.m_recordings) {
+            if (recording->source == Source::system && sink != capture.m_defaultSink)
+                capture.followLocked(*recording, "the default output changed");
+            if (recording->source == Source::microphone && source != capture.m_defaultSource)
+                capture.followLocked(*recording, "the default input changed");
+        }
+    }
+    capture.m_defaultSink = sink;
+    capture.m_defaultSource = source;
+    capture.m_knowsDefaults = true;
+}
+
+void PulseAudioCapture::followLocked(Recording &recording, const char *why)
+{
+    if (!m_running || m_stopping)
+        return;
+    // A recording that failed while moving tries again after a pause, not in a tight loop.
+    const bool retrying = recording.moving;
+    recording.moveReason = recording.moveReason ? recording.moveReason : why;
+    recording.moving = false;
+    recording.pendingMove = true;
+    const pa_usec_t when =
+        pa_rtclock_now() + (retrying ? retryMicroseconds : moveDelayMicroseconds);
+    if (m_retry)
+        pa_context_rttime_restart(m_context.get(), m_retry, when);
+    else
+        m_retry = pa_context_rttime_new(m_context.get(), when, onRetry, this);
+}
+
+void PulseAudioCapture::onRetry(pa_mainloop_api *, pa_time_event *, const struct timeval *,
+                                void *self)
+{
+    static_cast<PulseAudioCapture *>(self)->retryLocked();
+}
+
+void PulseAudioCapture::retryLocked()
+{
+    if (!m_running || m_stopping)
+        return;
+    for (const auto &recording : m_recordings) {
+        if (!recording->pendingMove)
+            continue;
+        recording->pendingMove = false;
+        // A server that moves streams with the default (PulseAudio 15 and later, PipeWire) may
+        // have put the recording where it belongs already: moving it again would only cost
+        // another gap.
+        if (isOnDefaultLocked(*recording)) {
+            recording->moveReason = nullptr;
+            continue;
+        }
+        // What was gathered from the old device goes out; the new one starts a timeline of its
+        // own, after a gap as long as the move took.
+        handOn(*recording);
+        recording->clock.reset();
+        if (pa_stream *old = recording->stream.get()) {
+            pa_stream_set_read_callback(old, nullptr, nullptr);
+            pa_stream_set_state_callback(old, nullptr, nullptr);
+            pa_stream_set_moved_callback(old, nullptr, nullptr);
+            pa_stream_disconnect(old);
+        }
+        recording->stream.reset();
+        recording->moving = true;
+        try {
+            connectLocked(*recording);
+        } catch (const std::runtime_error &) {
+            // No device to record yet: silence until one comes.
+            followLocked(*recording, recording->moveReason);
+        }
+    }
+}
+
+bool PulseAudioCapture::isOnDefaultLocked(const Recording &recording) const
+{
+    pa_stream *stream = recording.stream.get();
+    if (!stream || pa_stream_get_state(stream) != PA_STREAM_READY)
+        return false;
+    const char *device = pa_stream_get_device_name(stream);
+    // A sink's monitor is named after the sink, by PulseAudio and PipeWire alike.
+    const std::string wanted =
+        recording.source == Source::system ? m_defaultSink + ".monitor" : m_defaultSource;
+    return device && !wanted.empty() && wanted == device;
+}
+
+void PulseAudioCapture::notice(const std::string &text) const
+{
+    if (m_onNotice)
+        m_onNotice(text);
+    else
+        Log::system(QString::fromStdString(text));
 }
 
 void PulseAudioCapture::onTimeout(pa_mainloop_api *, pa_time_event *, const struct timeval *,
@@ -360,13 +549,22 @@ void PulseAudioCapture::read(Recording &recording)
         // before the speakers play it, by the sink's latency, and the time it is heard is what
         // the video matches. pa_stream_get_latency() adds the same parts, but it measures the
         // queue from interpolated stream indices, which for a null sink's monitor were off by
-        // half a second at times; the readable size is exact and local.
+        // half a second at times; the readable size is exact and local. The sink's latency is
+        // left out for a few seconds once the recording starts or moves: the server's reports
+        // then said 0.5 to 0.7 s for a null sink that settled at a few milliseconds a second
+        // later, and following them moved the timeline forward and back, cutting a second of
+        // sound. (A real device whose latency is that long is followed once they are trusted,
+        // with a short silence when the timeline moves forward.)
         const int64_t now = monotonicNanoseconds();
         int64_t delayMicroseconds =
             int64_t(pa_bytes_to_usec(pa_stream_readable_size(stream), sampleFormat));
-        if (const pa_timing_info *timing = pa_stream_get_timing_info(stream))
-            delayMicroseconds += int64_t(timing->source_usec) + int64_t(timing->transport_usec) -
-                int64_t(timing->sink_usec);
+        if (const pa_timing_info *timing = pa_stream_get_timing_info(stream)) {
+            delayMicroseconds += int64_t(timing->source_usec) + int64_t(timing->transport_usec);
+            if (recording.sinkLatencyFrom < 0)
+                recording.sinkLatencyFrom = now + sinkLatencyDistrustNanoseconds;
+            if (now >= recording.sinkLatencyFrom)
+                delayMicroseconds -= int64_t(timing->sink_usec);
+        }
         const int64_t capturedAt = now - delayMicroseconds * 1000;
         deliver(recording, static_cast<const uint8_t *>(data), bytes, capturedAt);
         pa_stream_drop(stream);

@@ -27,6 +27,12 @@ class SerialQueue;
 // application, kept aligned and mixed here, and following them as they come and go. FIXME: that
 // mixer, or PipeWire links that skip our node, if the cue in later clips bothers users.
 //
+// It follows the user's devices: when the default output (for system audio) or the default input
+// (for the microphone) changes, or the device a recording is on goes away, that recording moves
+// to the new default within a moment, and the capture goes on; only losing the server itself
+// ends it. The moment of the move is a gap in the timeline (the clock anchors afresh), heard as a
+// short silence, never as drift. Each move is told through `onNotice` with the device's name.
+//
 // Threads: the server's callbacks run on libpulse's mainloop thread, the handlers on their
 // queues. Add the outputs before start(). start() and stop() may be called from any other thread,
 // including a handler's queue (stop() then does not wait for the handler that called it).
@@ -43,10 +49,14 @@ public:
         int64_t holes = 0; // gaps the server reported in the recording
         int64_t reanchors = 0; // times the pts timeline was moved to the measured capture time
         int64_t cutSamples = 0; // cut because the timeline moved back over them (AudioClock)
+        int64_t moves = 0; // times the recording followed a device change
     };
+    // A sentence for the user's log ("System audio now comes from …"), on libpulse's thread;
+    // without one it goes to the system log.
+    using Notice = std::function<void(const std::string &)>;
 
     explicit PulseAudioCapture(int sampleRate = AudioDefaults::sampleRate,
-                               int channels = AudioDefaults::channels);
+                               int channels = AudioDefaults::channels, Notice onNotice = {});
     ~PulseAudioCapture();
     PulseAudioCapture(const PulseAudioCapture &) = delete;
     PulseAudioCapture &operator=(const PulseAudioCapture &) = delete;
@@ -86,7 +96,20 @@ private:
     static void onRead(pa_stream *stream, size_t bytes, void *recording);
     static void onTimeout(struct pa_mainloop_api *, struct pa_time_event *, const struct timeval *,
                           void *self);
+    static void onServerInfo(pa_context *context, const struct pa_server_info *info, void *self);
+    static void onMoved(pa_stream *stream, void *recording);
+    static void onRetry(struct pa_mainloop_api *, struct pa_time_event *, const struct timeval *,
+                        void *self);
     void startLocked();
+    // Makes and connects the record stream of `recording` on its default device; throws
+    // std::runtime_error when the server refuses at once. Mainloop lock held.
+    void connectLocked(Recording &recording);
+    // Moves `recording` to its default device soon (now, or after a retry delay). Mainloop lock
+    // held.
+    void followLocked(Recording &recording, const char *why);
+    void retryLocked();
+    bool isOnDefaultLocked(const Recording &recording) const;
+    void notice(const std::string &text) const;
     void read(Recording &recording);
     void deliver(Recording &recording, const uint8_t *data, size_t bytes, int64_t capturedAt);
     // Posts the block gathered so far, if any.
@@ -96,6 +119,7 @@ private:
     const int m_sampleRate;
     const int m_channels;
     const AudioFormatPtr m_format;
+    const Notice m_onNotice;
 
     std::unique_ptr<pa_threaded_mainloop, LoopDeleter> m_loop;
     std::unique_ptr<pa_context, ContextDeleter> m_context;
@@ -107,6 +131,12 @@ private:
     bool m_running = false;
     bool m_stopping = false;
     bool m_timedOut = false;
+    // The server's defaults as last seen, and the timer that moves recordings whose device went
+    // away (also the mainloop's lock).
+    bool m_knowsDefaults = false;
+    std::string m_defaultSink;
+    std::string m_defaultSource;
+    struct pa_time_event *m_retry = nullptr;
 
     mutable std::mutex m_failureLock; // guards m_failure
     std::optional<std::string> m_failure;

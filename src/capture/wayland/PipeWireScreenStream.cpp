@@ -375,16 +375,20 @@ void PipeWireScreenStream::process()
         }
     }
     m_lastSlot = slot;
-    const VideoFrame frame = PixelBufferPool::frameOf(std::move(pixels), nanosecondTime(due(slot)),
-                                                      MediaTime::make(1, int32_t(fps)));
-    const bool posted = m_screen->hand(m_frameHandler, frame);
+    // The picture a still screen repeats (see X11ScreenStream: holding the newest costs the pool
+    // nothing).
+    m_newest = pixels;
+    VideoFrame frame = PixelBufferPool::frameOf(std::move(pixels), nanosecondTime(due(slot)),
+                                                MediaTime::make(1, int32_t(fps)));
+    const bool posted = m_screen->hand(m_frameHandler, std::move(frame));
     (posted ? m_complete : m_skipped).fetch_add(1);
     m_lastPost = now;
 }
 
 void PipeWireScreenStream::postIdle(int64_t now)
 {
-    // As on X11: a still screen is told once it has been still for a second, then once a second.
+    // As on X11: a still screen is told once it has been still for a second, then once a second,
+    // with the newest picture again.
     if (m_lastPost >= 0 && now - m_lastPost < second)
         return;
     if (!m_screen || m_config.width <= 0)
@@ -393,10 +397,14 @@ void PipeWireScreenStream::postIdle(int64_t now)
     const int64_t fps = m_config.fps;
     int64_t slot = std::max((now - m_start) * fps / second, m_lastSlot + 1);
     m_lastSlot = slot;
-    const VideoFrame frame = VideoFrame::idle(m_config.width, m_config.height,
-                                              nanosecondTime(m_start + slot * second / fps),
-                                              MediaTime::make(1, int32_t(fps)));
-    const bool posted = m_screen->hand(m_frameHandler, frame);
+    const MediaTime pts = nanosecondTime(m_start + slot * second / fps);
+    const MediaTime duration = MediaTime::make(1, int32_t(fps));
+    VideoFrame frame = VideoFrame::idle(m_config.width, m_config.height, pts, duration);
+    if (m_newest) {
+        frame = PixelBufferPool::frameOf(m_newest, pts, duration);
+        frame.status = VideoFrame::Status::repeat;
+    }
+    const bool posted = m_screen->hand(m_frameHandler, std::move(frame));
     (posted ? m_idle : m_skipped).fetch_add(1);
 }
 

@@ -1,6 +1,7 @@
 #pragma once
 
 #include "capture/AudioScreenStream.h"
+#include "capture/PixelBufferPool.h"
 #include "capture/wayland/PipeWireFrameReader.h"
 #include "capture/wayland/PipeWireParams.h"
 
@@ -19,7 +20,6 @@ struct pw_registry;
 struct pw_stream;
 struct pw_thread_loop;
 struct spa_source;
-class PixelBufferPool;
 class QueueDelivery;
 class ScreenCastPortal;
 
@@ -28,8 +28,8 @@ class ScreenCastPortal;
 // frame when something changed, at most 60 a second; each is copied into a pool buffer of the
 // capture size (scaled when needed) and stamped with its slot on the 60 fps grid, so frames stay
 // whole frames apart as on X11. Buffers the compositor marks unchanged, and a second without any
-// frame, give an idle frame (at most one a second). Audio comes from AudioScreenStream (PipeWire's
-// pulse server answers it).
+// frame, give the newest picture again (at most one a second). Audio comes from AudioScreenStream
+// (PipeWire's pulse server answers it).
 //
 // The stream ends itself, once, with a sentence for the stop handler when the compositor or the
 // desktop stops sharing (the node goes away), PipeWire goes away, the shared monitor changes its
@@ -101,6 +101,7 @@ private:
     int64_t m_start = 0; // the grid's origin, monotonic nanoseconds
     int64_t m_lastSlot = -1;
     int64_t m_lastPost = -1; // when a frame was last handed on, or -1
+    std::shared_ptr<PixelBufferPool::Buffer> m_newest; // the picture a still screen repeats
 
     std::atomic<int> m_sourceWidth {0};
     std::atomic<int> m_sourceHeight {0};

@@ -133,6 +133,7 @@ void X11ScreenStream::run(StartCompletion completion)
                     .arg(grabber->tracksDamage() ? "true" : "false"));
     completion(std::nullopt);
     captureLoop(*grabber, *pool);
+    m_newest.reset();
     const Stats counts = stats();
     Log::system(QStringLiteral("x11 capture frames=%1 idle=%2 skipped=%3 late=%4 unchanged=%5")
                     .arg(counts.complete)
@@ -197,7 +198,7 @@ void X11ScreenStream::captureLoop(X11FrameGrabber &grabber, PixelBufferPool &poo
         // a change drawn meanwhile at once. Left to the next tick, it would be joined there by
         // the program's next draw, which lands on damage not yet cleared and so is never
         // reported: a program drawing at our rate, just after our ticks, would be caught at half
-        // of it. (Not when the tick handed on an idle frame with this slot's time.)
+        // of it. (Not when the tick handed on a repeat with this slot's time.)
         if (outcome == Tick::unchanged && stillTicks + 1 < fps) {
             const Wake wake = awaitChange(grabber, due(index + 1));
             if (wake == Wake::stopped)
@@ -237,14 +238,20 @@ X11ScreenStream::Tick X11ScreenStream::tick(X11FrameGrabber &grabber, PixelBuffe
     const MediaTime duration = MediaTime::make(1, m_config.fps);
     if (!grabber.hasChanges()) {
         // A still screen is told once it has been still for a second, and then once a second:
-        // handing the consumer an empty frame every tick (or at every missed draw of a
-        // stuttering program) would wake its thread for nothing.
+        // handing the consumer a frame every tick (or at every missed draw of a stuttering
+        // program) would wake its thread for nothing. What it is told is the newest picture
+        // again, which the buffer never gave back, so a still screen costs no grab; the encoder
+        // makes a frame of it, and the clip's video goes on while nothing moves.
         if (m_lastIdlePost >= 0 && now - m_lastIdlePost < 1'000'000'000)
             return Tick::unchanged;
         m_lastIdlePost = now;
-        const VideoFrame frame =
+        VideoFrame frame =
             VideoFrame::idle(m_config.width, m_config.height, nanosecondTime(slot), duration);
-        const bool posted = m_screen->hand(m_frameHandler, frame);
+        if (m_newest) {
+            frame = PixelBufferPool::frameOf(m_newest, nanosecondTime(slot), duration);
+            frame.status = VideoFrame::Status::repeat;
+        }
+        const bool posted = m_screen->hand(m_frameHandler, std::move(frame));
         (posted ? m_idle : m_skipped).fetch_add(1);
         return Tick::idleHandedOn;
     }
@@ -262,9 +269,12 @@ X11ScreenStream::Tick X11ScreenStream::tick(X11FrameGrabber &grabber, PixelBuffe
         m_skipped.fetch_add(1);
         return Tick::changed;
     }
-    const VideoFrame frame =
-        PixelBufferPool::frameOf(std::move(buffer), nanosecondTime(slot), duration);
-    const bool posted = m_screen->hand(m_frameHandler, frame);
+    // Kept as the picture a still screen repeats. Holding the newest buffer costs the pool
+    // nothing: while it waits for the encoder it is held anyway, and once the encoder has taken
+    // it in, so have all the older ones, which are free again.
+    m_newest = buffer;
+    VideoFrame frame = PixelBufferPool::frameOf(std::move(buffer), nanosecondTime(slot), duration);
+    const bool posted = m_screen->hand(m_frameHandler, std::move(frame));
     (posted ? m_complete : m_skipped).fetch_add(1);
     m_lastIdlePost = now;
     return Tick::changed;

@@ -1,6 +1,7 @@
 #pragma once
 
 #include "capture/AudioScreenStream.h"
+#include "capture/PixelBufferPool.h"
 
 #include <atomic>
 #include <cstdint>
@@ -8,15 +9,15 @@
 #include <string>
 #include <thread>
 
-class PixelBufferPool;
 class QueueDelivery;
 class X11FrameGrabber;
 
 // A capture of one RandR monitor of the X server with its audio. A thread of its own ticks at the
 // configured rate from the monotonic clock (frame n is due at start + n / fps, so the rate never
 // drifts); at each tick it grabs the monitor if XDamage or the pointer says something changed
-// (cursor drawn in, scaled to the capture size, delivered as I420) and otherwise delivers an idle
-// frame at almost no cost. Audio comes from the audio server (AudioScreenStream).
+// (cursor drawn in, scaled to the capture size, delivered as I420); while nothing changes it hands
+// on the newest picture again about once a second (a repeat), at almost no cost. Audio comes from
+// the audio server (AudioScreenStream).
 //
 // The stream ends itself with a message to the stop handler, once, when the X connection dies,
 // the monitor disappears or the audio server goes away; the stop handler runs on the capture
@@ -43,7 +44,7 @@ private:
     void run(StartCompletion completion);
     void captureLoop(X11FrameGrabber &grabber, PixelBufferPool &pool);
     // What a tick did: something changed (a grab, a skip or the end), nothing did, or nothing did
-    // and it handed on an idle frame with its slot's time.
+    // and it handed on a repeat (or an idle frame) with its slot's time.
     enum class Tick { changed, unchanged, idleHandedOn };
     // `slot` is the tick's place on the frame grid, which stamps its frame; `now` is when it ran.
     Tick tick(X11FrameGrabber &grabber, PixelBufferPool &pool, int64_t slot, int64_t now);
@@ -75,5 +76,8 @@ private:
     std::atomic<int64_t> m_skipped {0};
     std::atomic<int64_t> m_late {0};
     std::atomic<int64_t> m_unchanged {0};
-    int64_t m_lastIdlePost = -1; // capture thread only: the last frame handed on, or -1
+    // Capture thread only: when a frame was last handed on (-1 before the first), and the newest
+    // picture grabbed, which a still screen hands on again.
+    int64_t m_lastIdlePost = -1;
+    std::shared_ptr<PixelBufferPool::Buffer> m_newest;
 };
