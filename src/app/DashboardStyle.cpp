@@ -2,6 +2,7 @@
 
 #include "core/Palette.h"
 
+#include <QBoxLayout>
 #include <QMouseEvent>
 #include <QPainter>
 #include <QResizeEvent>
@@ -223,6 +224,44 @@ void ElidedLabel::elide()
 {
     setText(fontMetrics().elidedText(m_text, Qt::ElideMiddle, std::max(40, width())));
     setToolTip(text() == m_text ? QString() : m_text);
+}
+
+WrappingRow::WrappingRow(QWidget *parent)
+    : QWidget(parent)
+    , m_layout(new QBoxLayout(QBoxLayout::LeftToRight, this))
+{
+    m_layout->setContentsMargins(0, 0, 0, 0);
+    m_layout->setSpacing(8);
+    // The row may be narrower than its buttons side by side: it then stacks them.
+    m_layout->setSizeConstraint(QLayout::SetNoConstraint);
+    m_layout->addStretch(1);
+}
+
+void WrappingRow::addWidget(QWidget *widget)
+{
+    m_layout->insertWidget(m_layout->count() - 1, widget, 0, Qt::AlignLeft);
+}
+
+QSize WrappingRow::minimumSizeHint() const
+{
+    int width = 0;
+    for (const QWidget *child : findChildren<QWidget *>(Qt::FindDirectChildrenOnly))
+        width = std::max(width, child->sizeHint().width());
+    return {width, m_layout->minimumSize().height()};
+}
+
+void WrappingRow::resizeEvent(QResizeEvent *event)
+{
+    QWidget::resizeEvent(event);
+    int sideBySide = -m_layout->spacing();
+    const QList<QWidget *> children = findChildren<QWidget *>(Qt::FindDirectChildrenOnly);
+    for (const QWidget *child : children)
+        sideBySide += child->sizeHint().width() + m_layout->spacing();
+    const auto direction = width() < sideBySide ? QBoxLayout::TopToBottom : QBoxLayout::LeftToRight;
+    if (m_layout->direction() != direction) {
+        m_layout->setDirection(direction);
+        updateGeometry();
+    }
 }
 
 ToggleSwitch::ToggleSwitch(QWidget *parent)

@@ -8,6 +8,8 @@
 #include <QPushButton>
 #include <QWidget>
 
+class QBoxLayout;
+
 // The dashboard's look in one place: fonts, icons, labels and buttons in the palette, and the
 // two painted pieces (cards and switches). Sizes are device-independent pixels, which is what
 // the other platform's points are.
@@ -89,6 +91,24 @@ private:
     void elide();
 
     QString m_text;
+};
+
+// A row of buttons that goes down the page instead when the page is too narrow for it, so that a
+// narrow window never cuts a button off.
+class WrappingRow : public QWidget
+{
+    Q_OBJECT
+
+public:
+    explicit WrappingRow(QWidget *parent = nullptr);
+    void addWidget(QWidget *widget);
+    QSize minimumSizeHint() const override;
+
+protected:
+    void resizeEvent(QResizeEvent *event) override;
+
+private:
+    QBoxLayout *m_layout = nullptr;
 };
 
 // An on/off switch, painted: a gold track when on.

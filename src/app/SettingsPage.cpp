@@ -154,8 +154,7 @@ QWidget *SettingsPage::qualityRow()
     column->setContentsMargins(12, 10, 12, 10);
     column->setSpacing(8);
     column->addWidget(label(QStringLiteral("Quality"), 13, QFont::Normal, Qt::white, card));
-    auto *choices = new QHBoxLayout;
-    choices->setSpacing(8);
+    auto *choices = new WrappingRow(card);
     const std::pair<CaptureQuality, QString> offered[] = {
         {CaptureQuality::full, QStringLiteral("1080p, 60 fps")},
         {CaptureQuality::smooth720p60, QStringLiteral("Smooth: 720p, 60 fps")},
@@ -170,8 +169,7 @@ QWidget *SettingsPage::qualityRow()
         choices->addWidget(choice);
         m_qualities.append({quality, choice});
     }
-    choices->addStretch(1);
-    column->addLayout(choices);
+    column->addWidget(choices);
     auto *note = label(QStringLiteral("If this computer cannot keep up, Smooth keeps motion fluid "
                                       "and Sharp keeps text crisp. Used from the next time "
                                       "recording starts."),

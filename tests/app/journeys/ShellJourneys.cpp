@@ -82,6 +82,7 @@ TEST_F(Journey, TheUpdateBadgeOpensTheSheetWhichSaysWhyThisCopyCannotUpdate)
         20s))
         << "the check at launch finds the newer release";
     EXPECT_EQ(badge->text(), QStringLiteral("Update available"));
+    saveScreen(window(), QStringLiteral("update-badge"));
     // Top right of the window, above the sponsored rail rather than in its header.
     const QRect place(badge->mapTo(window(), QPoint()), badge->size());
     EXPECT_GT(place.right(), window()->width() - 30);
@@ -297,5 +298,8 @@ TEST_F(Journey, EveryTabFitsAt900x600AndAtTheSmallestSize)
         checkTab(AppModel::Tab::home, QStringLiteral("home-") + suffix);
         checkTab(AppModel::Tab::library, QStringLiteral("library-") + suffix);
         checkTab(AppModel::Tab::settings, QStringLiteral("settings-") + suffix);
+        // The whole of the page, as far as it scrolls: the account's buttons at its end.
+        saveScreen(window()->findChild<QWidget *>(QStringLiteral("settingsPage")),
+                   QStringLiteral("settings-whole-page-") + suffix);
     }
 }
