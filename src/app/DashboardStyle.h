@@ -11,8 +11,7 @@
 class QBoxLayout;
 
 // The dashboard's look in one place: fonts, icons, labels and buttons in the palette, and the
-// two painted pieces (cards and switches). Sizes are device-independent pixels, which is what
-// the other platform's points are.
+// two painted pieces (cards and switches). Sizes are device-independent pixels.
 namespace DashboardStyle {
 
 QFont font(int pixelSize, QFont::Weight weight = QFont::Normal);

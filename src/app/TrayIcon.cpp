@@ -44,7 +44,7 @@ QPixmap paperclip(int size, const QColor &color)
 
 QIcon trayImage(bool armed)
 {
-    // The system red of the platform the design came from; the idle icon follows the theme.
+    // Red while armed, as a recording light; the idle icon follows the panel's theme.
     const QColor color =
         armed ? QColor(255, 59, 48) : QGuiApplication::palette().color(QPalette::WindowText);
     QIcon icon;

@@ -33,16 +33,9 @@ protected:
         TempHomeTest::SetUp();
         if (qEnvironmentVariableIsEmpty("DISPLAY") || qEnvironmentVariableIsEmpty("PULSE_SERVER"))
             GTEST_SKIP() << "needs the xvfb and pulse fixtures";
-        const QString runtime = home() + QStringLiteral("/.run");
-        QDir().mkpath(runtime);
-        QFile::setPermissions(
-            runtime, QFileDevice::ReadOwner | QFileDevice::WriteOwner | QFileDevice::ExeOwner);
-        qputenv("XDG_RUNTIME_DIR", runtime.toUtf8());
+        usePrivateRuntime();
         qputenv("VANTREL_SERVICE_URL", "http://127.0.0.1:9");
-        QDir().mkpath(configHome() + QStringLiteral("/quillfen"));
-        QFile conf(configHome() + QStringLiteral("/quillfen/Vantrel.conf"));
-        ASSERT_TRUE(conf.open(QIODevice::WriteOnly));
-        conf.write("[General]\narmOnLaunch=false\nclipLengthSeconds=15\n");
+        writeSettings("armOnLaunch=false\nclipLengthSeconds=15\n");
         bus = std::make_unique<PrivateBus>();
         ASSERT_TRUE(bus->isRunning());
         desktop = std::make_unique<NotificationServer>(bus->address());

@@ -42,10 +42,10 @@ protected:
 
 TEST_F(SettingsMigrationTest, RenamedFlagsKeepTheirValuesAndTheRelaunchGoes)
 {
-    write(configHome() + QStringLiteral("/quillfen/Vantrel.conf"),
-          "[General]\npromptedScreenRecording=true\npromptedInputMonitoring=false\n"
-          "promptedAccessibility=true\nnoticeShownKeyboards=true\ndidRelaunchForScreen=true\n"
-          "autoStartClipping=true\narmOnLaunch=false\nclipLengthSeconds=60\n");
+    writeSettings(
+        "promptedScreenRecording=true\npromptedInputMonitoring=false\n"
+        "promptedAccessibility=true\nnoticeShownKeyboards=true\ndidRelaunchForScreen=true\n"
+        "autoStartClipping=true\narmOnLaunch=false\nclipLengthSeconds=60\n");
     write(entry(), "[Desktop Entry]\nExec=\"/home/dev/build/bin/vantrel\"\n");
 
     SettingsMigration::run();
@@ -71,7 +71,7 @@ TEST_F(SettingsMigrationTest, RenamedFlagsKeepTheirValuesAndTheRelaunchGoes)
 
 TEST_F(SettingsMigrationTest, TheEntryStartsTheInstalledProgramNeverABuildFolder)
 {
-    write(configHome() + QStringLiteral("/quillfen/Vantrel.conf"), "[General]\narmOnLaunch=true\n");
+    writeSettings("armOnLaunch=true\n");
     write(entry(), "[Desktop Entry]\nExec=\"/home/dev/build/bin/vantrel\"\n");
     SettingsMigration::run();
     EXPECT_FALSE(QFile::exists(entry())) << "nothing installed to start";

@@ -39,6 +39,23 @@ void TempHomeTest::useHome(const QString &path)
     setenv("TMPDIR", QFile::encodeName(tempFolder()).constData(), 1);
 }
 
+void TempHomeTest::usePrivateRuntime()
+{
+    const QString runtime = m_path + QStringLiteral("/.run");
+    QDir().mkpath(runtime);
+    QFile::setPermissions(runtime,
+                          QFileDevice::ReadOwner | QFileDevice::WriteOwner | QFileDevice::ExeOwner);
+    setenv("XDG_RUNTIME_DIR", QFile::encodeName(runtime).constData(), 1);
+}
+
+void TempHomeTest::writeSettings(const QByteArray &lines)
+{
+    QDir().mkpath(configHome() + QStringLiteral("/quillfen"));
+    QFile file(configHome() + QStringLiteral("/quillfen/Vantrel.conf"));
+    ASSERT_TRUE(file.open(QIODevice::WriteOnly));
+    file.write("[General]\n" + lines);
+}
+
 QString readTextFile(const QString &path)
 {
     QFile file(path);

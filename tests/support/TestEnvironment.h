@@ -17,6 +17,10 @@ protected:
     void SetUp() override;
     // Takes another test's home instead of a fresh one (a child process carrying on its test).
     void useHome(const QString &path);
+    // A runtime folder of the home's own (the program's single-instance socket lives there).
+    void usePrivateRuntime();
+    // The program's settings file: "[General]\n" and `lines`.
+    void writeSettings(const QByteArray &lines);
 
     QString home() const { return m_path; }
     QString configHome() const { return m_path + QStringLiteral("/.config"); }

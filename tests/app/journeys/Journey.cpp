@@ -15,18 +15,6 @@
 
 using namespace std::chrono_literals;
 
-namespace {
-
-void writeFile(const QString &path, const QByteArray &bytes)
-{
-    QDir().mkpath(QFileInfo(path).path());
-    QFile file(path);
-    ASSERT_TRUE(file.open(QIODevice::WriteOnly)) << path.toStdString();
-    file.write(bytes);
-}
-
-} // namespace
-
 void Journey::SetUp()
 {
     // The fixture's bus, with the secret store on it, is the desktop's session bus.
@@ -42,11 +30,7 @@ void Journey::SetUp()
     service = TestService::fromEnvironment();
     if (service.url.isEmpty())
         GTEST_SKIP() << noServiceReason;
-    const QString runtime = home() + QStringLiteral("/.run");
-    QDir().mkpath(runtime);
-    QFile::setPermissions(runtime,
-                          QFileDevice::ReadOwner | QFileDevice::WriteOwner | QFileDevice::ExeOwner);
-    qputenv("XDG_RUNTIME_DIR", runtime.toUtf8());
+    usePrivateRuntime();
     qputenv("XDG_DATA_HOME", (home() + QStringLiteral("/.local/share")).toUtf8());
     // Where an installed copy would be: none, unless a journey puts one there.
     qputenv("VANTREL_PREFIX", (home() + QStringLiteral("/opt/Vantrel")).toUtf8());
@@ -67,11 +51,6 @@ void Journey::TearDown()
     if (m_shell)
         quit();
     TempHomeTest::TearDown();
-}
-
-void Journey::writeSettings(const QByteArray &lines)
-{
-    writeFile(configHome() + QStringLiteral("/quillfen/Vantrel.conf"), "[General]\n" + lines);
 }
 
 void Journey::launch()

@@ -25,8 +25,6 @@ protected:
     void SetUp() override;
     void TearDown() override;
 
-    // The settings file the program starts with ("[General]\n" is added).
-    void writeSettings(const QByteArray &lines);
     // Makes the shell and launches it as main() does; waits for the window.
     void launch();
     // What main() does at quit, then the shell goes.
