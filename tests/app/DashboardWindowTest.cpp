@@ -55,9 +55,9 @@ TEST_F(DashboardWindowTest, OneWindowKeptWhereTheUserLeftIt)
     EXPECT_EQ(window->windowTitle(), QStringLiteral("Vantrel"));
     EXPECT_EQ(window->centralWidget()->size(), QSize(900, 600));
     ASSERT_NE(window->menuBar(), nullptr);
-    EXPECT_EQ(menuTitles(window->menuBar()),
-              (QStringList {QStringLiteral("File"), QStringLiteral("Edit"),
-                            QStringLiteral("Window"), QStringLiteral("Help")}));
+    EXPECT_EQ(
+        menuTitles(window->menuBar()),
+        (QStringList {QStringLiteral("File"), QStringLiteral("View"), QStringLiteral("Help")}));
     // Centred the first time on the fixture's 1920 × 1080 screen.
     EXPECT_NEAR(window->geometry().center().x(), 960, 2);
     saveScreen(window, QStringLiteral("window-900x600"));

@@ -194,12 +194,12 @@ TEST_F(Mp4WriterTest, RefusesWhatItCannotWriteAndSaysWhy)
         EXPECT_FALSE(writer.addAudioStream({}, false)); // too late once writing
         const auto first = *makeVideoSample(video.frame(0), video.format());
 
-        // Faults never escape an append: they come back as code 1 with their message.
+        // Faults never escape a write: they come back as code 1 with their message.
         Mp4Writer::WriteError error;
         EXPECT_FALSE(writer.writeSample(input, first, &error)); // before setTimeOrigin
         EXPECT_EQ(error.domain, QStringLiteral("Vantrel"));
         EXPECT_EQ(error.code, Mp4Writer::WriteError::fault);
-        EXPECT_EQ(error.description, QStringLiteral("Mp4Writer: append before setTimeOrigin"));
+        EXPECT_EQ(error.description, QStringLiteral("Mp4Writer: a write before setTimeOrigin"));
         EXPECT_FALSE(writer.writeSample(input, first));
 
         writer.setTimeOrigin(MediaTime::zero());
@@ -209,10 +209,10 @@ TEST_F(Mp4WriterTest, RefusesWhatItCannotWriteAndSaysWhy)
         EXPECT_FALSE(writer.writeSample(input, wrongKind, &error));
         EXPECT_EQ(error.code, Mp4Writer::WriteError::fault);
         EXPECT_EQ(error.description,
-                  QStringLiteral("Mp4Writer: an audio sample for a video input"));
+                  QStringLiteral("Mp4Writer: an audio sample for a video stream"));
         error = {};
         EXPECT_FALSE(writer.writeSample(Mp4Writer::Stream {7}, first, &error));
-        EXPECT_EQ(error.description, QStringLiteral("Mp4Writer: no such input"));
+        EXPECT_EQ(error.description, QStringLiteral("Mp4Writer: no such stream"));
 
         for (int64_t f = 0; f < 240; ++f) {
             const auto sample = *makeVideoSample(video.frame(f), video.format());

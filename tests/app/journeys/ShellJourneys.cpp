@@ -13,6 +13,7 @@
 #include "update/UpdateStore.h"
 
 #include "support/WidgetTesting.h"
+#include "update/UpdateTestSupport.h"
 
 #include <QAbstractScrollArea>
 #include <QDir>
@@ -35,26 +36,6 @@ using namespace std::chrono_literals;
 
 namespace {
 
-// Publishes a release on the service, as its operator would.
-void publish(const TestService &service, const QString &version, const QString &archive)
-{
-    QProcess add;
-    add.start(service.binary,
-              {QStringLiteral("release"), QStringLiteral("add"), version, archive,
-               QStringLiteral("--notes"), QStringLiteral("Faster saves."),
-               QStringLiteral("--signature"), archive + QStringLiteral(".sig"),
-               QStringLiteral("--data"), service.data});
-    ASSERT_TRUE(add.waitForFinished(30000));
-    // The service is shared: an earlier journey may have published it.
-    const QByteArray error = add.readAllStandardError();
-    ASSERT_TRUE(add.exitCode() == 0 || error.contains("exists already")) << error.toStdString();
-}
-
-QString releaseArchive(const QString &version)
-{
-    return QStringLiteral(VANTREL_TEST_RELEASES "/Vantrel-%1-linux-x86_64.tar.gz").arg(version);
-}
-
 // Picks an item of an open menu by its text, with the mouse, as the user does.
 void pickFromMenu(QMenu *menu, const QString &text)
 {
@@ -71,7 +52,7 @@ void pickFromMenu(QMenu *menu, const QString &text)
 
 TEST_F(Journey, TheUpdateBadgeOpensTheSheetWhichSaysWhyThisCopyCannotUpdate)
 {
-    publish(service, QStringLiteral("1.2.0"), releaseArchive(QStringLiteral("1.2.0")));
+    ASSERT_EQ(publishNewRelease(), QString());
     launch();
     QPushButton *badge = nullptr;
     ASSERT_TRUE(waitFor(
@@ -133,11 +114,10 @@ TEST_F(Journey, UpdateOnAnInstalledCopyRunsTheNewVersion)
     // here, the test can still reap it.
     prctl(PR_SET_CHILD_SUBREAPER, 1);
     QProcess install;
-    install.start(QStringLiteral(VANTREL_BINARY),
-                  {QStringLiteral("--install"), releaseArchive(QStringLiteral("1.1.3"))});
+    install.start(QStringLiteral(VANTREL_BINARY), {QStringLiteral("--install"), oldArchive()});
     ASSERT_TRUE(install.waitForFinished(60000));
     ASSERT_EQ(install.exitCode(), 0) << install.readAllStandardError().toStdString();
-    publish(service, QStringLiteral("1.2.0"), releaseArchive(QStringLiteral("1.2.0")));
+    ASSERT_EQ(publishNewRelease(), QString());
 
     QProcess windowHalf;
     QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
