@@ -50,17 +50,19 @@ UpdateSheet::UpdateSheet(UpdateStore &updates, QWidget *parent)
     column->addWidget(m_version);
     column->addWidget(m_notes);
     column->addWidget(m_status);
+    // Where the install button would be, for a copy that must not replace itself: why, and what
+    // to do instead.
+    m_cannotUpdate = label(QString(), 13, QFont::Normal, Palette::white(0.8), card);
+    m_cannotUpdate->setObjectName(QStringLiteral("cannotUpdate"));
+    m_cannotUpdate->setWordWrap(true);
+    m_cannotUpdate->setTextInteractionFlags(Qt::TextSelectableByMouse);
+    column->addWidget(m_cannotUpdate);
     auto *buttons = new QHBoxLayout;
     buttons->addStretch(1);
     auto *later = button(QStringLiteral("Later"), QStringLiteral("updateLater"), Look::pill,
                          Palette::white(0.6), 13, card);
     m_install =
         button(QString(), QStringLiteral("updateInstall"), Look::green, Qt::white, 13, card);
-    m_cannotUpdate = label(QString(), 12, QFont::Normal, Palette::white(0.7), card);
-    m_cannotUpdate->setObjectName(QStringLiteral("cannotUpdate"));
-    m_cannotUpdate->setWordWrap(true);
-    m_cannotUpdate->setTextInteractionFlags(Qt::TextSelectableByMouse);
-    buttons->addWidget(m_cannotUpdate, 1);
     buttons->addWidget(later);
     buttons->addWidget(m_install);
     column->addSpacing(6);
