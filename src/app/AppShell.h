@@ -22,16 +22,21 @@ class TrayIcon;
 
 // The program from launch to quit. It makes and owns the pieces of the shell and connects them:
 //
-//   TrayIcon ─────────┐      LinkRouter ──────┐     HotkeyManager (the clip key)
-//   DashboardWindow   │                       │           │
-//     └▶ DashboardActions ──▶ ArmingController ──▶ ClipEngine ◀── ClipSaver ◀┘
-//            │   │                   │                              │
-//            │   └──────────▶ ClipLibrary ◀── ShareActions ◀────────┘
-//            └─────────────────────────────────────▲
-//   Every piece writes what the user should see into AppModel, which the window and the tray draw.
+//   who asks                        who does it                       what that drives
+//   TrayIcon          ─┐
+//   DashboardActions  ─┼ arm, stop ▶ ArmingController (idle, arming, ▶ ClipEngine start, stop;
+//   LinkRouter        ─┘             armed, stopping, restartPending)  HotkeyManager armed
+//   TrayIcon          ─┐
+//   DashboardActions  ─┤ save ──────▶ ClipSaver ─────────────────────▶ ClipEngine save; then
+//   LinkRouter        ─┤                                               ClipLibrary, ShareActions
+//   HotkeyManager     ─┘ (the clip key)
+//   DashboardActions  ── share, send all, delete ▶ ShareActions ─────▶ the service, the clipboard
+//   DashboardActions  ── open, copy, folder ─────▶ ClipLibrary ──────▶ the desktop, the clipboard
 //
-// Each piece owns its state and calls the next directly; pieces further up hear back through Qt
-// signals (the arming's state, a saved clip, a link asking for the window). Main thread only.
+// Every piece writes what the user should see into AppModel, which the window's pages draw. Each
+// calls the next directly; back up the chain only Qt signals go: ArmingController::stateChanged
+// (the tray's look and items), ClipSaver::clipSaved and saveFailed (desktop notifications),
+// LinkRouter::windowWanted and TrayIcon's requests (this shell). Main thread only.
 class AppShell : public QObject
 {
     Q_OBJECT

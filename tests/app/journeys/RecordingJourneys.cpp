@@ -11,6 +11,8 @@
 #include "core/Preferences.h"
 #include "engine/ClipEngine.h"
 
+#include "support/WidgetTesting.h"
+
 #include <QDir>
 #include <QFile>
 #include <QLabel>
@@ -135,6 +137,7 @@ TEST_F(Journey, TheMicrophoneSwitchSaysWhyItWaitsWhileRecording)
     EXPECT_FALSE(mic->isEnabled()) << "the replay's tracks change between recordings";
     EXPECT_EQ(find<QLabel>(QStringLiteral("microphoneNote"))->text(),
               QStringLiteral("Stop recording to change the microphone."));
+    saveScreen(window(), QStringLiteral("home-armed-microphone"));
     click(QStringLiteral("tabSettings"));
     EXPECT_FALSE(find(QStringLiteral("recordMicrophone"))->isEnabled());
     EXPECT_NE(find(QStringLiteral("microphoneNote")), nullptr) << "Settings says it too";

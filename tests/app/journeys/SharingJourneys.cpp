@@ -10,6 +10,7 @@
 #include "cloud/AccountStore.h"
 
 #include "service/HeadlessBrowser.h"
+#include "support/WidgetTesting.h"
 
 #include <QClipboard>
 #include <QDesktopServices>
