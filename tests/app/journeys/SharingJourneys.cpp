@@ -143,6 +143,7 @@ TEST_F(Journey, OpeningWithoutAFileManagerOrPlayerSaysWhereTheFilesAre)
     EXPECT_EQ(line->text(), folderSaid) << "said where the button is";
     EXPECT_TRUE(line->textInteractionFlags() & Qt::TextSelectableByMouse)
         << "the path can be copied";
+    saveScreen(window(), QStringLiteral("library-no-file-manager"));
 
     ASSERT_TRUE(waitForVisible(QStringLiteral("clipRow:") + QFileInfo(path).fileName()));
     click(QStringLiteral("clipRow:") + QFileInfo(path).fileName());
