@@ -150,7 +150,7 @@ void HotkeyManager::setArmed(bool armed)
         clipKeyHeld = false;
         return;
     }
-    PermissionOnce::promptHotkeysIfNeeded();
+    PermissionOnce::noticeClipKeyIfNeeded();
     installAll();
     startPermissionPoll();
     refreshGlobalState();
@@ -345,11 +345,6 @@ void HotkeyManager::retryPaths()
     installAll();
     startPermissionPoll();
     refreshGlobalState();
-}
-
-void HotkeyManager::openScreenRecordingSettings()
-{
-    PermissionNotifier::instance().post(PermissionTexts::screenRecording(false));
 }
 
 void HotkeyManager::bindingChanged()
