@@ -25,8 +25,13 @@ function(vantrel_test_cases name prefix)
   # small script that ctest runs after the discovered tests are added.
   # A case that GTEST_SKIPs (its fixture is missing) shows in ctest as skipped, not passed.
   set(props " SKIP_REGULAR_EXPRESSION [==[\\[  SKIPPED \\]]==]")
-  if(T_LABELS)
-    string(APPEND props " LABELS [==[${T_LABELS}]==]")
+  set(labels ${T_LABELS})
+  if("service_pair" IN_LIST T_FIXTURES)
+    # Needs Ceph: run by `scripts/test --stores`, not by every test run.
+    list(APPEND labels stores)
+  endif()
+  if(labels)
+    string(APPEND props " LABELS [==[${labels}]==]")
   endif()
   if(T_SERIAL)
     string(APPEND props " RUN_SERIAL TRUE")
@@ -76,6 +81,11 @@ function(vantrel_test_cases name prefix)
         "VANTREL_TEST_SERVICE_BIN=${VANTREL_TEST_SERVICE_BIN}"
         "VANTREL_TEST_POSTGRES=${VANTREL_TEST_POSTGRES}"
         "VANTREL_TEST_S3_ENV=${VANTREL_TEST_S3_ENV}")
+      add_dependencies(${name} vantrel-service)
+    elseif("postgres" IN_LIST T_FIXTURES)
+      # Service processes of the test's own on the fixture's PostgreSQL, files in their folders.
+      list(APPEND env "VANTREL_TEST_POSTGRES=${VANTREL_TEST_POSTGRES}"
+        "VANTREL_TEST_SERVICE_BIN=${VANTREL_TEST_SERVICE_BIN}")
       add_dependencies(${name} vantrel-service)
     endif()
     if("wayland" IN_LIST T_FIXTURES)

@@ -1,5 +1,5 @@
 // The service as several processes on shared stores (PostgreSQL and S3, the "service_pair"
-// fixture's servers): what one process starts another finishes, a process killed in the middle
+// fixture's servers): a clip one process takes another serves, a process killed in the middle
 // of uploads leaves no clip without its object, and an installation on SQLite and a folder moves
 // to the shared stores whole.
 #include "service/ServiceTestSupport.h"
@@ -57,33 +57,11 @@ std::string largeClip(const fs::path &folder, int megabytes)
 TEST(ServiceScaleTest, TwoProcessesOnSharedStoresAreOneService)
 {
     ASSERT_TRUE(onSharedStores()) << "runs against the service_pair fixture's stores";
-    OwnService first({"--poll-rate", "6"});
-    OwnService second(first, {"--poll-rate", "6"});
+    OwnService first;
+    OwnService second(first, {});
     const ServiceEndpoint &a = first.endpoint();
     const ServiceEndpoint &b = second.endpoint();
-    const std::string email = addUser(a, "Pia", "pia's password");
-
-    // A sign-in started through one process and finished through the other.
-    const std::string code = json::parse(client(a)->Post("/v1/auth/device")->body)["code"];
-    EXPECT_EQ(client(b)->Get("/v1/auth/device/" + code)->status, 204) << "pending on both";
-    EXPECT_EQ(client(b)
-                  ->Post("/device",
-                         httplib::Params {
-                             {"code", code}, {"email", email}, {"password", "pia's password"}})
-                  ->status,
-              200);
-    const auto granted = client(a)->Get("/v1/auth/device/" + code);
-    ASSERT_EQ(granted->status, 200);
-    const std::string token = json::parse(granted->body)["token"];
-    EXPECT_EQ(client(b)->Get("/v1/auth/device/" + code)->status, 410) << "handed out once";
-    EXPECT_EQ(client(b)->Get("/v1/me", bearer(token))->status, 200);
-
-    // The poll limit is one bucket for both: six polls in all, whichever process takes them.
-    const std::string other = json::parse(client(b)->Post("/v1/auth/device")->body)["code"];
-    int answered = 0;
-    for (int i = 0; i < 8; ++i)
-        answered += client(i % 2 ? a : b)->Get("/v1/auth/device/" + other)->status == 204;
-    EXPECT_EQ(answered, 6 - 3) << "three polls of the first code were spent already";
+    const std::string token = issueToken(a, addUser(a, "Pia"));
 
     // An upload through one, a download with Range through the other.
     TempFolder folder;
