@@ -196,10 +196,16 @@ TEST(ServiceForgeryTest, GuessesCountPerClientBehindTheProxyPerAccountAndOnTheDe
     // Behind the proxy one client's ten wrong passwords hold back that client, not the next.
     for (int i = 0; i < 10; ++i)
         EXPECT_EQ(signIn(*http, email, "wrong", forwardedFor("10.0.0.1"))->status, 401) << i;
+    // A slow machine earns a try back every six seconds while the passwords are checked: spend
+    // those too, so that the client is held back now whatever the machine's speed.
+    for (int extra = 0;
+         extra < 5 && signIn(*http, email, "wrong", forwardedFor("10.0.0.1"))->status == 401;)
+        ++extra;
+    // The proxy's own entry counts, not what the client wrote before it. (A refusal checks no
+    // password, so nothing is earned back between these.)
+    EXPECT_EQ(signIn(*http, email, "wrong", forwardedFor("10.0.0.2, 10.0.0.1"))->status, 429);
     EXPECT_EQ(signIn(*http, email, "gil's password", forwardedFor("10.0.0.1"))->status, 429);
     EXPECT_EQ(signIn(*http, email, "gil's password", forwardedFor("10.0.0.2"))->status, 303);
-    // The proxy's own entry counts, not what the client wrote before it.
-    EXPECT_EQ(signIn(*http, email, "wrong", forwardedFor("10.0.0.2, 10.0.0.1"))->status, 429);
 
     // One account guessed at from many addresses is held back as a whole: twenty tries a
     // minute (and one more for each three seconds the tries took), then the right password

@@ -218,9 +218,9 @@ TEST_F(X11Capture, CatchesEveryDrawOfAProgramDrawingOnItsOwnTicks)
     for (const FrameRecord &frame : frames.frames())
         grabbed += frame.status == VideoFrame::Status::complete && frame.pts >= from &&
             frame.pts < from + 2'000'000'000;
-    // Two seconds of 120 draws (a busy machine may merge a few); caught at half the rate, it was
-    // 90 to 100.
-    EXPECT_GE(grabbed, 110u);
+    // Two seconds of 120 draws (a machine loaded many times over merged up to 13); caught at
+    // half the rate, it was 90 to 100.
+    EXPECT_GE(grabbed, 104u);
 }
 
 TEST_F(X11Capture, StillScreenRepeatsItsPictureOnceASecondUntilThePointerMoves)
