@@ -16,33 +16,17 @@ work=$(mktemp -d /tmp/vantrel-bench-service-XXXXXX)
 chmod 755 "$work"
 . bench/lib/measure.sh
 
-free_port() { python3 -c 'import socket; s = socket.socket(); s.bind(("127.0.0.1", 0)); print(s.getsockname()[1])'; }
-mb() { awk -v b="$1" 'BEGIN {printf "%.1f", b / 1e6}'; }
+. bench/lib/service.sh
 rss_kb() { awk '/^VmRSS/ {print $2}' "/proc/$1/status"; }
 peak_kb() { awk '/^VmHWM/ {print $2}' "/proc/$1/status"; }
-
-openssl req -x509 -newkey ec -pkeyopt ec_paramgen_curve:prime256v1 -nodes -keyout "$work/key.pem" \
-  -out "$work/cert.pem" -days 1 -subj /CN=localhost \
-  -addext "subjectAltName=DNS:localhost,IP:127.0.0.1" 2>/dev/null
-chmod 644 "$work/key.pem"
-fetch() { curl -s --cacert "$work/cert.pem" "$@"; }
-
-# A clip heavy with detail, cut at 60 MB, and a 5 MB one.
 mkdir -p "$work/www"
-make_clip() {
-  ffmpeg -nostdin -v error -y -f lavfi -i "testsrc2=size=1280x720:rate=30,noise=alls=30:allf=t" \
-    -f lavfi -i sine=f=440 -t 60 -fs "$2" -c:v libx264 -preset ultrafast -qp 16 -pix_fmt yuv420p \
-    -c:a aac -shortest "$1"
-}
-# (-fs stops a little past its size: the last packets still go in.)
-make_clip "$work/big.mp4" 56000000
-make_clip "$work/small.mp4" 4700000
-size=$(stat -c %s "$work/big.mp4")
 
-# The service, its account and the clip uploaded once; nginx serves the same bytes.
+# The service, its account and the clip uploaded once; nginx serves the same bytes. (The 50
+# uploads at once below come from one address, above the per-address default of 32.)
 port=$(free_port)
 url="https://127.0.0.1:$port"
 "$bin" serve --data "$work/data" --listen "127.0.0.1:$port" --public-url "$url" --quiet \
+  --connections-per-address 100 \
   --tls-cert "$work/cert.pem" --tls-key "$work/key.pem" >"$work/service.out" 2>"$work/service.err" &
 service_pid=$!
 pids+=($service_pid)
@@ -168,7 +152,7 @@ lost=$((lost + ${#ids[@]} - distinct))
 printf '50 concurrent uploads of a 5 MB clip: %s lost, %.2f s for all\n' "$lost" "$elapsed"
 
 pass=$(awk -v r="$ratio" -v e="$range_errors" -v u="$up_ratio" -v m="$rss_growth" -v l="$lost" \
-  'BEGIN {print (r >= 0.8 && e == 0 && u >= 0.5 && m < 32 && l == 0) ? "PASS" : "FAIL"}')
-printf 'service: download %sx nginx, %s range errors, upload %sx the download, +%s MB resident, %s of 50 uploads lost (target >= 0.8x, 0 errors, >= 0.5x, < 32 MB, 0 lost) %s\n' \
+  'BEGIN {print (r >= 0.8 && e == 0 && u >= 0.8 && m < 32 && l == 0) ? "PASS" : "FAIL"}')
+printf 'service: download %sx nginx, %s range errors, upload %sx the download, +%s MB resident, %s of 50 uploads lost (target >= 0.8x, 0 errors, >= 0.8x, < 32 MB, 0 lost) %s\n' \
   "$ratio" "$range_errors" "$up_ratio" "$rss_growth" "$lost" "$pass"
 [ "$pass" = PASS ]

@@ -2,6 +2,7 @@
 
 #include "service/CommandLine.h"
 #include "service/FileStore.h"
+#include "service/InspectionHelper.h"
 
 #include <cerrno>
 #include <chrono>
@@ -43,11 +44,11 @@ uint64_t mappedBytes()
     return 0;
 }
 
-// Writes the whole buffer to standard output; false when the reader is gone.
-bool writeOut(const char *data, size_t size)
+// Writes the whole buffer to `fd`; false when the reader is gone.
+bool writeOut(int fd, const char *data, size_t size)
 {
     while (size > 0) {
-        const ssize_t written = ::write(STDOUT_FILENO, data, size);
+        const ssize_t written = ::write(fd, data, size);
         if (written < 0 && errno == EINTR)
             continue;
         if (written <= 0)
@@ -79,14 +80,18 @@ struct Spawned
     int output = -1; // the read end of the child's standard output
 };
 
-Spawned spawn(const std::vector<std::string> &argv)
+// Starts the child with `input` (or nothing) as its standard input.
+Spawned spawn(const std::vector<std::string> &argv, int input = -1)
 {
     int pipe[2];
     if (::pipe2(pipe, O_CLOEXEC) != 0)
         return {};
     posix_spawn_file_actions_t actions;
     posix_spawn_file_actions_init(&actions);
-    posix_spawn_file_actions_addopen(&actions, STDIN_FILENO, "/dev/null", O_RDONLY, 0);
+    if (input >= 0)
+        posix_spawn_file_actions_adddup2(&actions, input, STDIN_FILENO);
+    else
+        posix_spawn_file_actions_addopen(&actions, STDIN_FILENO, "/dev/null", O_RDONLY, 0);
     posix_spawn_file_actions_adddup2(&actions, pipe[1], STDOUT_FILENO);
     // The worker that spawns has every signal blocked; the child starts with none blocked and
     // the default actions, so that it can be stopped like any program.
@@ -147,38 +152,78 @@ bool readAll(int fd, std::chrono::steady_clock::time_point deadline, std::string
 
 } // namespace
 
-ClipInspection ClipInspection::run(const std::string &path, PendingFile &poster,
-                                   const Budget &budget)
+namespace {
+
+struct ChildRun
+{
+    bool started = false;
+    bool ended = false;
+    int status = 0;
+    std::string output;
+};
+
+// Runs the child on `file` (a path; "/proc/self/fd/0" for the standard input) and reads all it
+// writes, within the budget's time.
+ChildRun runChild(const std::string &file, const ClipInspection::Budget &budget, bool poster,
+                  int input)
 {
     static const std::string executable = ownExecutable();
+    ChildRun run;
+    if (executable.empty())
+        return run;
+    std::vector<std::string> argv {executable,
+                                   "inspect-clip",
+                                   file,
+                                   "--memory",
+                                   std::to_string(budget.memoryBytes),
+                                   "--seconds",
+                                   std::to_string(budget.seconds),
+                                   "--width",
+                                   std::to_string(budget.bounds.maxWidth),
+                                   "--height",
+                                   std::to_string(budget.bounds.maxHeight)};
+    if (!poster)
+        argv.push_back("--no-poster");
+    const Spawned child = spawn(argv, input);
+    if (child.pid < 0)
+        return run;
+    run.started = true;
+    run.ended = readAll(child.output,
+                        std::chrono::steady_clock::now() + std::chrono::seconds(budget.seconds + 5),
+                        run.output);
+    ::close(child.output);
+    if (!run.ended)
+        ::kill(child.pid, SIGKILL);
+    while (::waitpid(child.pid, &run.status, 0) < 0 && errno == EINTR) { }
+    return run;
+}
+
+} // namespace
+
+ClipInspection ClipInspection::check(const std::string &path, const Budget &budget)
+{
     ClipInspection result;
     result.probe.problem = "The video could not be checked: it may be damaged.";
     result.childFailed = true;
-    if (executable.empty())
-        return result;
-    const Spawned child =
-        spawn({executable, "inspect-clip", path, "--memory", std::to_string(budget.memoryBytes),
-               "--seconds", std::to_string(budget.seconds), "--width",
-               std::to_string(budget.bounds.maxWidth), "--height",
-               std::to_string(budget.bounds.maxHeight)});
-    if (child.pid < 0)
+    ChildRun run;
+    // A child of the helper when there is one (a fork, not the executable started afresh).
+    const int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
+    if (fd >= 0) {
+        const auto deadline =
+            std::chrono::steady_clock::now() + std::chrono::seconds(budget.seconds + 5);
+        run.started = InspectionHelper::inspect(fd, budget, false, deadline, run.output, run.ended);
+        ::close(fd);
+    }
+    if (!run.started)
+        run = runChild(path, budget, false, -1);
+    if (!run.started)
         return result;
     result.childFailed = false;
-    std::string output;
-    const bool ended = readAll(
-        child.output, std::chrono::steady_clock::now() + std::chrono::seconds(budget.seconds + 5),
-        output);
-    ::close(child.output);
-    if (!ended)
-        ::kill(child.pid, SIGKILL);
-    int status = 0;
-    while (::waitpid(child.pid, &status, 0) < 0 && errno == EINTR) { }
-
-    // "ok WIDTH HEIGHT MILLISECONDS\n" then the poster, or "refused SENTENCE\n".
-    const size_t lineEnd = output.find('\n');
+    // "ok WIDTH HEIGHT MILLISECONDS\n", or "refused SENTENCE\n".
+    const size_t lineEnd = run.output.find('\n');
     if (lineEnd == std::string::npos)
         return result;
-    std::istringstream report(output.substr(0, lineEnd));
+    std::istringstream report(run.output.substr(0, lineEnd));
     std::string word;
     report >> word;
     if (word == "refused") {
@@ -190,53 +235,78 @@ ClipInspection ClipInspection::run(const std::string &path, PendingFile &poster,
         return result;
     probe.isMp4 = true;
     result.probe = probe;
-    // The report came, so the file is taken; the poster only when the child ended well (one
-    // that ran out of memory or crashed while decoding leaves the clip without one, as a clip
-    // whose first picture does not decode has none).
-    const std::string_view jpeg = std::string_view(output).substr(lineEnd + 1);
-    if (!jpeg.empty() && WIFEXITED(status) && WEXITSTATUS(status) == 0) {
-        poster.write(jpeg.data(), jpeg.size());
-        poster.finish();
-        result.hasPoster = true;
-    }
     return result;
+}
+
+std::optional<std::string> ClipInspection::makePoster(int fd, const Budget &budget)
+{
+    // The child opens the file through a descriptor's name, which reaches the file even once
+    // its pending name is gone. A child of the helper's exit status is not known here: its
+    // poster counts when it is whole (a JPEG ends with its end-of-image marker).
+    ChildRun run;
+    const auto deadline =
+        std::chrono::steady_clock::now() + std::chrono::seconds(budget.seconds + 5);
+    bool whole = false;
+    if (InspectionHelper::inspect(fd, budget, true, deadline, run.output, run.ended)) {
+        whole =
+            run.output.size() > 2 && run.output.compare(run.output.size() - 2, 2, "\xff\xd9") == 0;
+    } else {
+        run = runChild("/proc/self/fd/0", budget, true, fd);
+        whole = WIFEXITED(run.status) && WEXITSTATUS(run.status) == 0;
+    }
+    const size_t lineEnd = run.output.find('\n');
+    // A child that ran out of memory or crashed while decoding leaves the clip without a
+    // poster, as a clip whose first picture does not decode has none.
+    if (!run.ended || !whole || lineEnd == std::string::npos || run.output.rfind("ok ", 0) != 0 ||
+        lineEnd + 1 == run.output.size())
+        return std::nullopt;
+    return run.output.substr(lineEnd + 1);
 }
 
 int ClipInspection::child(const std::vector<std::string> &arguments)
 {
-    const CommandLine line(arguments, {"memory", "seconds", "width", "height"});
+    const CommandLine line(arguments, {"memory", "seconds", "width", "height"}, {"no-poster"});
     if (line.words().size() != 1)
         throw CommandLine::Error("Usage: vantrel-service inspect-clip FILE --memory BYTES "
                                  "--seconds S --width W --height H");
     const uint64_t memory = CommandLine::parseSize(line.required("memory"), "memory");
     const int seconds = CommandLine::parseInteger(line.required("seconds"), "seconds", 1, 3600);
-    VideoBounds bounds;
-    bounds.maxWidth = CommandLine::parseInteger(line.required("width"), "width", 16, 65536);
-    bounds.maxHeight = CommandLine::parseInteger(line.required("height"), "height", 16, 65536);
+    Budget budget;
+    budget.memoryBytes = memory;
+    budget.seconds = seconds;
+    budget.bounds.maxWidth = CommandLine::parseInteger(line.required("width"), "width", 16, 65536);
+    budget.bounds.maxHeight =
+        CommandLine::parseInteger(line.required("height"), "height", 16, 65536);
+    return inspect(line.words()[0], budget, !line.flag("no-poster"), STDOUT_FILENO);
+}
 
+int ClipInspection::inspect(const std::string &file, const Budget &budget, bool poster, int output)
+{
     // Limits first, before a byte of the file is read. The address space is counted from what
     // the process has mapped already, so the same budget holds whatever the build maps at start.
-    const rlimit space {mappedBytes() + memory, mappedBytes() + memory};
-    const rlimit cpu {rlim_t(seconds), rlim_t(seconds) + 1};
+    const rlimit space {mappedBytes() + budget.memoryBytes, mappedBytes() + budget.memoryBytes};
+    const rlimit cpu {rlim_t(budget.seconds), rlim_t(budget.seconds) + 1};
     const rlimit noCore {0, 0};
     if (::setrlimit(RLIMIT_AS, &space) != 0 || ::setrlimit(RLIMIT_CPU, &cpu) != 0 ||
         ::setrlimit(RLIMIT_CORE, &noCore) != 0)
         return 1;
     ClipProbe::silenceLibraryLog();
 
-    const ClipProbeResult probe = ClipProbe::probe(line.words()[0], bounds);
+    const ClipProbeResult probe = ClipProbe::probe(file, budget.bounds);
     if (!probe.isMp4) {
         const std::string report = "refused " + probe.problem + "\n";
-        return writeOut(report.data(), report.size()) ? 0 : 1;
+        return writeOut(output, report.data(), report.size()) ? 0 : 1;
     }
     // The report goes out before anything is decoded: whatever happens to the decoder, the
     // server knows the file itself passed.
     const std::string report = "ok " + std::to_string(probe.width) + " " +
         std::to_string(probe.height) + " " + std::to_string(probe.durationMs) + "\n";
-    if (!writeOut(report.data(), report.size()))
+    if (!writeOut(output, report.data(), report.size()))
         return 1;
-    MemoryPending poster;
-    if (!ClipProbe::writePoster(line.words()[0], poster, bounds))
+    if (!poster)
+        return 0;
+    MemoryPending jpeg;
+    if (!ClipProbe::writePoster(file, jpeg, budget.bounds))
         return 2;
-    return writeOut(poster.bytes().data(), poster.bytes().size()) ? 0 : 1;
+    return writeOut(output, jpeg.bytes().data(), jpeg.bytes().size()) ? 0 : 1;
 }

@@ -3,20 +3,19 @@
 #include "service/ClipProbe.h"
 
 #include <cstdint>
+#include <optional>
 #include <string>
 #include <vector>
 
-class PendingFile;
-
-// An upload's check and its poster frame, made by a child process of the service: the running
-// executable again, as `vantrel-service inspect-clip FILE`. The child limits its own address
-// space, CPU time and core files before it opens the file, so a file built to make FFmpeg take
-// gigabytes or crash takes down the child only; the server reads its report and the poster's
-// JPEG from a pipe and waits for it a bounded time.
+// An upload's check and its poster frame, each made by a child process of the service: the
+// running executable again, as `vantrel-service inspect-clip FILE`. The child limits its own
+// address space, CPU time and core files before it opens the file, so a file built to make FFmpeg
+// take gigabytes or crash takes down the child only; the server reads its report and the poster's
+// JPEG from a pipe and waits for it a bounded time. The check answers the upload; the poster is
+// made afterwards, from the file the server keeps open for it.
 struct ClipInspection
 {
     ClipProbeResult probe;
-    bool hasPoster = false;
     // The child could not be started at all: the service's fault, not the file's.
     bool childFailed = false;
 
@@ -28,11 +27,17 @@ struct ClipInspection
         VideoBounds bounds;
     };
 
-    // Checks `path`; when the file is taken, writes its poster into `poster`. A child that
-    // could not start, ran out of its budget or died before reporting refuses the file.
-    static ClipInspection run(const std::string &path, PendingFile &poster, const Budget &budget);
+    // Checks `path`. A child that could not start, ran out of its budget or died before
+    // reporting refuses the file.
+    static ClipInspection check(const std::string &path, const Budget &budget);
+    // The poster (a JPEG) of the checked file open as `fd`; none when the child made none (its
+    // first picture did not decode within the budget).
+    static std::optional<std::string> makePoster(int fd, const Budget &budget);
 
-    // The child's side (`inspect-clip FILE --memory BYTES --seconds S --width W --height H`):
-    // writes its report line, then the JPEG, to standard output. Returns the exit status.
+    // The child's side (`inspect-clip FILE --memory BYTES --seconds S --width W --height H
+    // [--no-poster]`): writes its report line, then the JPEG, to standard output. Returns the
+    // exit status.
     static int child(const std::vector<std::string> &arguments);
+    // The same within this process (a child already): limits itself, then writes to `output`.
+    static int inspect(const std::string &file, const Budget &budget, bool poster, int output);
 };

@@ -1,10 +1,14 @@
 #include "service/ClipUpload.h"
 
 #include "service/ClipInspection.h"
+#include "service/PosterMaker.h"
+#include "service/RequestStream.h"
 #include "service/Secrets.h"
 #include "service/TextRules.h"
 
 #include <cstdio>
+#include <fcntl.h>
+#include <unistd.h>
 
 namespace {
 
@@ -66,7 +70,9 @@ bool ClipUpload::onPartHeader(const MultipartStream::Part &part)
         if (part.contentType != "video/mp4")
             return fail(415, "The file must be sent as video/mp4.");
         try {
-            m_file = m_context.files.create(FileKind::clip);
+            // The id is chosen now: a store that sends files away starts as the bytes come.
+            m_clipId = Secrets::randomId(12);
+            m_file = m_context.files.create(FileKind::clip, m_clipId + ".mp4");
         } catch (const FileError &) {
             return fail(507, "The service has no room for the upload right now.");
         }
@@ -99,9 +105,11 @@ bool ClipUpload::onPartData(const char *data, size_t size)
     try {
         if (m_buffer.size() + size > bufferBytes)
             flush();
-        if (size >= bufferBytes)
+        // Large pieces go to the file where they lie; small ones are gathered first.
+        if (size >= bufferBytes / 4) {
+            flush();
             m_file->write(data, size);
-        else
+        } else
             m_buffer.insert(m_buffer.end(), data, data + size);
     } catch (const FileError &) {
         return fail(507, "The service has no room for the upload right now.");
@@ -135,13 +143,24 @@ ClipUpload::Outcome ClipUpload::run(const httplib::Request &req, httplib::Respon
     raw.headers.erase("Content-Type");
     raw.headers.emplace("Content-Type", "application/octet-stream");
     bool parsing = true;
-    const bool read = reader([&](const char *data, size_t size) {
+    const auto feed = [&](const char *data, size_t size) {
         if (parsing && !parts.feed(data, size)) {
             parsing = false;
             fail(400, "The upload is not a well-formed multipart form.");
         }
         return true;
-    });
+    };
+    bool read = true;
+    if (RequestStream *stream = RequestStream::current()) {
+        // Straight from the connection in blocks of up to 256 KiB: the library's reader would
+        // hand the body over 4 KiB at a time.
+        for (std::string_view block = stream->takeBodyBlock(); !block.empty();
+             block = stream->takeBodyBlock())
+            feed(block.data(), block.size());
+        read = !stream->failed() && stream->bodyRead();
+    } else {
+        read = reader(feed);
+    }
     if (m_failedStatus != 0)
         return {m_failedStatus, m_failedDetail, {}};
     if (!read) {
@@ -177,39 +196,45 @@ ClipUpload::Outcome ClipUpload::store()
                     std::to_string(m_context.limits.maxNameCharacters) + " characters.",
                 {}};
 
-    std::unique_ptr<PendingFile> poster = m_context.files.create(FileKind::poster);
     ClipInspection::Budget budget;
     budget.memoryBytes = m_context.limits.posterMemoryBytes;
     budget.bounds = {m_context.limits.maxVideoWidth, m_context.limits.maxVideoHeight};
-    const ClipInspection inspection = ClipInspection::run(m_file->path(), *poster, budget);
+    const ClipInspection inspection = ClipInspection::check(m_file->path(), budget);
     const ClipProbeResult &probe = inspection.probe;
     if (inspection.childFailed)
         return {503, "The service could not check the video. Try again later.", {}};
     if (!probe.isMp4)
         return {415, probe.problem, {}};
-    const bool hasPoster = inspection.hasPoster;
 
     ClipRecord clip;
-    clip.id = Secrets::randomId(12);
+    clip.id = m_clipId;
     clip.userId = m_owner.id;
     clip.name = name;
     clip.sizeBytes = static_cast<int64_t>(m_file->size());
     clip.width = probe.width;
     clip.height = probe.height;
     clip.durationMs = probe.durationMs;
-    clip.hasPoster = hasPoster;
+    clip.hasPoster = false;
     clip.createdAt = unixNow();
 
+    // The poster is made after the answer, from the file held open here: its pending name goes
+    // with the commit.
+    int forPoster = m_context.posters ? ::open(m_file->path().c_str(), O_RDONLY | O_CLOEXEC) : -1;
     // Files first, record last: a record never points at a file that is not there.
-    m_context.files.commit(std::move(m_file), FileKind::clip, clip.id + ".mp4");
     try {
-        if (hasPoster)
-            m_context.files.commit(std::move(poster), FileKind::poster, clip.id + ".jpg");
-        m_context.records.addClip(clip);
+        m_context.files.commit(std::move(m_file), FileKind::clip, clip.id + ".mp4");
+        try {
+            m_context.records.addClip(clip);
+        } catch (...) {
+            m_context.files.remove(FileKind::clip, clip.id + ".mp4");
+            throw;
+        }
     } catch (...) {
-        m_context.files.remove(FileKind::poster, clip.id + ".jpg");
-        m_context.files.remove(FileKind::clip, clip.id + ".mp4");
+        if (forPoster >= 0)
+            ::close(forPoster);
         throw;
     }
+    if (forPoster >= 0)
+        m_context.posters->add(clip.id, forPoster);
     return {200, {}, clip};
 }

@@ -11,10 +11,10 @@
 #include <vector>
 
 // One clip upload, from the multipart body to the stored clip. The file part is streamed to a
-// pending file in the data folder (never held in memory), checked to be an MP4, given a poster
-// frame, moved into place under a new id and only then recorded: at any moment a crash leaves
-// either nothing, a pending file the next start clears, or a stored file without a record that
-// the next start removes.
+// pending file in the data folder (never held in memory), checked to be an MP4, moved into place
+// under a new id and only then recorded: at any moment a crash leaves either nothing, a pending
+// file the next start clears, or a stored file without a record that the next start removes.
+// Its poster frame is made after the answer (PosterMaker).
 class ClipUpload
 {
 public:
@@ -50,6 +50,7 @@ private:
     bool m_sawName = false;
     std::string m_name;
     std::string m_fileName;
+    std::string m_clipId;
     std::unique_ptr<PendingFile> m_file;
     uint64_t m_fileBytes = 0;
     std::vector<char> m_buffer;

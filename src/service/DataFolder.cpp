@@ -1,7 +1,10 @@
 #include "service/DataFolder.h"
 
+#include <fcntl.h>
 #include <filesystem>
 #include <stdexcept>
+#include <sys/file.h>
+#include <unistd.h>
 
 namespace fs = std::filesystem;
 
@@ -46,6 +49,18 @@ void prepare(const std::string &path)
         if ((status.permissions() & ~wanted) != fs::perms::none)
             fs::permissions(entry->path(), wanted, fs::perm_options::replace, ignored);
     }
+}
+
+int lock(const std::string &path)
+{
+    const std::string file = path + "/serve.lock";
+    const int fd = ::open(file.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600);
+    if (fd < 0 || ::flock(fd, LOCK_EX | LOCK_NB) != 0) {
+        if (fd >= 0)
+            ::close(fd);
+        throw std::runtime_error("Another vantrel-service is using " + path + " already.");
+    }
+    return fd;
 }
 
 } // namespace DataFolder

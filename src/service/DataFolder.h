@@ -10,4 +10,9 @@ namespace DataFolder {
 // folder and the folders in it to 0700, the files in it to 0600. Throws std::runtime_error.
 void prepare(const std::string &path);
 
+// Takes the folder for this process alone, for as long as the returned descriptor stays open:
+// one server per data folder (a second one would clean up the first one's uploads), and no
+// server while an installation moves. Throws std::runtime_error when another process has it.
+int lock(const std::string &path);
+
 } // namespace DataFolder

@@ -1,5 +1,7 @@
 #include "service/DiskFileStore.h"
 
+#include "service/LocalPendingFile.h"
+
 #include <cerrno>
 #include <cstring>
 #include <ctime>
@@ -17,15 +19,6 @@ std::string systemError(const std::string &what)
     return what + ": " + std::strerror(errno);
 }
 
-// Keys are made by the service itself; this refuses anything that could leave its folder all
-// the same.
-void checkKey(const std::string &key)
-{
-    if (key.empty() || key.find('/') != std::string::npos || key.find('\0') != std::string::npos ||
-        key.front() == '.')
-        throw FileError("Not a file key: " + key);
-}
-
 void syncFolder(const std::string &folder)
 {
     const int fd = ::open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
@@ -34,62 +27,6 @@ void syncFolder(const std::string &folder)
         ::close(fd);
     }
 }
-
-class DiskPendingFile : public PendingFile
-{
-public:
-    explicit DiskPendingFile(const std::string &folder)
-    {
-        m_path = folder + "/upload-XXXXXX";
-        m_fd = ::mkostemp(m_path.data(), O_CLOEXEC);
-        if (m_fd < 0)
-            throw FileError(systemError("Cannot create a file in " + folder));
-    }
-    ~DiskPendingFile() override
-    {
-        if (m_fd >= 0)
-            ::close(m_fd);
-        // A committed file lives on under its own name (a hard link); this one always goes.
-        ::unlink(m_path.c_str());
-    }
-
-    void write(const char *data, size_t size) override
-    {
-        while (size > 0) {
-            const ssize_t written = ::write(m_fd, data, size);
-            if (written < 0) {
-                if (errno == EINTR)
-                    continue;
-                throw FileError(systemError("Cannot write " + m_path));
-            }
-            data += written;
-            size -= static_cast<size_t>(written);
-            m_size += static_cast<uint64_t>(written);
-        }
-        // Start writing back what has come so far, so that the flush at the end of a large
-        // upload has little left to wait for.
-        if (m_size - m_startedWriteBack >= writeBackBytes) {
-            ::sync_file_range(m_fd, off64_t(m_startedWriteBack),
-                              off64_t(m_size - m_startedWriteBack), SYNC_FILE_RANGE_WRITE);
-            m_startedWriteBack = m_size;
-        }
-    }
-    void finish() override
-    {
-        if (::fsync(m_fd) != 0)
-            throw FileError(systemError("Cannot flush " + m_path));
-    }
-    uint64_t size() const override { return m_size; }
-    const std::string &path() const override { return m_path; }
-
-private:
-    static constexpr uint64_t writeBackBytes = 8 << 20;
-
-    std::string m_path;
-    int m_fd = -1;
-    uint64_t m_size = 0;
-    uint64_t m_startedWriteBack = 0;
-};
 
 class DiskStoredFile : public StoredFile
 {
@@ -131,15 +68,7 @@ DiskFileStore::DiskFileStore(std::string dataFolder)
 
 std::string DiskFileStore::folder(FileKind kind) const
 {
-    switch (kind) {
-    case FileKind::clip:
-        return m_root + "/clips";
-    case FileKind::poster:
-        return m_root + "/posters";
-    case FileKind::release:
-        return m_root + "/releases";
-    }
-    return m_root + "/tmp";
+    return m_root + "/" + folderName(kind);
 }
 
 std::string DiskFileStore::pathOf(FileKind kind, const std::string &key) const
@@ -148,14 +77,14 @@ std::string DiskFileStore::pathOf(FileKind kind, const std::string &key) const
     return folder(kind) + "/" + key;
 }
 
-std::unique_ptr<PendingFile> DiskFileStore::create(FileKind)
+std::unique_ptr<PendingFile> DiskFileStore::create(FileKind, const std::string &)
 {
-    return std::make_unique<DiskPendingFile>(m_root + "/tmp");
+    return std::make_unique<LocalPendingFile>(m_root + "/tmp", true);
 }
 
 void DiskFileStore::commit(std::unique_ptr<PendingFile> file, FileKind kind, const std::string &key)
 {
-    auto *pending = dynamic_cast<DiskPendingFile *>(file.get());
+    auto *pending = dynamic_cast<LocalPendingFile *>(file.get());
     if (!pending)
         throw FileError("Not a pending file of this store");
     const std::string target = pathOf(kind, key);
@@ -193,28 +122,25 @@ void DiskFileStore::remove(FileKind kind, const std::string &key)
     ::unlink(pathOf(kind, key).c_str());
 }
 
-std::vector<std::string> DiskFileStore::keys(FileKind kind)
+std::vector<StoredEntry> DiskFileStore::list(FileKind kind)
 {
-    std::vector<std::string> keys;
+    std::vector<StoredEntry> entries;
     std::error_code error;
-    for (const auto &entry : fs::directory_iterator(folder(kind), error))
-        if (entry.is_regular_file(error))
-            keys.push_back(entry.path().filename().string());
-    return keys;
+    const int64_t now = static_cast<int64_t>(::time(nullptr));
+    for (const auto &entry : fs::directory_iterator(folder(kind), error)) {
+        struct stat info
+        {
+        };
+        if (::stat(entry.path().c_str(), &info) == 0 && S_ISREG(info.st_mode))
+            entries.push_back(
+                {entry.path().filename().string(), now - static_cast<int64_t>(info.st_mtime)});
+    }
+    return entries;
 }
 
-int64_t DiskFileStore::ageSeconds(FileKind kind, const std::string &key)
+void DiskFileStore::discardAbandoned(int64_t)
 {
-    struct stat info
-    {
-    };
-    if (::stat(pathOf(kind, key).c_str(), &info) != 0)
-        return 0;
-    return static_cast<int64_t>(::time(nullptr)) - static_cast<int64_t>(info.st_mtime);
-}
-
-void DiskFileStore::discardAbandoned()
-{
+    // One server per data folder (it holds a lock): whatever is pending is its own or nobody's.
     std::error_code error;
     for (const auto &entry : fs::directory_iterator(m_root + "/tmp", error))
         fs::remove_all(entry.path(), error);

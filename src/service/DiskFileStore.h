@@ -10,14 +10,14 @@ public:
     // Creates the folders when missing; throws FileError.
     explicit DiskFileStore(std::string dataFolder);
 
-    std::unique_ptr<PendingFile> create(FileKind kind) override;
+    std::unique_ptr<PendingFile> create(FileKind kind, const std::string &key) override;
     void commit(std::unique_ptr<PendingFile> file, FileKind kind, const std::string &key) override;
     std::unique_ptr<StoredFile> open(FileKind kind, const std::string &key) override;
     bool exists(FileKind kind, const std::string &key) override;
     void remove(FileKind kind, const std::string &key) override;
-    std::vector<std::string> keys(FileKind kind) override;
-    int64_t ageSeconds(FileKind kind, const std::string &key) override;
-    void discardAbandoned() override;
+    std::vector<StoredEntry> list(FileKind kind) override;
+    void discardAbandoned(int64_t sharedGraceSeconds) override;
+    bool shared() const override { return false; }
 
 private:
     std::string folder(FileKind kind) const;

@@ -37,6 +37,7 @@ void serve(const Request &req, Response &res, std::shared_ptr<StoredFile> file,
     res.set_header("Accept-Ranges", "bytes");
     auto buffer = std::make_shared<std::vector<char>>(chunkBytes);
     const uint64_t first = range.first;
+    file->willRead(range.first, range.length);
     res.set_content_provider(
         static_cast<size_t>(range.length), contentType,
         [file, buffer, first](size_t offset, size_t length, httplib::DataSink &sink) {

@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <cctype>
+#include <cstring>
 
 namespace {
 
@@ -60,6 +61,8 @@ bool MultipartStream::feed(const char *data, size_t size)
 {
     if (m_state == State::done)
         return true; // the epilogue, ignored
+    if (const std::optional<bool> passed = passThrough(data, size))
+        return *passed;
     m_buffer.append(data, size);
     bool progressed = true;
     while (progressed) {
@@ -67,6 +70,27 @@ bool MultipartStream::feed(const char *data, size_t size)
         if (!step(progressed))
             return false;
     }
+    return true;
+}
+
+std::optional<bool> MultipartStream::passThrough(const char *data, size_t size)
+{
+    // The common case of a large part: no delimiter in this block. Its bytes go to the part
+    // where they lie, without a copy; only a tail that may start the delimiter is kept.
+    const size_t keep = m_delimiter.size() - 1;
+    if (m_state != State::body || m_buffer.size() > keep || size < keep)
+        return std::nullopt;
+    const std::string joint = m_buffer + std::string(data, keep);
+    // (glibc's memmem skips along far faster than a search for the delimiter's first byte,
+    // which turns up every 256 bytes of compressed video.)
+    if (joint.find(m_delimiter) != std::string::npos ||
+        ::memmem(data, size, m_delimiter.data(), m_delimiter.size()))
+        return std::nullopt;
+    if (!m_buffer.empty() && !m_onData(m_buffer.data(), m_buffer.size()))
+        return false;
+    if (size > keep && !m_onData(data, size - keep))
+        return false;
+    m_buffer.assign(data + size - keep, keep);
     return true;
 }
 

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <functional>
+#include <optional>
 #include <string>
 #include <string_view>
 
@@ -34,6 +35,8 @@ private:
     enum class State { preamble, headers, body, afterBoundary, done };
 
     bool step(bool &progressed);
+    // Hands a block of a part's body on where it lies; none when the block needs the buffer.
+    std::optional<bool> passThrough(const char *data, size_t size);
     bool readHeaders(std::string_view block);
 
     std::string m_opening; // "--BOUNDARY\r\n"

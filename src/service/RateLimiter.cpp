@@ -3,14 +3,18 @@
 #include <algorithm>
 #include <cmath>
 
-RateLimiter::RateLimiter(int perMinute)
+RateLimiter::RateLimiter(int perMinute, std::string name, SharedRateCounters *shared)
     : m_capacity(std::max(1, perMinute))
     , m_perSecond(std::max(1, perMinute) / 60.0)
+    , m_name(std::move(name))
+    , m_shared(shared)
 {
 }
 
 bool RateLimiter::allow(const std::string &key, Clock::time_point now)
 {
+    if (m_shared)
+        return m_shared->take(m_name, key, m_capacity, m_perSecond);
     std::scoped_lock lock(m_mutex);
     forgetIdleLocked(now);
     auto [it, added] = m_buckets.try_emplace(key, Bucket {m_capacity, now});

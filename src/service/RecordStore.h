@@ -8,9 +8,9 @@
 
 // The service's records: accounts, tokens, sign-in codes, clips, packs, releases and the sponsor
 // cards. The server only ever talks to this interface; SqliteRecordStore keeps everything in one
-// SQLite file on one machine, and a store over PostgreSQL can take its place when the service
-// outgrows one machine (every call is one short transaction, and times come from the caller).
-// All calls are safe from any thread. Failures of the database itself throw StoreError.
+// SQLite file on one machine, PostgresRecordStore in a PostgreSQL database that several servers
+// share (every call is one short transaction, and times come from the caller). All calls are
+// safe from any thread. Failures of the database itself throw StoreError.
 
 struct UserRecord
 {
@@ -56,6 +56,35 @@ struct ReleaseRecord
 
 enum class TokenKind { app, web };
 
+struct TokenRecord
+{
+    std::string hash;
+    std::string userId;
+    TokenKind kind = TokenKind::app;
+    int64_t createdAt = 0;
+    int64_t expiresAt = 0; // 0: never
+    std::optional<int64_t> revokedAt;
+};
+
+struct DeletedClipNote
+{
+    std::string id;
+    int64_t deletedAt = 0;
+};
+
+// Everything a store holds but the sign-ins under way: what moves when an installation moves to
+// other stores.
+struct RecordsSnapshot
+{
+    std::vector<UserRecord> users;
+    std::vector<TokenRecord> tokens;
+    std::vector<ClipRecord> clips; // in the order they were added
+    std::vector<PackRecord> packs; // likewise
+    std::vector<ReleaseRecord> releases; // likewise
+    std::vector<DeletedClipNote> deletedClips;
+    std::string ads;
+};
+
 // Where a device code stands when it is polled or approved.
 enum class DeviceCodeState { unknown, expired, pending, approved, claimed };
 
@@ -63,6 +92,17 @@ class StoreError : public std::runtime_error
 {
 public:
     using std::runtime_error::runtime_error;
+};
+
+// Rate-limit buckets kept where every server using the same records counts in them.
+class SharedRateCounters
+{
+public:
+    virtual ~SharedRateCounters() = default;
+    // Spends one token of the bucket (limit, key), which holds at most `capacity` and earns
+    // `perSecond`; false when it has none to spend.
+    virtual bool take(const std::string &limit, const std::string &key, double capacity,
+                      double perSecond) = 0;
 };
 
 class RecordStore
@@ -112,6 +152,8 @@ public:
     // clip.
     virtual bool deleteClip(const std::string &id, int64_t now) = 0;
     virtual bool clipDeleted(const std::string &id) = 0;
+    // Notes that the clip's poster frame is stored (it is made after the upload is answered).
+    virtual void setClipPoster(const std::string &id) = 0;
     virtual void addPack(const PackRecord &pack) = 0;
     virtual std::optional<PackRecord> pack(const std::string &id) = 0;
     virtual std::vector<PackRecord> packsOfUser(const std::string &userId) = 0;
@@ -124,4 +166,11 @@ public:
     // The sponsor cards, as the operator's JSON text; empty before any was set.
     virtual void setAds(const std::string &json) = 0;
     virtual std::string ads() = 0;
+
+    // Where the rate limits count when several servers share these records; null when each
+    // server may count in its own memory.
+    virtual SharedRateCounters *sharedRateCounters() { return nullptr; }
+
+    // Everything at once, read in one transaction: what moves when an installation moves.
+    virtual RecordsSnapshot snapshot() = 0;
 };

@@ -68,6 +68,25 @@ ssize_t RequestStream::read(char *ptr, size_t size)
     return ssize_t(count);
 }
 
+std::string_view RequestStream::takeBodyBlock()
+{
+    const uint64_t left = m_requestBytes - std::min(m_taken, m_requestBytes);
+    if (left == 0 || m_failed)
+        return {};
+    if (m_connection.buffered().empty() &&
+        !m_connection.receiveWaiting(size_t(std::min<uint64_t>(left, receiveBlockBytes)),
+                                     m_timeout)) {
+        m_failed = true;
+        return {};
+    }
+    const std::string_view available = m_connection.buffered();
+    const size_t count = size_t(std::min<uint64_t>(available.size(), left));
+    // The bytes stay in the buffer until the next call; consume() only moves its start.
+    m_connection.consume(count);
+    m_taken += count;
+    return available.substr(0, count);
+}
+
 ssize_t RequestStream::write(const char *ptr, size_t size)
 {
     if (m_failed || !m_connection.sendWaiting({ptr, size}, m_timeout)) {

@@ -28,6 +28,13 @@ public:
     bool bodyRead() const { return m_taken >= m_requestBytes; }
     const Connection &connection() const { return m_connection; }
 
+    // The next bytes of the body, straight from the connection's buffer (filled in a large
+    // block when empty), for a route that reads a large body itself instead of through the
+    // library's reader; valid until the next call. Empty at the body's end, or when the
+    // connection ended or stalled (failed() tells).
+    std::string_view takeBodyBlock();
+    bool failed() const { return m_failed; }
+
     bool is_readable() const override;
     bool is_writable() const override;
     ssize_t read(char *ptr, size_t size) override;

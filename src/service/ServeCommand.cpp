@@ -3,9 +3,10 @@
 #include "service/ClipProbe.h"
 #include "service/CommandLine.h"
 #include "service/DataFolder.h"
-#include "service/DiskFileStore.h"
+#include "service/InspectionHelper.h"
+#include "service/PosterMaker.h"
 #include "service/ServiceServer.h"
-#include "service/SqliteRecordStore.h"
+#include "service/StoreOptions.h"
 #include "service/StoreRecovery.h"
 
 #include <csignal>
@@ -13,7 +14,6 @@
 #include <fcntl.h>
 #include <filesystem>
 #include <pthread.h>
-#include <sys/file.h>
 #include <sys/resource.h>
 #include <thread>
 #include <unistd.h>
@@ -54,16 +54,6 @@ std::string parsePublicUrl(std::string url)
     while (url.back() == '/')
         url.pop_back();
     return url;
-}
-
-// One server per data folder: a second one would clean up the first one's uploads.
-int lockDataFolder(const std::string &folder)
-{
-    const std::string path = folder + "/serve.lock";
-    const int fd = ::open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600);
-    if (fd < 0 || ::flock(fd, LOCK_EX | LOCK_NB) != 0)
-        throw std::runtime_error("Another vantrel-service is serving " + folder + " already.");
-    return fd;
 }
 
 // Every connection is a descriptor: the soft limit (often 1024) is raised as far as the system
@@ -111,15 +101,28 @@ namespace ServeCommand {
 
 int run(const std::vector<std::string> &arguments)
 {
-    const CommandLine line(arguments,
-                           {"data", "listen", "public-url", "tls-cert", "tls-key", "max-upload",
-                            "code-lifetime", "poll-rate", "token-rate", "threads", "trusted-proxy",
-                            "max-connections", "connections-per-address", "handshake-timeout",
-                            "head-timeout", "poster-memory"},
-                           {"quiet"});
+    std::set<std::string> options {"listen",
+                                   "public-url",
+                                   "tls-cert",
+                                   "tls-key",
+                                   "max-upload",
+                                   "code-lifetime",
+                                   "poll-rate",
+                                   "token-rate",
+                                   "threads",
+                                   "trusted-proxy",
+                                   "max-connections",
+                                   "connections-per-address",
+                                   "handshake-timeout",
+                                   "head-timeout",
+                                   "poster-memory",
+                                   "orphan-grace"};
+    options.insert(StoreOptions::names().begin(), StoreOptions::names().end());
+    const CommandLine line(arguments, options, {"quiet"});
     if (!line.words().empty())
         throw CommandLine::Error("serve takes no words, only options.");
-    const std::string data = line.required("data");
+    const StoreOptions::Choice stores = StoreOptions::parse(line, true);
+    const std::string data = stores.data;
     const ListenAddress listen = parseListen(line.option("listen").value_or("127.0.0.1:8443"));
     const std::string publicUrl = parsePublicUrl(line.required("public-url"));
 
@@ -161,16 +164,26 @@ int run(const std::vector<std::string> &arguments)
         throw CommandLine::Error("Without --tls-cert and --tls-key the service serves plain HTTP, "
                                  "and then only on 127.0.0.1.");
 
-    DataFolder::prepare(data);
-    const int lock = lockDataFolder(data);
+    // Before the lock, the stores and any thread: the helper takes none of them along.
+    if (!InspectionHelper::start())
+        std::fprintf(stderr,
+                     "vantrel-service: no helper for upload checks; each starts the "
+                     "executable anew\n");
+    const int lock = DataFolder::lock(data);
 
     ClipProbe::silenceLibraryLog();
-    DiskFileStore files(data);
-    SqliteRecordStore records(data + "/records.sqlite3");
-    const StoreRecovery::Report repaired = StoreRecovery::repair(records, files);
-    if (repaired.abandonedFilesRemoved > 0 || repaired.recordsRemoved > 0)
+    // A connection for every few workers: each call holds one only for its own statements.
+    const std::unique_ptr<RecordStore> records =
+        StoreOptions::openRecords(stores, std::max(4, limits.threads / 4));
+    const std::unique_ptr<FileStore> files = StoreOptions::openFiles(stores);
+    const int orphanGrace = CommandLine::parseInteger(line.option("orphan-grace").value_or("3600"),
+                                                      "orphan-grace", 0, 30 * 86400);
+    const StoreRecovery::Report repaired = StoreRecovery::repair(*records, *files, orphanGrace);
+    if (repaired.abandonedFilesRemoved > 0 || repaired.recordsRemoved > 0 ||
+        !repaired.warning.empty())
         std::fprintf(stderr, "vantrel-service: store repaired: %s\n",
                      StoreRecovery::describe(repaired).c_str());
+    std::fprintf(stderr, "vantrel-service: %s\n", StoreOptions::describe(stores).c_str());
 
     // SIGINT and SIGTERM are taken by one thread that stops the server; every other thread
     // (the server's pool included) is started with them blocked.
@@ -181,7 +194,12 @@ int run(const std::vector<std::string> &arguments)
     pthread_sigmask(SIG_BLOCK, &stopping, nullptr);
     std::signal(SIGPIPE, SIG_IGN);
 
-    ServiceContext context(records, files, limits, publicUrl);
+    ServiceContext context(*records, *files, limits, publicUrl);
+    ClipInspection::Budget posterBudget;
+    posterBudget.memoryBytes = limits.posterMemoryBytes;
+    posterBudget.bounds = {limits.maxVideoWidth, limits.maxVideoHeight};
+    PosterMaker posters(*records, *files, posterBudget);
+    context.posters = &posters;
     ServiceServer server(context, config);
     const int port = server.bind();
     const std::string scheme = tls ? "https" : "http";

@@ -3,13 +3,12 @@
 #include "service/ClipInspection.h"
 #include "service/ClipRemoval.h"
 #include "service/CommandLine.h"
-#include "service/DataFolder.h"
-#include "service/DiskFileStore.h"
+#include "service/MigrateCommand.h"
 #include "service/ReleaseVersion.h"
 #include "service/Secrets.h"
 #include "service/ServeCommand.h"
 #include "service/ServiceContext.h"
-#include "service/SqliteRecordStore.h"
+#include "service/StoreOptions.h"
 #include "service/TextRules.h"
 
 #include <nlohmann/json.hpp>
@@ -26,22 +25,25 @@ namespace {
 
 using Arguments = std::vector<std::string>;
 
+// The stores a command's options name; the files only for the commands that touch them.
 struct Stores
 {
-    explicit Stores(const std::string &data)
-        : files(data)
-        , records(data + "/records.sqlite3")
+    Stores(const CommandLine &line, bool needsFiles)
+        : choice(StoreOptions::parse(line, needsFiles))
+        , records(StoreOptions::openRecords(choice, 2))
+        , files(needsFiles ? StoreOptions::openFiles(choice) : nullptr)
     {
     }
-    DiskFileStore files;
-    SqliteRecordStore records;
+    StoreOptions::Choice choice;
+    std::unique_ptr<RecordStore> records;
+    std::unique_ptr<FileStore> files;
 };
 
-std::string dataFolder(const CommandLine &line)
+// A command's own options and those that name the stores.
+std::set<std::string> optionsWith(std::set<std::string> own)
 {
-    const std::string folder = line.required("data");
-    DataFolder::prepare(folder);
-    return folder;
+    own.insert(StoreOptions::names().begin(), StoreOptions::names().end());
+    return own;
 }
 
 void expectWords(const CommandLine &line, size_t count, const std::string &form)
@@ -88,7 +90,7 @@ std::string readFile(const std::string &path, uint64_t limit)
 
 UserRecord userFor(Stores &stores, const std::string &email)
 {
-    std::optional<UserRecord> user = stores.records.userByEmail(email);
+    std::optional<UserRecord> user = stores.records->userByEmail(email);
     if (!user)
         throw std::runtime_error("There is no account with the email " + email + ".");
     return *user;
@@ -96,7 +98,7 @@ UserRecord userFor(Stores &stores, const std::string &email)
 
 int userAdd(const Arguments &arguments)
 {
-    const CommandLine line(arguments, {"data", "name"});
+    const CommandLine line(arguments, optionsWith({"name"}));
     expectWords(line, 1, "user add EMAIL --name NAME --data DIR   (password on standard input)");
     const std::string email = line.words()[0];
     if (!TextRules::looksLikeEmail(email))
@@ -104,8 +106,8 @@ int userAdd(const Arguments &arguments)
     const std::optional<std::string> name = TextRules::cleanLine(line.required("name"));
     if (!name || name->empty() || TextRules::characterCount(*name) > 100)
         throw CommandLine::Error("--name takes a name of 1 to 100 characters.");
-    Stores stores(dataFolder(line));
-    if (stores.records.userByEmail(email))
+    Stores stores(line, false);
+    if (stores.records->userByEmail(email))
         throw std::runtime_error("An account with the email " + email + " exists already.");
     const std::string password = readPassword();
     if (password.size() < 8 || password.size() > 1024)
@@ -119,8 +121,8 @@ int userAdd(const Arguments &arguments)
     user.createdAt = unixNow();
     do
         user.vantrelCode = Secrets::userCode();
-    while (stores.records.vantrelCodeTaken(user.vantrelCode));
-    if (!stores.records.addUser(user))
+    while (stores.records->vantrelCodeTaken(user.vantrelCode));
+    if (!stores.records->addUser(user))
         throw std::runtime_error("An account with the email " + email + " exists already.");
     std::fprintf(stderr, "Added %s <%s>, Vantrel code %s.\n", user.name.c_str(), user.email.c_str(),
                  user.vantrelCode.c_str());
@@ -129,23 +131,23 @@ int userAdd(const Arguments &arguments)
 
 int tokenIssue(const Arguments &arguments)
 {
-    const CommandLine line(arguments, {"data"});
+    const CommandLine line(arguments, optionsWith({}));
     expectWords(line, 1, "token issue EMAIL --data DIR");
-    Stores stores(dataFolder(line));
+    Stores stores(line, false);
     const UserRecord user = userFor(stores, line.words()[0]);
     const std::string token = Secrets::newToken();
-    stores.records.addToken(Secrets::tokenHash(token), user.id, TokenKind::app, unixNow(), 0);
+    stores.records->addToken(Secrets::tokenHash(token), user.id, TokenKind::app, unixNow(), 0);
     std::printf("%s\n", token.c_str());
     return 0;
 }
 
 int tokenRevoke(const Arguments &arguments)
 {
-    const CommandLine line(arguments, {"data", "all"});
-    Stores stores(dataFolder(line));
+    const CommandLine line(arguments, optionsWith({"all"}));
+    Stores stores(line, false);
     if (const std::optional<std::string> email = line.option("all")) {
         expectWords(line, 0, "token revoke --all EMAIL --data DIR");
-        const int count = stores.records.revokeAllTokens(userFor(stores, *email).id, unixNow());
+        const int count = stores.records->revokeAllTokens(userFor(stores, *email).id, unixNow());
         std::fprintf(stderr, "Revoked %d token(s) of %s.\n", count, email->c_str());
         return 0;
     }
@@ -154,7 +156,7 @@ int tokenRevoke(const Arguments &arguments)
     // "-" keeps the token out of the process list and the shell's history.
     if (token == "-")
         std::getline(std::cin, token);
-    if (!stores.records.revokeToken(Secrets::tokenHash(token), unixNow()))
+    if (!stores.records->revokeToken(Secrets::tokenHash(token), unixNow()))
         throw std::runtime_error("No live token matches.");
     std::fputs("Revoked.\n", stderr);
     return 0;
@@ -162,7 +164,7 @@ int tokenRevoke(const Arguments &arguments)
 
 int releaseAdd(const Arguments &arguments)
 {
-    const CommandLine line(arguments, {"data", "notes", "signature"});
+    const CommandLine line(arguments, optionsWith({"notes", "signature"}));
     expectWords(line, 2, "release add VERSION ARCHIVE --notes TEXT --signature FILE --data DIR");
     const std::string version = line.words()[0];
     const std::string archive = line.words()[1];
@@ -175,14 +177,15 @@ int releaseAdd(const Arguments &arguments)
     if (signature.size() != 64)
         throw std::runtime_error("The signature must be the 64 raw bytes of an Ed25519 signature.");
 
-    Stores stores(dataFolder(line));
-    for (const ReleaseRecord &existing : stores.records.releases())
+    Stores stores(line, true);
+    for (const ReleaseRecord &existing : stores.records->releases())
         if (existing.version == version)
             throw std::runtime_error("Release " + version + " exists already.");
     std::ifstream in(archive, std::ios::binary);
     if (!in)
         throw std::runtime_error("Cannot read " + archive + ".");
-    std::unique_ptr<PendingFile> copy = stores.files.create(FileKind::release);
+    const std::string fileName = ReleaseVersion::archiveName(version);
+    std::unique_ptr<PendingFile> copy = stores.files->create(FileKind::release, fileName);
     std::vector<char> buffer(1 << 20);
     while (in.read(buffer.data(), std::streamsize(buffer.size())) || in.gcount() > 0)
         copy->write(buffer.data(), size_t(in.gcount()));
@@ -193,13 +196,13 @@ int releaseAdd(const Arguments &arguments)
     ReleaseRecord release;
     release.version = version;
     release.notes = *notes;
-    release.fileName = ReleaseVersion::archiveName(version);
+    release.fileName = fileName;
     release.signatureBase64 = Secrets::base64(signature);
     release.sizeBytes = int64_t(copy->size());
     release.createdAt = unixNow();
-    stores.files.commit(std::move(copy), FileKind::release, release.fileName);
-    if (!stores.records.addRelease(release)) {
-        stores.files.remove(FileKind::release, release.fileName);
+    stores.files->commit(std::move(copy), FileKind::release, release.fileName);
+    if (!stores.records->addRelease(release)) {
+        stores.files->remove(FileKind::release, release.fileName);
         throw std::runtime_error("Release " + version + " exists already.");
     }
     std::fprintf(stderr, "Published %s at /download/%s.\n", version.c_str(),
@@ -209,18 +212,18 @@ int releaseAdd(const Arguments &arguments)
 
 int clipDelete(const Arguments &arguments)
 {
-    const CommandLine line(arguments, {"data"});
+    const CommandLine line(arguments, optionsWith({}));
     expectWords(line, 1, "clip delete ID --data DIR");
     const std::string id = line.words()[0];
-    Stores stores(dataFolder(line));
-    const std::optional<ClipRecord> clip = stores.records.clip(id);
+    Stores stores(line, true);
+    const std::optional<ClipRecord> clip = stores.records->clip(id);
     if (!clip) {
-        if (stores.records.clipDeleted(id))
+        if (stores.records->clipDeleted(id))
             throw std::runtime_error("The clip " + id + " was deleted already.");
         throw std::runtime_error("There is no clip with the id " + id + ".");
     }
-    const std::optional<UserRecord> owner = stores.records.userById(clip->userId);
-    if (!ClipRemoval::remove(stores.records, stores.files, id))
+    const std::optional<UserRecord> owner = stores.records->userById(clip->userId);
+    if (!ClipRemoval::remove(*stores.records, *stores.files, id))
         throw std::runtime_error("The clip " + id + " was deleted already.");
     std::fprintf(stderr, "Deleted the clip %s (\"%s\" by %s); its link now says it was deleted.\n",
                  id.c_str(), clip->name.c_str(), owner ? owner->email.c_str() : "nobody");
@@ -229,7 +232,7 @@ int clipDelete(const Arguments &arguments)
 
 int adsSet(const Arguments &arguments)
 {
-    const CommandLine line(arguments, {"data"});
+    const CommandLine line(arguments, optionsWith({}));
     expectWords(line, 1, "ads set FILE --data DIR");
     const std::string text = readFile(line.words()[0], 1 << 20);
     const nlohmann::json ads = nlohmann::json::parse(text, nullptr, false);
@@ -238,8 +241,8 @@ int adsSet(const Arguments &arguments)
     if (!ads.is_object() || !ads.contains("slots") || !ads["slots"].is_array())
         throw std::runtime_error(line.words()[0] +
                                  " must be a JSON object whose \"slots\" is a list of cards.");
-    Stores stores(dataFolder(line));
-    stores.records.setAds(text);
+    Stores stores(line, false);
+    stores.records->setAds(text);
     std::fprintf(stderr, "Stored %zu sponsor card(s).\n", ads["slots"].size());
     return 0;
 }
@@ -252,18 +255,25 @@ std::string usage()
 {
     return R"(Usage:
   vantrel-service serve --data DIR --listen 127.0.0.1:8443 --public-url https://HOST
+                        [--database postgresql://USER@HOST/DB] [--files s3://BUCKET/PREFIX]
+                        [--s3-endpoint URL] [--s3-region NAME] [--s3-access-key ID]
+                        [--s3-secret-key-file FILE]
                         [--tls-cert FILE --tls-key FILE] [--max-upload 2G]
                         [--code-lifetime 600] [--poll-rate 60] [--token-rate 300]
                         [--threads 64] [--trusted-proxy ADDRESS]...
                         [--max-connections 1000] [--connections-per-address 32]
                         [--handshake-timeout 10] [--head-timeout 10]
-                        [--poster-memory 512M] [--quiet]
+                        [--poster-memory 512M] [--orphan-grace 3600] [--quiet]
   vantrel-service user add EMAIL --name NAME --data DIR      (password on standard input)
   vantrel-service token issue EMAIL --data DIR               (prints a new token)
   vantrel-service token revoke TOKEN|- --data DIR            (or --all EMAIL)
   vantrel-service release add VERSION ARCHIVE --notes TEXT --signature FILE --data DIR
   vantrel-service clip delete ID --data DIR                  (its link then says it was deleted)
   vantrel-service ads set FILE --data DIR
+  vantrel-service migrate --data DIR --to postgresql://USER@HOST/DB [--files s3://BUCKET/PREFIX]
+The commands that change records take --database (and --files, --s3-…) as serve does, in place
+of or beside --data. S3 keys may also come from AWS_ACCESS_KEY_ID and AWS_SECRET_ACCESS_KEY, the
+endpoint from AWS_ENDPOINT_URL, the region from AWS_REGION.
 )";
 }
 
@@ -299,6 +309,8 @@ int run(const std::vector<std::string> &arguments)
             return tokenRevoke(rest(2));
         if (starts({"release", "add"}))
             return releaseAdd(rest(2));
+        if (starts({"migrate"}))
+            return MigrateCommand::run(rest(1));
         if (starts({"clip", "delete"}))
             return clipDelete(rest(2));
         if (starts({"ads", "set"}))

@@ -6,6 +6,8 @@
 #include "service/ServiceLimits.h"
 
 #include <semaphore>
+
+class PosterMaker;
 #include <string>
 
 // What every route of a running service shares: the stores, the limits and their counters, and
@@ -18,12 +20,15 @@ struct ServiceContext
         , files(files)
         , limits(limits)
         , publicUrl(std::move(publicUrl))
-        , devicePolls(limits.devicePollsPerMinute)
-        , deviceStarts(limits.deviceStartsPerMinute)
-        , tokenRequests(limits.tokenRequestsPerMinute)
-        , passwordAttempts(limits.passwordAttemptsPerMinute)
-        , accountPasswordAttempts(limits.passwordAttemptsPerAccountPerMinute)
-        , devicePages(limits.devicePollsPerMinute)
+        , devicePolls(limits.devicePollsPerMinute, "device-polls", records.sharedRateCounters())
+        , deviceStarts(limits.deviceStartsPerMinute, "device-starts", records.sharedRateCounters())
+        , tokenRequests(limits.tokenRequestsPerMinute, "token-requests",
+                        records.sharedRateCounters())
+        , passwordAttempts(limits.passwordAttemptsPerMinute, "password-attempts",
+                           records.sharedRateCounters())
+        , accountPasswordAttempts(limits.passwordAttemptsPerAccountPerMinute,
+                                  "account-password-attempts", records.sharedRateCounters())
+        , devicePages(limits.devicePollsPerMinute, "device-pages", records.sharedRateCounters())
     {
     }
 
@@ -44,6 +49,8 @@ struct ServiceContext
     // Each password check takes 64 MiB for a moment; two at a time keeps a burst of sign-ins
     // from taking the machine's memory.
     std::counting_semaphore<2> passwordChecks {2};
+    // Makes new clips' posters after their uploads are answered; none: clips get no poster.
+    PosterMaker *posters = nullptr;
 
     std::string link(const std::string &path) const { return publicUrl + path; }
 };

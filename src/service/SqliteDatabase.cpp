@@ -11,16 +11,17 @@ namespace {
 
 } // namespace
 
-SqliteDatabase::SqliteDatabase(const std::string &path)
+SqliteDatabase::SqliteDatabase(const std::string &path, bool readOnly)
 {
-    if (sqlite3_open_v2(path.c_str(), &m_db,
-                        SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE | SQLITE_OPEN_FULLMUTEX,
-                        nullptr) != SQLITE_OK) {
+    const int mode = readOnly ? SQLITE_OPEN_READONLY : SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE;
+    if (sqlite3_open_v2(path.c_str(), &m_db, mode | SQLITE_OPEN_FULLMUTEX, nullptr) != SQLITE_OK) {
         const std::string message = m_db ? sqlite3_errmsg(m_db) : "out of memory";
         sqlite3_close(m_db);
         throw StoreError("Cannot open the records at " + path + ": " + message);
     }
     sqlite3_busy_timeout(m_db, 5000);
+    if (readOnly)
+        return;
     execute("PRAGMA journal_mode=WAL");
     // Every commit reaches the disk before the reply that reports it goes out.
     execute("PRAGMA synchronous=FULL");

@@ -16,7 +16,8 @@ class SqliteDatabase
 public:
     // Opens (creating) the file in WAL mode with foreign keys on, and waits up to five seconds
     // for a lock another process holds (the command line writes while the server runs).
-    explicit SqliteDatabase(const std::string &path);
+    // `readOnly` opens an existing file for reading and changes nothing in it.
+    explicit SqliteDatabase(const std::string &path, bool readOnly = false);
     ~SqliteDatabase();
     SqliteDatabase(const SqliteDatabase &) = delete;
     SqliteDatabase &operator=(const SqliteDatabase &) = delete;

@@ -1,76 +1,8 @@
 #include "service/SqliteRecordStore.h"
 
-namespace {
+#include "service/SchemaMigrations.h"
 
-constexpr const char *schema = R"sql(
-CREATE TABLE IF NOT EXISTS users (
-    id TEXT PRIMARY KEY,
-    email TEXT NOT NULL UNIQUE COLLATE NOCASE,
-    name TEXT NOT NULL,
-    vantrel_code TEXT NOT NULL UNIQUE,
-    password_hash TEXT NOT NULL,
-    created_at INTEGER NOT NULL
-);
-CREATE TABLE IF NOT EXISTS tokens (
-    hash TEXT PRIMARY KEY,
-    user_id TEXT NOT NULL REFERENCES users(id) ON DELETE CASCADE,
-    kind TEXT NOT NULL,
-    created_at INTEGER NOT NULL,
-    expires_at INTEGER NOT NULL,
-    revoked_at INTEGER
-);
-CREATE INDEX IF NOT EXISTS tokens_by_user ON tokens(user_id);
-CREATE TABLE IF NOT EXISTS device_codes (
-    code TEXT PRIMARY KEY,
-    created_at INTEGER NOT NULL,
-    expires_at INTEGER NOT NULL,
-    user_id TEXT REFERENCES users(id) ON DELETE CASCADE,
-    approved_at INTEGER,
-    claimed_at INTEGER
-);
-CREATE TABLE IF NOT EXISTS clips (
-    id TEXT PRIMARY KEY,
-    user_id TEXT NOT NULL REFERENCES users(id) ON DELETE CASCADE,
-    name TEXT NOT NULL,
-    size_bytes INTEGER NOT NULL,
-    width INTEGER NOT NULL,
-    height INTEGER NOT NULL,
-    duration_ms INTEGER NOT NULL,
-    has_poster INTEGER NOT NULL,
-    created_at INTEGER NOT NULL
-);
-CREATE INDEX IF NOT EXISTS clips_by_user ON clips(user_id);
-CREATE TABLE IF NOT EXISTS packs (
-    id TEXT PRIMARY KEY,
-    user_id TEXT NOT NULL REFERENCES users(id) ON DELETE CASCADE,
-    title TEXT NOT NULL,
-    created_at INTEGER NOT NULL
-);
-CREATE TABLE IF NOT EXISTS pack_clips (
-    pack_id TEXT NOT NULL REFERENCES packs(id) ON DELETE CASCADE,
-    position INTEGER NOT NULL,
-    clip_id TEXT NOT NULL REFERENCES clips(id) ON DELETE CASCADE,
-    PRIMARY KEY (pack_id, position)
-);
-CREATE INDEX IF NOT EXISTS pack_clips_by_clip ON pack_clips(clip_id);
-CREATE TABLE IF NOT EXISTS releases (
-    version TEXT PRIMARY KEY,
-    notes TEXT NOT NULL,
-    file_name TEXT NOT NULL UNIQUE,
-    signature TEXT NOT NULL,
-    size_bytes INTEGER NOT NULL,
-    created_at INTEGER NOT NULL
-);
-CREATE TABLE IF NOT EXISTS settings (
-    key TEXT PRIMARY KEY,
-    value TEXT NOT NULL
-);
-CREATE TABLE IF NOT EXISTS deleted_clips (
-    id TEXT PRIMARY KEY,
-    deleted_at INTEGER NOT NULL
-);
-PRAGMA user_version = 2;
-)sql";
+namespace {
 
 UserRecord readUser(const SqliteStatement &row)
 {
@@ -116,7 +48,35 @@ SqliteRecordStore::SqliteRecordStore(const std::string &path)
     : m_db(path)
 {
     std::scoped_lock lock(m_mutex);
-    m_db.execute(schema);
+    // One writer at a time: a server and a command started together migrate once.
+    SqliteTransaction transaction(m_db);
+    const int64_t version = [&] {
+        SqliteStatement query(m_db, "PRAGMA user_version");
+        return query.step() ? query.integer(0) : 0;
+    }();
+    if (version > SchemaMigrations::latest())
+        throw StoreError("The records at " + path + " were written by a newer vantrel-service (" +
+                         std::to_string(version) + "; this one knows up to " +
+                         std::to_string(SchemaMigrations::latest()) + ").");
+    for (const SchemaMigrations::Step &step : SchemaMigrations::steps())
+        if (step.version > version && step.sqlite)
+            m_db.execute(step.sqlite);
+    m_db.execute(("PRAGMA user_version = " + std::to_string(SchemaMigrations::latest())).c_str());
+    transaction.commit();
+}
+
+SqliteRecordStore::SqliteRecordStore(const std::string &path, ReadOnly)
+    : m_db(path, true)
+{
+    std::scoped_lock lock(m_mutex);
+    SqliteStatement query(m_db, "PRAGMA user_version");
+    const int64_t version = query.step() ? query.integer(0) : 0;
+    // Every table this service reads is there from the second version on.
+    if (version < 2 || version > SchemaMigrations::latest())
+        throw StoreError("The records at " + path + " are of a version (" +
+                         std::to_string(version) +
+                         ") this vantrel-service cannot move; start the server once on them "
+                         "first.");
 }
 
 bool SqliteRecordStore::addUser(const UserRecord &user)
@@ -362,6 +322,13 @@ bool SqliteRecordStore::clipDeleted(const std::string &id)
     return query.step();
 }
 
+void SqliteRecordStore::setClipPoster(const std::string &id)
+{
+    std::scoped_lock lock(m_mutex);
+    SqliteStatement update(m_db, "UPDATE clips SET has_poster = 1 WHERE id = ?");
+    update.bind(1, id).run();
+}
+
 void SqliteRecordStore::addPack(const PackRecord &pack)
 {
     std::scoped_lock lock(m_mutex);
@@ -467,4 +434,49 @@ std::string SqliteRecordStore::ads()
     std::scoped_lock lock(m_mutex);
     SqliteStatement query(m_db, "SELECT value FROM settings WHERE key = 'ads'");
     return query.step() ? query.text(0) : std::string();
+}
+
+RecordsSnapshot SqliteRecordStore::snapshot()
+{
+    std::scoped_lock lock(m_mutex);
+    // One read transaction: a command changing the records meanwhile is seen whole or not at all.
+    m_db.execute("BEGIN");
+    RecordsSnapshot all;
+    try {
+        SqliteStatement users(m_db, select(userColumns, "FROM users ORDER BY id").c_str());
+        while (users.step())
+            all.users.push_back(readUser(users));
+        SqliteStatement tokens(
+            m_db, "SELECT hash, user_id, kind, created_at, expires_at, revoked_at FROM tokens");
+        while (tokens.step())
+            all.tokens.push_back(
+                {tokens.text(0), tokens.text(1),
+                 tokens.text(2) == "web" ? TokenKind::web : TokenKind::app, tokens.integer(3),
+                 tokens.integer(4),
+                 tokens.isNull(5) ? std::nullopt : std::optional(tokens.integer(5))});
+        SqliteStatement clips(m_db, select(clipColumns, "FROM clips ORDER BY rowid").c_str());
+        while (clips.step())
+            all.clips.push_back(readClip(clips));
+        SqliteStatement packs(m_db,
+                              "SELECT id, user_id, title, created_at FROM packs ORDER BY rowid");
+        while (packs.step())
+            all.packs.push_back(
+                {packs.text(0), packs.text(1), packs.text(2), {}, packs.integer(3)});
+        for (PackRecord &pack : all.packs)
+            pack.clipIds = packClipIdsLocked(pack.id);
+        SqliteStatement releases(m_db,
+                                 select(releaseColumns, "FROM releases ORDER BY rowid").c_str());
+        while (releases.step())
+            all.releases.push_back(readRelease(releases));
+        SqliteStatement deleted(m_db, "SELECT id, deleted_at FROM deleted_clips");
+        while (deleted.step())
+            all.deletedClips.push_back({deleted.text(0), deleted.integer(1)});
+        SqliteStatement ads(m_db, "SELECT value FROM settings WHERE key = 'ads'");
+        all.ads = ads.step() ? ads.text(0) : std::string();
+    } catch (...) {
+        m_db.execute("ROLLBACK");
+        throw;
+    }
+    m_db.execute("COMMIT");
+    return all;
 }

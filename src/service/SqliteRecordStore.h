@@ -12,6 +12,11 @@ class SqliteRecordStore : public RecordStore
 public:
     // Opens or creates the file and brings its tables up to date. Throws StoreError.
     explicit SqliteRecordStore(const std::string &path);
+    // Opens an existing file only to read it (to move it elsewhere): nothing in it changes.
+    struct ReadOnly
+    {
+    };
+    SqliteRecordStore(const std::string &path, ReadOnly);
 
     bool addUser(const UserRecord &user) override;
     std::optional<UserRecord> userByEmail(const std::string &email) override;
@@ -39,6 +44,7 @@ public:
     void removeClip(const std::string &id) override;
     bool deleteClip(const std::string &id, int64_t now) override;
     bool clipDeleted(const std::string &id) override;
+    void setClipPoster(const std::string &id) override;
     void addPack(const PackRecord &pack) override;
     std::optional<PackRecord> pack(const std::string &id) override;
     std::vector<PackRecord> packsOfUser(const std::string &userId) override;
@@ -49,6 +55,8 @@ public:
 
     void setAds(const std::string &json) override;
     std::string ads() override;
+
+    RecordsSnapshot snapshot() override;
 
 private:
     DeviceCodeState deviceCodeStateLocked(const std::string &code, int64_t now);

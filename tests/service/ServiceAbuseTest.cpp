@@ -89,21 +89,22 @@ TEST(ServiceLeakTest, TheLogAndTheDataFolderGiveNothingAway)
     TempFolder folder;
     const std::string id =
         uploadClip(*http, token, readFile(makeClip(folder.path(), "c.mp4", 1)), "mine");
+    // (On shared stores the data folder holds only the pending uploads.)
     const fs::path data = service.data;
-    EXPECT_EQ(modeOf(data), 0700u);
-    EXPECT_EQ(modeOf(data / "clips"), 0700u);
-    EXPECT_EQ(modeOf(data / "records.sqlite3"), 0600u);
-    EXPECT_EQ(modeOf(data / "clips" / (id + ".mp4")), 0600u);
+    std::vector<std::pair<fs::path, unsigned>> modes {{data, 0700u}, {data / "tmp", 0700u}};
+    if (!service.sharedStores())
+        modes.insert(modes.end(),
+                     {{data / "clips", 0700u},
+                      {data / "records.sqlite3", 0600u},
+                      {data / "clips" / (id + ".mp4"), 0600u}});
+    for (const auto &[path, mode] : modes)
+        EXPECT_EQ(modeOf(path), mode) << path;
     own.kill9();
-    fs::permissions(data, fs::perms(0755));
-    fs::permissions(data / "clips", fs::perms(0755));
-    fs::permissions(data / "records.sqlite3", fs::perms(0644));
-    fs::permissions(data / "clips" / (id + ".mp4"), fs::perms(0644));
+    for (const auto &[path, mode] : modes)
+        fs::permissions(path, fs::perms(mode | 0055));
     own.start();
-    EXPECT_EQ(modeOf(data), 0700u);
-    EXPECT_EQ(modeOf(data / "clips"), 0700u);
-    EXPECT_EQ(modeOf(data / "records.sqlite3"), 0600u);
-    EXPECT_EQ(modeOf(data / "clips" / (id + ".mp4")), 0600u);
+    for (const auto &[path, mode] : modes)
+        EXPECT_EQ(modeOf(path), mode) << path << " is tightened again";
 
     // Over TLS every answer tells the browser to stay on TLS, the front door's own included.
     auto again = client(service);
@@ -308,8 +309,8 @@ TEST(ServiceTakedownTest, OwnerAndOperatorDeleteASharedClipForGood)
     EXPECT_EQ(http->Get("/c/" + first)->status, 410);
     EXPECT_EQ(http->Get("/files/" + first + ".mp4")->status, 410);
     EXPECT_EQ(http->Get("/files/" + first + ".jpg")->status, 410);
-    EXPECT_FALSE(fs::exists(fs::path(service.data) / "clips" / (first + ".mp4")));
-    EXPECT_FALSE(fs::exists(fs::path(service.data) / "posters" / (first + ".jpg")));
+    EXPECT_FALSE(storedExists(service, "clips", first + ".mp4"));
+    EXPECT_FALSE(storedExists(service, "posters", first + ".jpg"));
     const auto folderPage = http->Get(packPath);
     EXPECT_EQ(folderPage->body.find(first), std::string::npos);
     EXPECT_NE(folderPage->body.find(second), std::string::npos);
@@ -347,8 +348,8 @@ TEST(ServiceTakedownTest, OwnerAndOperatorDeleteASharedClipForGood)
     EXPECT_EQ(http->Get("/c/" + third)->status, 410);
     EXPECT_EQ(runCommand(service, {"clip", "delete", third}).status, 1);
     EXPECT_EQ(runCommand(service, {"clip", "delete", "nosuchclip"}).status, 1);
-    EXPECT_EQ(countFiles(fs::path(service.data) / "clips"), 0);
-    EXPECT_EQ(countFiles(fs::path(service.data) / "posters"), 0);
+    EXPECT_EQ(countStored(service, "clips"), 0);
+    EXPECT_EQ(countStored(service, "posters"), 0);
 
     // A restart keeps the links answering that the clips were deleted.
     own.kill9();

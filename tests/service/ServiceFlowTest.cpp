@@ -179,6 +179,8 @@ TEST(ServiceFlowTest, UploadServedBackWholeAndInRanges)
     EXPECT_NE(probe.find("h264,640"), std::string::npos) << probe;
     EXPECT_NE(probe.find("aac"), std::string::npos) << probe;
 
+    // The poster is made after the upload's answer.
+    ASSERT_TRUE(waitForPoster(service, id));
     const fs::path poster = folder.path() / "poster.jpg";
     ASSERT_EQ(curl(service, {service.url + "/files/" + id + ".jpg"}, poster), 200);
     EXPECT_EQ(readFile(poster).substr(0, 2), "\xFF\xD8") << "a JPEG";

@@ -56,6 +56,7 @@ TEST(ServicePagesTest, ClipAndFolderPagesPlayInABrowser)
                    "application/json");
     ASSERT_EQ(pack->status, 200);
     const std::string packUrl = json::parse(pack->body)["url"];
+    ASSERT_TRUE(waitForPoster(service, first));
 
     HeadlessBrowser browser;
     browser.open(service.url + "/c/" + first);

@@ -1,13 +1,17 @@
 // The small rules the routes lean on, where a wrong edge would cost a client: byte ranges,
 // release order, the rate buckets, the texts people send, request heads, the client behind a
-// proxy and what the log masks.
+// proxy and what the log masks, the names of shared stores and what S3 answers.
 #include "service/ByteRange.h"
 #include "service/MultipartStream.h"
+#include "service/PostgresDatabase.h"
 #include "service/RateLimiter.h"
 #include "service/ReleaseVersion.h"
 #include "service/RequestBody.h"
 #include "service/RequestHead.h"
+#include "service/S3Xml.h"
+#include "service/SchemaMigrations.h"
 #include "service/ServiceLog.h"
+#include "service/StoreOptions.h"
 #include "service/TextRules.h"
 #include "service/TrustedProxies.h"
 
@@ -228,4 +232,50 @@ TEST(ServiceRulesTest, TheClientBehindTrustedProxiesAndTheLogsMasks)
     EXPECT_EQ(ServiceLog::redacted("line\nforged"), "line?forged");
     EXPECT_EQ(ServiceLog::redacted("GET /c/abcd2345efgh 200"), "GET /c/abcd2345efgh 200");
     EXPECT_EQ(ServiceLog::redacted("ABCD-EFGHI"), "ABCD-EFGHI") << "not a code's shape";
+}
+
+TEST(ServiceRulesTest, SharedStoresAreNamedAndAnsweredAsTheStoresWriteThem)
+{
+    using Address = std::optional<std::pair<std::string, std::string>>;
+    EXPECT_EQ(StoreOptions::parseS3Address("s3://vantrel-clips/clips"),
+              Address({"vantrel-clips", "clips"}));
+    EXPECT_EQ(StoreOptions::parseS3Address("s3://vantrel-clips"), Address({"vantrel-clips", ""}));
+    EXPECT_EQ(StoreOptions::parseS3Address("s3://b.example/a/b/"), Address({"b.example", "a/b"}));
+    for (const char *bad :
+         {"vantrel-clips/clips", "s3://", "s3://ab/x", "s3://Upper/x", "s3://bucket/a/../b",
+          "s3://bucket/a//b", "s3://bucket/a?x", "/srv/clips"})
+        EXPECT_FALSE(StoreOptions::parseS3Address(bad)) << bad;
+    EXPECT_TRUE(StoreOptions::isPostgresUrl("postgresql://vantrel@db/vantrel"));
+    EXPECT_TRUE(StoreOptions::isPostgresUrl("postgres://db/vantrel"));
+    EXPECT_FALSE(StoreOptions::isPostgresUrl("/srv/vantrel/records.sqlite3"));
+    EXPECT_EQ(PostgresDatabase::withoutPassword("postgresql://ann:s3cret@db:5432/v"),
+              "postgresql://ann@db:5432/v");
+    EXPECT_EQ(PostgresDatabase::withoutPassword("postgresql://ann@db/v"), "postgresql://ann@db/v");
+
+    // A listing as the S3 servers write it: keys with entities, sizes, times, a continuation.
+    const std::string listing =
+        "<?xml version=\"1.0\"?><ListBucketResult><IsTruncated>true</IsTruncated>"
+        "<Contents><Key>p/clips/a&amp;b.mp4</Key><LastModified>2026-11-26T11:02:03.123Z"
+        "</LastModified><Size>1234</Size></Contents><Contents><Key>p/clips/c.mp4</Key>"
+        "<Size>5</Size></Contents><NextContinuationToken>t&lt;1</NextContinuationToken>"
+        "</ListBucketResult>";
+    const std::vector<std::string> contents = S3Xml::elements(listing, "Contents");
+    ASSERT_EQ(contents.size(), 2u);
+    EXPECT_EQ(S3Xml::element(contents[0], "Key"), "p/clips/a&b.mp4");
+    EXPECT_EQ(S3Xml::element(contents[0], "Size"), "1234");
+    EXPECT_EQ(S3Xml::time(S3Xml::element(contents[0], "LastModified")), 1795690923);
+    EXPECT_EQ(S3Xml::time(S3Xml::element(contents[1], "LastModified")), 0);
+    EXPECT_EQ(S3Xml::element(listing, "NextContinuationToken"), "t<1");
+    EXPECT_EQ(S3Xml::element(listing, "IsTruncated"), "true");
+    EXPECT_EQ(S3Xml::element("<Error><Code>NoSuchKey</Code></Error>", "Code"), "NoSuchKey");
+    EXPECT_EQ(S3Xml::element("<Code>unclosed", "Code"), "");
+
+    // One list of schema steps, in order, each meaning something to at least one store.
+    int last = 0;
+    for (const SchemaMigrations::Step &step : SchemaMigrations::steps()) {
+        EXPECT_EQ(step.version, last + 1);
+        EXPECT_TRUE(step.sqlite || step.postgres) << step.version;
+        last = step.version;
+    }
+    EXPECT_EQ(SchemaMigrations::latest(), last);
 }

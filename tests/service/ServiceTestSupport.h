@@ -20,17 +20,38 @@ struct ServiceEndpoint
     std::string ca; // the certificate a client trusts
     std::string data; // its --data folder
     std::string binary;
+    // On shared stores: its PostgreSQL database and S3 place (s3://BUCKET/PREFIX); empty for
+    // SQLite and the data folder.
+    std::string database;
+    std::string files;
+
+    bool sharedStores() const { return !database.empty(); }
+    // The options that name its stores, for its commands.
+    std::vector<std::string> storeOptions() const;
 };
 
-// The server of the ctest fixture "service".
+// The server of the ctest fixture "service", or the pair of "service_pair".
 ServiceEndpoint fixtureService();
 
+// True when the test runs against the service on PostgreSQL and S3.
+bool onSharedStores();
+
 // A server of the test's own, for what the shared one must not be put through: its own data
-// folder and certificate, options of its own, killed and restarted at will.
+// folder and certificate, options of its own, killed and restarted at will. On shared stores it
+// gets a database and a place in the bucket of its own, or those of `sibling` (a second process
+// of the same service).
 class OwnService
 {
 public:
-    explicit OwnService(std::vector<std::string> extraOptions = {});
+    // Where its records and files live: as the test runs (SQLite and the data folder, or
+    // PostgreSQL and S3), always in the data folder, or in stores named by the test.
+    enum class Stores { asTheTestRuns, dataFolder };
+
+    explicit OwnService(std::vector<std::string> extraOptions = {},
+                        Stores stores = Stores::asTheTestRuns);
+    OwnService(const OwnService &sibling, std::vector<std::string> extraOptions);
+    OwnService(const std::string &database, const std::string &files,
+               std::vector<std::string> extraOptions);
     ~OwnService();
 
     const ServiceEndpoint &endpoint() const { return m_endpoint; }
@@ -42,8 +63,11 @@ public:
     std::filesystem::path logPath() const { return m_folder / "service.log"; }
 
 private:
+    void prepare(std::vector<std::string> extraOptions);
+
     std::filesystem::path m_folder;
     std::vector<std::string> m_options;
+    bool m_ownsDatabase = false;
     ServiceEndpoint m_endpoint;
     std::unique_ptr<ChildProcess> m_process;
 };
@@ -73,6 +97,23 @@ int curl(const ServiceEndpoint &service, const std::vector<std::string> &argumen
 // A real H.264/AAC MP4 from ffmpeg's test source.
 std::filesystem::path makeClip(const std::filesystem::path &folder, const std::string &name,
                                double seconds = 2, const std::string &size = "320x180");
+
+// The clip files, posters and pending uploads of a service, wherever its store keeps them:
+// `folder` is "clips", "posters" or "tmp" (the pending files, always in the data folder). On S3
+// they are reached with curl, a client of the tests' own.
+int countStored(const ServiceEndpoint &service, const std::string &folder);
+bool storedExists(const ServiceEndpoint &service, const std::string &folder,
+                  const std::string &name);
+void removeStored(const ServiceEndpoint &service, const std::string &folder,
+                  const std::string &name);
+void putStored(const ServiceEndpoint &service, const std::string &folder, const std::string &name,
+               const std::string &content);
+// Waits until the clip's poster is served (it is made after the upload's answer).
+bool waitForPoster(const ServiceEndpoint &service, const std::string &id);
+// A new, empty database on the fixture's PostgreSQL server; returns its URL.
+std::string makeDatabase();
+// One value from the service's PostgreSQL database.
+std::string databaseValue(const ServiceEndpoint &service, const std::string &query);
 
 std::string readFile(const std::filesystem::path &path);
 void writeFile(const std::filesystem::path &path, const std::string &content);
