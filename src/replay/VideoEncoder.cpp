@@ -17,6 +17,7 @@ extern "C" {
 #include <algorithm>
 #include <cstdlib>
 #include <limits>
+#include <utility>
 
 namespace {
 
@@ -232,7 +233,8 @@ void VideoEncoder::submit(AVFrame &picture, MediaTime pts, MediaTime duration, i
 
     // Frames may come further apart than 1/60 s (a still screen sends fewer), so the frame
     // count alone would let key frames drift further apart than two seconds.
-    const bool forceKey = !m_lastKeyPts.isValid() || pts - m_lastKeyPts >= keyFrameInterval;
+    const bool forceKey = !m_lastKeyPts.isValid() || pts - m_lastKeyPts >= keyFrameInterval ||
+        std::exchange(m_keyFrameRequested, false);
 
     AVFrame *toSend = &picture;
     if (m_hwFrames) {

@@ -34,6 +34,9 @@
 class VideoEncoder
 {
 public:
+    // The average rate every family is held to, in bits per second.
+    static constexpr int64_t averageBitRate = VideoEncoderBackends::averageBitRate;
+
     // `keyFormat` is set at key frames (once the encoder has produced its SPS/PPS).
     using Output = std::function<void(EncodedFrame frame, VideoFormatPtr keyFormat)>;
 
@@ -57,6 +60,10 @@ public:
     // The same for a picture already in the encoder's input format (inputFormat(), at the
     // encoder's size), taken as it is: a file's or another converter's frames.
     void encode(const AVFrame &picture, MediaTime pts, MediaTime duration);
+
+    // The next frame encoded is a key frame (the first of a new clip when the replay was emptied
+    // after a save). Call on the thread that encodes.
+    void requestKeyFrame() { m_keyFrameRequested = true; }
 
     // The libavcodec encoder in use ("libx264").
     const std::string &name() const { return m_name; }
@@ -114,4 +121,5 @@ private:
     int64_t m_lastEncoderPts = 0;
     bool m_anySubmitted = false;
     MediaTime m_lastKeyPts; // invalid until the first frame
+    bool m_keyFrameRequested = false;
 };

@@ -20,8 +20,7 @@ namespace VideoEncoderBackends {
 
 namespace {
 
-// The fixed settings every family is held to.
-constexpr int64_t averageBitRate = 18'000'000;
+// The fixed settings every family is held to (and averageBitRate, in the header).
 // At most 8,000,000 bytes in any one second: a peak rate of that many bytes per second with a
 // one-second buffer.
 constexpr int64_t peakBitRate = 8'000'000 * 8;

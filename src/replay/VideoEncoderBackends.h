@@ -2,12 +2,16 @@
 
 #include "media/FFmpegHandles.h"
 
+#include <cstdint>
 #include <memory>
 #include <span>
 #include <string>
 
 // The H.264 encoder families the video encoder can run on, one opener each.
 namespace VideoEncoderBackends {
+
+// The average rate of every family, in bits per second.
+inline constexpr int64_t averageBitRate = 18'000'000;
 
 // An encoder that accepted the fixed settings at the requested size.
 struct Opened

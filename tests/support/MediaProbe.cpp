@@ -75,11 +75,15 @@ std::vector<float> decodeAudio(const QString &path, int index)
 
 QStringList audioPacketHashes(const QString &path, int index)
 {
+    return packetHashes(path, QStringLiteral("a:%1").arg(index));
+}
+
+QStringList packetHashes(const QString &path, const QString &streams)
+{
     const QJsonObject info =
         ffprobe(path,
-                {QStringLiteral("-select_streams"), QStringLiteral("a:%1").arg(index),
-                 QStringLiteral("-show_packets"), QStringLiteral("-show_data_hash"),
-                 QStringLiteral("MD5")});
+                {QStringLiteral("-select_streams"), streams, QStringLiteral("-show_packets"),
+                 QStringLiteral("-show_data_hash"), QStringLiteral("MD5")});
     QStringList hashes;
     for (const QJsonValue &packet : info.value(QStringLiteral("packets")).toArray())
         hashes << packet.toObject().value(QStringLiteral("data_hash")).toString();
