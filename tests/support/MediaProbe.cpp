@@ -99,12 +99,14 @@ QByteArray grayFrame(const QString &path, double seconds)
 {
     QProcess ffmpeg;
     ffmpeg.setStandardErrorFile(QProcess::nullDevice());
-    ffmpeg.start(QStringLiteral("ffmpeg"),
-                 {QStringLiteral("-v"), QStringLiteral("error"), QStringLiteral("-ss"),
-                  QString::number(seconds), QStringLiteral("-i"), path, QStringLiteral("-frames:v"),
-                  QStringLiteral("1"), QStringLiteral("-vf"),
-                  QStringLiteral("scale=160:90,format=gray"), QStringLiteral("-f"),
-                  QStringLiteral("rawvideo"), QStringLiteral("-")});
+    QStringList arguments {QStringLiteral("-v"), QStringLiteral("error")};
+    // An image cannot be sought in, not even to its start.
+    if (seconds > 0)
+        arguments << QStringLiteral("-ss") << QString::number(seconds);
+    arguments << QStringLiteral("-i") << path << QStringLiteral("-frames:v") << QStringLiteral("1")
+              << QStringLiteral("-vf") << QStringLiteral("scale=160:90,format=gray")
+              << QStringLiteral("-f") << QStringLiteral("rawvideo") << QStringLiteral("-");
+    ffmpeg.start(QStringLiteral("ffmpeg"), arguments);
     ffmpeg.waitForFinished(30000);
     return ffmpeg.readAllStandardOutput();
 }

@@ -17,12 +17,14 @@ void TempHomeTest::SetUp()
     setenv("XDG_CONFIG_HOME", (home + "/.config").constData(), 1);
     setenv("XDG_STATE_HOME", (home + "/.local/state").constData(), 1);
     setenv("XDG_DATA_HOME", (home + "/.local/share").constData(), 1);
+    setenv("XDG_CACHE_HOME", (home + "/.cache").constData(), 1);
     unsetenv("XDG_VIDEOS_DIR");
     // No session bus unless the test makes one: neither the developer's own (and their secret
     // store) nor one that D-Bus would start for an X display behind the test's back. The headless
     // Wayland session's bus is private to the tests and carries its portal, so it stays.
     if (qEnvironmentVariableIsEmpty("VANTREL_WAYLAND_DIR"))
-        setenv("DBUS_SESSION_BUS_ADDRESS", ("unix:path=" + home + "/no-session-bus").constData(), 1);
+        setenv("DBUS_SESSION_BUS_ADDRESS", ("unix:path=" + home + "/no-session-bus").constData(),
+               1);
     // A real home has these; the trash, for one, is only made inside an existing data folder.
     QDir().mkpath(m_home.filePath(QStringLiteral(".local/share")));
     QDir().mkpath(m_home.filePath(QStringLiteral(".config")));
