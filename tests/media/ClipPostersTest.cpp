@@ -4,12 +4,8 @@
 
 #include "media/ClipPosters.h"
 
-#include "core/ClipSettings.h"
-#include "replay/ClipExport.h"
-#include "replay/ReplayBuffer.h"
-
-#include "support/H264TestSource.h"
 #include "support/MediaProbe.h"
+#include "support/TestClip.h"
 #include "support/TestEnvironment.h"
 
 #include <QCoreApplication>
@@ -58,23 +54,8 @@ ClipPosters::Poster answerOf(QFuture<ClipPosters::Poster> future)
 class ClipPostersTest : public TempHomeTest
 {
 protected:
-    // A clip as a save writes it: `seconds` of real 640x360 H.264 from the first key frame.
-    QString makeClip(int seconds)
-    {
-        ClipSettings::setMaxDuration(120);
-        ReplayBuffer buffer;
-        for (int64_t i = 0; i < int64_t(seconds) * H264TestSource::fps; ++i) {
-            EncodedFrame frame = m_video.frame(i, MediaTime::make(40, 1));
-            const bool key = frame.isKey;
-            buffer.appendVideo(std::move(frame), key ? m_video.format() : nullptr);
-        }
-        return ClipExport::exportClip(buffer.snapshot()).result().path;
-    }
     QString cache() const { return tempFolder() + QStringLiteral("/posters"); }
     QStringList cacheFiles() const { return QDir(cache()).entryList(QDir::Files); }
-
-private:
-    H264TestSource m_video {640, 360, 2'000'000};
 };
 
 } // namespace
@@ -86,7 +67,8 @@ TEST_F(ClipPostersTest, AFolderOfClipsFillsInWithoutHoldingUpTheAskingThread)
 {
     int argc = 0;
     QCoreApplication application(argc, nullptr);
-    const QString shorter = makeClip(3), longer = makeClip(5);
+    const QString shorter = makeTestClip(3, 640, 360, false);
+    const QString longer = makeTestClip(5, 640, 360, false);
     QStringList clips;
     for (int i = 0; i < 12; ++i) {
         const QString name = QStringLiteral("%1/Clip %2.mp4").arg(tempFolder()).arg(i);

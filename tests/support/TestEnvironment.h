@@ -6,7 +6,14 @@
 
 #include <gtest/gtest.h>
 
+#include <ostream>
 #include <string>
+
+// GoogleTest prints Qt's strings as text.
+inline void PrintTo(const QString &text, std::ostream *out)
+{
+    *out << '"' << text.toStdString() << '"';
+}
 
 // Gives the test a home of its own: HOME, the XDG config, state, data and cache folders, TMPDIR
 // and the videos folder all point into a fresh temporary folder that is removed afterwards. Every
