@@ -329,8 +329,8 @@ int main(int argc, char **argv)
                     cases[i].name, median, tail, kRounds, percentile(result.latencyMs, 0.99),
                     percentile(result.latencyMs, 1.0), result.latencyMs.size(), kPresses,
                     result.missed, result.extra, result.wrongLength);
-        latencyOk = latencyOk && median < 5 && tail < 10 && result.missed == 0 &&
-            result.wrongLength == 0;
+        latencyOk =
+            latencyOk && median < 5 && tail < 10 && result.missed == 0 && result.wrongLength == 0;
         if (cases[i].paths == HotkeyManager::allPaths)
             allTail = tail;
     }

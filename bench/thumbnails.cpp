@@ -11,18 +11,15 @@
 // exists.
 
 #include "BenchSupport.h"
+#include "TimedProcess.h"
 
-#include "core/ClipSettings.h"
 #include "media/ClipPosters.h"
-#include "replay/ClipExport.h"
-#include "replay/ReplayBuffer.h"
-#include "support/H264TestSource.h"
+#include "support/TestClip.h"
 
 #include <QCoreApplication>
 #include <QDir>
 #include <QEventLoop>
 #include <QFile>
-#include <QProcess>
 #include <QTimer>
 
 #include <unistd.h>
@@ -37,30 +34,12 @@ namespace {
 constexpr int clipCount = 100;
 constexpr int runs = 5;
 
-std::string loadAverage()
+// Ours: every poster asked for at once, the time until the last answer; into an empty cache
+// unless `warm`.
+double runOurs(const QStringList &clips, const QString &cache, bool warm, int *withPoster)
 {
-    QFile file(QStringLiteral("/proc/loadavg"));
-    return file.open(QIODevice::ReadOnly) ? file.readAll().trimmed().toStdString() : "?";
-}
-
-// One 1080p60 clip as a save writes it.
-QString makeClip(int seconds)
-{
-    ClipSettings::setMaxDuration(120);
-    const H264TestSource video(1920, 1080, 18'000'000);
-    ReplayBuffer buffer;
-    for (int64_t i = 0; i < int64_t(seconds) * H264TestSource::fps; ++i) {
-        EncodedFrame frame = video.frame(i, MediaTime::make(100, 1));
-        const bool key = frame.isKey;
-        buffer.appendVideo(std::move(frame), key ? video.format() : nullptr);
-    }
-    return ClipExport::exportClip(buffer.snapshot()).result().path;
-}
-
-// Ours: every poster asked for at once, the time until the last answer.
-double runOurs(const QStringList &clips, const QString &cache, int *withPoster)
-{
-    QDir(cache).removeRecursively();
+    if (!warm)
+        QDir(cache).removeRecursively();
     ClipPosters posters(cache, 2);
     int answered = 0;
     *withPoster = 0;
@@ -80,17 +59,12 @@ double runOurs(const QStringList &clips, const QString &cache, int *withPoster)
 double runPeer(const QStringList &clips, const QString &folder)
 {
     const QString thumb = QDir(folder).filePath(QStringLiteral("thumb.jpg"));
-    const auto start = std::chrono::steady_clock::now();
-    for (const QString &clip : clips) {
-        QProcess ffmpeg;
-        ffmpeg.start(QStringLiteral("ffmpeg"),
-                     {"-nostdin", "-y", "-v", "error", "-ss", "0", "-i", clip, "-frames:v", "1",
-                      "-vf", "scale=320:-2", thumb});
-        ffmpeg.waitForFinished(60000);
-        if (ffmpeg.exitCode() != 0)
-            std::fprintf(stderr, "ffmpeg failed: %s\n", ffmpeg.readAllStandardError().constData());
-    }
-    return bench::secondsSince(start);
+    double total = 0;
+    for (const QString &clip : clips)
+        total += bench::timedFfmpeg({"-nostdin", "-y", "-v", "error", "-ss", "0", "-i", clip,
+                                     "-frames:v", "1", "-vf", "scale=320:-2", thumb},
+                                    {});
+    return total;
 }
 
 struct Part
@@ -104,12 +78,13 @@ Part postersAgainstFfmpeg(const QString &home)
 {
     std::printf("making a 30 s 1080p60 clip at 18 Mbit/s...\n");
     std::fflush(stdout);
-    const QString clip = makeClip(30);
+    const QString clip = makeTestClip(30, 1920, 1080, false, 18'000'000);
     const QString folder = QDir(home).filePath(QStringLiteral("library"));
     QDir().mkpath(folder);
     QStringList clips;
     for (int i = 0; i < clipCount; ++i) {
-        const QString name = QDir(folder).filePath(QStringLiteral("Clip %1.mp4").arg(i, 3, 10, QLatin1Char('0')));
+        const QString name =
+            QDir(folder).filePath(QStringLiteral("Clip %1.mp4").arg(i, 3, 10, QLatin1Char('0')));
         if (::link(QFile::encodeName(clip).constData(), QFile::encodeName(name).constData()) != 0)
             QFile::copy(clip, name);
         clips << name;
@@ -119,25 +94,14 @@ Part postersAgainstFfmpeg(const QString &home)
     int withPoster = 0;
     for (int run = 0; run < runs; ++run) {
         // Alternating, so that drift on a shared machine hits both sides alike.
-        ours.push_back(runOurs(clips, cache, &withPoster));
+        ours.push_back(runOurs(clips, cache, false, &withPoster));
         peer.push_back(runPeer(clips, home));
         std::printf("run %d: ClipPosters %.3f s, ffmpeg %.3f s (load %s)\n", run + 1, ours.back(),
-                    peer.back(), loadAverage().c_str());
+                    peer.back(), bench::loadAverage().c_str());
         std::fflush(stdout);
     }
     // From the cache: what the next launch pays.
-    QEventLoop loop;
-    ClipPosters again(cache, 2);
-    int answered = 0;
-    QObject::connect(&again, &ClipPosters::posterReady, [&] {
-        if (++answered == clips.size())
-            loop.quit();
-    });
-    const auto start = std::chrono::steady_clock::now();
-    for (const QString &name : clips)
-        again.request(name);
-    loop.exec();
-    const double cached = bench::secondsSince(start);
+    const double cached = runOurs(clips, cache, true, &withPoster);
 
     const double o = bench::median(ours), p = bench::median(peer);
     std::printf("%d posters: ClipPosters %.3f s (%.1f ms each, %d with a poster), ffmpeg %.3f s "
@@ -156,7 +120,7 @@ int main(int argc, char **argv)
     const QString home = QString::fromStdString(bench::isolateHome());
     setenv("XDG_CACHE_HOME", (home + QStringLiteral("/.cache")).toLocal8Bit().constData(), 1);
     QCoreApplication application(argc, argv);
-    std::printf("load average at the start: %s\n", loadAverage().c_str());
+    std::printf("load average at the start: %s\n", bench::loadAverage().c_str());
     // The parts of this benchmark, each with its figure and target; all must pass.
     const std::vector<std::function<Part(const QString &)>> parts {postersAgainstFfmpeg};
     std::string figures, targets;
@@ -167,7 +131,7 @@ int main(int argc, char **argv)
         targets += (targets.empty() ? "" : ", ") + result.target;
         pass = pass && result.pass;
     }
-    std::printf("load average at the end: %s\n", loadAverage().c_str());
+    std::printf("load average at the end: %s\n", bench::loadAverage().c_str());
     QDir(home).removeRecursively();
     return bench::verdict("thumbnails", figures, targets, pass);
 }

@@ -10,16 +10,13 @@
 // start. Runs alternate between the three; figures are medians over all cuts and runs.
 
 #include "BenchSupport.h"
+#include "TimedProcess.h"
 
-#include "core/ClipSettings.h"
-#include "replay/ClipExport.h"
 #include "replay/ClipTrim.h"
-#include "replay/ReplayBuffer.h"
-#include "support/H264TestSource.h"
+#include "support/TestClip.h"
 
 #include <QDir>
 #include <QFile>
-#include <QProcess>
 
 #include <cstdio>
 #include <string>
@@ -32,36 +29,11 @@ constexpr int cutSeconds = 20;
 constexpr int rounds = 3;
 const double phases[] = {0.1, 0.3, 0.5, 0.7, 0.9};
 
-std::string loadAverage()
-{
-    QFile file(QStringLiteral("/proc/loadavg"));
-    return file.open(QIODevice::ReadOnly) ? file.readAll().trimmed().toStdString() : "?";
-}
-
-QString makeClip()
-{
-    ClipSettings::setMaxDuration(120);
-    const H264TestSource video(1920, 1080, 18'000'000);
-    const PcmTestSource sound {440, 0.3f, 660, 0.1f};
-    const MediaTime origin = MediaTime::make(100, 1);
-    ReplayBuffer buffer;
-    int64_t packet = 0;
-    for (int64_t i = 0; i < int64_t(clipSeconds) * H264TestSource::fps; ++i) {
-        EncodedFrame frame = video.frame(i, origin);
-        const bool key = frame.isKey;
-        buffer.appendVideo(std::move(frame), key ? video.format() : nullptr);
-        for (; packet * 60 < (i + 1) * 100; ++packet)
-            buffer.appendAudio(sound.sampleBuffer(packet, origin));
-    }
-    return ClipExport::exportClip(buffer.snapshot()).result().path;
-}
-
 double runOurs(const QString &clip, double in)
 {
     const auto start = std::chrono::steady_clock::now();
-    const ClipTrim::Trimmed trimmed =
-        ClipTrim::write({clip, MediaTime::fromSeconds(in, 90000),
-                         MediaTime::fromSeconds(in + cutSeconds, 90000)});
+    const ClipTrim::Trimmed trimmed = ClipTrim::write(
+        {clip, MediaTime::fromSeconds(in, 90000), MediaTime::fromSeconds(in + cutSeconds, 90000)});
     const double elapsed = bench::secondsSince(start);
     QFile::remove(trimmed.path);
     return elapsed;
@@ -69,26 +41,13 @@ double runOurs(const QString &clip, double in)
 
 double runFfmpeg(const QString &clip, double in, const QString &out, const QStringList &codecs)
 {
-    QStringList arguments {"-nostdin",
-                           "-y",
-                           "-v",
-                           "error",
-                           "-ss",
-                           QString::number(in, 'f', 4),
-                           "-to",
-                           QString::number(in + cutSeconds, 'f', 4),
-                           "-i",
-                           clip};
+    QStringList arguments {"-nostdin", "-y",
+                           "-v",       "error",
+                           "-ss",      QString::number(in, 'f', 4),
+                           "-to",      QString::number(in + cutSeconds, 'f', 4),
+                           "-i",       clip};
     arguments << codecs << out;
-    const auto start = std::chrono::steady_clock::now();
-    QProcess ffmpeg;
-    ffmpeg.start(QStringLiteral("ffmpeg"), arguments);
-    ffmpeg.waitForFinished(600'000);
-    const double elapsed = bench::secondsSince(start);
-    if (ffmpeg.exitCode() != 0)
-        std::fprintf(stderr, "ffmpeg failed: %s\n", ffmpeg.readAllStandardError().constData());
-    QFile::remove(out);
-    return elapsed;
+    return bench::timedFfmpeg(arguments, out);
 }
 
 } // namespace
@@ -98,17 +57,16 @@ int main()
     const QString home = QString::fromStdString(bench::isolateHome());
     std::printf("load average at the start: %s\nmaking a %d s 1080p60 clip at 18 Mbit/s with its "
                 "sound...\n",
-                loadAverage().c_str(), clipSeconds);
+                bench::loadAverage().c_str(), clipSeconds);
     std::fflush(stdout);
-    const QString clip = makeClip();
+    const QString clip = makeTestClip(clipSeconds, 1920, 1080, true, 18'000'000);
     const QString out = QDir(home).filePath(QStringLiteral("peer.mp4"));
     const QStringList copy {"-c", "copy"};
-    const QStringList reencode {"-c:v",     "libx264", "-preset",       "ultrafast",
-                                "-tune",    "zerolatency", "-profile:v", "high",
-                                "-x264-params", "8x8dct=1", "-b:v",       "18M",
-                                "-maxrate", "64M",     "-bufsize",      "64M",
-                                "-g",       "120",     "-bf",           "0",
-                                "-threads", "2",       "-c:a",          "copy"};
+    const QStringList reencode {"-c:v",        "libx264",    "-preset",  "ultrafast",    "-tune",
+                                "zerolatency", "-profile:v", "high",     "-x264-params", "8x8dct=1",
+                                "-b:v",        "18M",        "-maxrate", "64M",          "-bufsize",
+                                "64M",         "-g",         "120",      "-bf",          "0",
+                                "-threads",    "2",          "-c:a",     "copy"};
 
     std::vector<double> ours, copied, encoded;
     for (int round = 0; round < rounds; ++round) {
@@ -120,7 +78,8 @@ int main()
             encoded.push_back(runFfmpeg(clip, in, out, reencode));
             std::printf("cut at %.1f s: ClipTrim %.3f s, ffmpeg -c copy %.3f s, re-encoding %.3f s "
                         "(load %s)\n",
-                        in, ours.back(), copied.back(), encoded.back(), loadAverage().c_str());
+                        in, ours.back(), copied.back(), encoded.back(),
+                        bench::loadAverage().c_str());
             std::fflush(stdout);
         }
     }
@@ -128,12 +87,12 @@ int main()
     std::printf("20 s of a 120 s clip: ClipTrim %.3f s, ffmpeg -c copy %.3f s (ratio %.2f), "
                 "re-encoding the cut %.3f s (ratio %.3f); medians of %zu\n",
                 o, c, o / c, e, o / e, ours.size());
-    std::printf("load average at the end: %s\n", loadAverage().c_str());
+    std::printf("load average at the end: %s\n", bench::loadAverage().c_str());
     QDir(home).removeRecursively();
 
     char figure[160];
-    std::snprintf(figure, sizeof figure, "%.2f x the stream copy, %.3f x re-encoding the cut", o / c,
-                  o / e);
+    std::snprintf(figure, sizeof figure, "%.2f x the stream copy, %.3f x re-encoding the cut",
+                  o / c, o / e);
     return bench::verdict("trim", figure, "<= 1.5 x the stream copy, <= 0.2 x re-encoding",
                           o / c <= 1.5 && o / e <= 0.2);
 }

@@ -12,10 +12,10 @@ double testClipPitch(double seconds)
     return 300 + 50 * (int64_t(std::floor(seconds * 10)) % 10);
 }
 
-QString makeTestClip(int seconds, int width, int height, bool withSound)
+QString makeTestClip(int seconds, int width, int height, bool withSound, int64_t bitRate)
 {
     ClipSettings::setMaxDuration(120);
-    const H264TestSource video(width, height, 4'000'000);
+    const H264TestSource video(width, height, bitRate);
     const MediaTime origin = MediaTime::make(40, 1);
     ReplayBuffer buffer;
     int64_t packet = 0;
