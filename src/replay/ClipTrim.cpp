@@ -10,6 +10,7 @@
 #include "replay/TrimOutput.h"
 #include "replay/TrimSource.h"
 
+#include <QDateTime>
 #include <QDir>
 #include <QElapsedTimer>
 #include <QFile>
@@ -23,6 +24,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <mutex>
 #include <optional>
 #include <set>
 #include <span>
@@ -82,6 +84,36 @@ bool isIdr(const TrimSource &source, const Sample &sample)
     return false;
 }
 
+// The frame showing at `in`: the last one that starts at or before it.
+size_t frameAt(const Track &video, MediaTime in)
+{
+    size_t frame = 0;
+    while (frame + 1 < video.samples.size() &&
+           !(in < timeOf(video.samples[frame + 1].pts, video.timeBase)))
+        ++frame;
+    return frame;
+}
+
+// Fills in where decoding and copying start for a cut of frames [first, end): decoding on an IDR
+// at or before the first frame; copying on the first IDR from the first frame on (a key frame
+// that is not an IDR may be followed by frames that look back past it), or at the end.
+void findStarts(const TrimSource &source, const QString &path, Plan &plan)
+{
+    const std::vector<Sample> &samples = source.video().samples;
+    const auto idrAt = [&](size_t i) { return samples[i].key && isIdr(source, samples[i]); };
+    plan.key = plan.first;
+    while (!idrAt(plan.key)) {
+        if (plan.key == 0)
+            refuse(QStringLiteral("%1 is not a clip Vantrel can trim: it does not open on a key "
+                                  "frame.")
+                       .arg(QFileInfo(path).fileName()));
+        --plan.key;
+    }
+    plan.copyFrom = plan.first;
+    while (plan.copyFrom < plan.end && !idrAt(plan.copyFrom))
+        ++plan.copyFrom;
+}
+
 Plan planOf(const TrimSource &source, const Request &request)
 {
     const Track &video = source.video();
@@ -102,31 +134,14 @@ Plan planOf(const TrimSource &source, const Request &request)
     out = std::min(out, clipEnd);
 
     Plan plan;
-    const auto startOf = [&](size_t i) { return timeOf(samples[i].pts, video.timeBase); };
-    while (plan.first + 1 < samples.size() && !(in < startOf(plan.first + 1)))
-        ++plan.first;
+    plan.first = frameAt(video, in);
     // The frame showing at `in` starts before `out`: a cut keeps at least that one.
     plan.end = plan.first;
-    while (plan.end < samples.size() && startOf(plan.end) < out)
+    while (plan.end < samples.size() && timeOf(samples[plan.end].pts, video.timeBase) < out)
         ++plan.end;
     if (plan.first == 0 && plan.end == samples.size())
         refuse(QStringLiteral("The cut keeps the whole clip: move its start or its end."));
-
-    // Decoding starts on an IDR at or before the first frame; the copy on the first IDR from the
-    // first frame on (a key frame that is not an IDR may be followed by frames that look back
-    // past it).
-    const auto idrAt = [&](size_t i) { return samples[i].key && isIdr(source, samples[i]); };
-    plan.key = plan.first;
-    while (!idrAt(plan.key)) {
-        if (plan.key == 0)
-            refuse(QStringLiteral("%1 is not a clip Vantrel can trim: it does not open on a key "
-                                  "frame.")
-                       .arg(QFileInfo(request.source).fileName()));
-        --plan.key;
-    }
-    plan.copyFrom = plan.first;
-    while (plan.copyFrom < plan.end && !idrAt(plan.copyFrom))
-        ++plan.copyFrom;
+    findStarts(source, request.source, plan);
     return plan;
 }
 
@@ -238,22 +253,74 @@ SerialQueue &trimQueue()
     return *queue;
 }
 
+// The start of a cut made in advance by prepare(), for the trim that follows: the clip as it was
+// (path, size, modification time) and the frames it starts from. A trim from the same frame
+// takes its first frames from here (as many as it keeps: an encoded frame never depends on a
+// later one). preparedLock guards `prepared`.
+struct Prepared
+{
+    QString source;
+    qint64 size = 0;
+    QDateTime modified;
+    size_t first = 0;
+    size_t key = 0;
+    size_t copyFrom = 0;
+    TrimHead::Made head;
+};
+std::mutex preparedLock;
+std::optional<Prepared> prepared;
+
+bool sameFile(const Prepared &made, const QString &source)
+{
+    const QFileInfo now(source);
+    return made.source == source && made.size == now.size() && made.modified == now.lastModified();
+}
+
+TrimHead::Made makeHead(const TrimSource &source, const Plan &plan)
+{
+    QElapsedTimer making;
+    making.start();
+    TrimHead::Made head =
+        TrimHead::make(source, plan.key, plan.first, plan.copyFrom,
+                       freeParameterSetId(H264Bitstream::avcCUnits(source.avcC())));
+    Log::system(QStringLiteral("trim: %1 frames decoded and %2 encoded anew in %3 s")
+                    .arg(plan.copyFrom - plan.key)
+                    .arg(plan.copyFrom - plan.first)
+                    .arg(making.elapsed() / 1000.0, 0, 'f', 3));
+    return head;
+}
+
+// The re-encoded start of `plan`'s cut: made in advance when prepare() made it, otherwise now.
+TrimHead::Made headOf(const TrimSource &source, const QString &path, const Plan &plan,
+                      bool *inAdvance)
+{
+    {
+        std::scoped_lock lock(preparedLock);
+        if (prepared && sameFile(*prepared, path) && prepared->first == plan.first &&
+            prepared->key == plan.key && prepared->copyFrom >= plan.copyFrom) {
+            TrimHead::Made head;
+            head.format = prepared->head.format;
+            head.frames.assign(prepared->head.frames.begin(),
+                               prepared->head.frames.begin() +
+                                   ptrdiff_t(plan.copyFrom - plan.first));
+            *inAdvance = true;
+            return head;
+        }
+    }
+    return makeHead(source, plan);
+}
+
 // Writes the cut into `path`; answers what it holds.
-Trimmed writeInto(const TrimSource &source, const Plan &plan, const QString &path)
+Trimmed writeInto(const TrimSource &source, const Plan &plan, const QString &clip,
+                  const QString &path)
 {
     const Track &video = source.video();
     const std::vector<Sample> &samples = video.samples;
     std::vector<H264Bitstream::Unit> sets = setsUsed(source, plan.copyFrom, plan.end);
     TrimHead::Made head;
+    bool inAdvance = false;
     if (plan.copyFrom > plan.first) {
-        QElapsedTimer making;
-        making.start();
-        head = TrimHead::make(source, plan.key, plan.first, plan.copyFrom,
-                              freeParameterSetId(H264Bitstream::avcCUnits(source.avcC())));
-        Log::system(QStringLiteral("trim: %1 frames decoded and %2 encoded anew in %3 s")
-                        .arg(plan.copyFrom - plan.key)
-                        .arg(plan.copyFrom - plan.first)
-                        .arg(making.elapsed() / 1000.0, 0, 'f', 3));
+        head = headOf(source, clip, plan, &inAdvance);
         for (const H264Bitstream::Unit unit : H264Bitstream::avcCUnits(head.format->extradata))
             sets.push_back(unit);
     }
@@ -306,7 +373,7 @@ Trimmed writeInto(const TrimSource &source, const Plan &plan, const QString &pat
     }
     output.finish();
     return {path, timeOf(endTicks - shift, video.timeBase), int64_t(plan.end - plan.first),
-            int64_t(plan.copyFrom - plan.first)};
+            int64_t(plan.copyFrom - plan.first), inAdvance};
 }
 
 } // namespace
@@ -340,7 +407,7 @@ Trimmed write(const Request &request)
     const Plan plan = planOf(source, request);
     const QString temporary = newTemporaryPath();
     const auto removeTemporary = qScopeGuard([&] { QFile::remove(temporary); });
-    Trimmed trimmed = writeInto(source, plan, temporary);
+    Trimmed trimmed = writeInto(source, plan, request.source, temporary);
     for (int attempt = 1; attempt <= maxNameAttempts; ++attempt) {
         bool taken = false;
         const QString path = copyPath(request.source, attempt);
@@ -358,6 +425,35 @@ Trimmed write(const Request &request)
     }
     refuse(QStringLiteral("Could not save the trimmed copy: too many copies of %1 already.")
                .arg(QFileInfo(request.source).fileName()));
+}
+
+QFuture<void> prepare(const QString &source, MediaTime in)
+{
+    auto promise = std::make_shared<QPromise<void>>();
+    promise->start();
+    QFuture<void> future = promise->future();
+    trimQueue().async([promise, source, in] {
+        try {
+            const TrimSource clip(source);
+            Plan plan;
+            plan.first = frameAt(clip.video(), in);
+            plan.end = clip.video().samples.size();
+            findStarts(clip, source, plan);
+            if (plan.copyFrom > plan.first) {
+                const QFileInfo file(source);
+                Prepared made {source,   file.size(),   file.lastModified(), plan.first,
+                               plan.key, plan.copyFrom, makeHead(clip, plan)};
+                std::scoped_lock lock(preparedLock);
+                prepared = std::move(made);
+            }
+        } catch (const std::exception &error) {
+            // The trim itself will say what is wrong.
+            Log::system(QStringLiteral("trim: nothing made in advance: %1")
+                            .arg(QString::fromUtf8(error.what())));
+        }
+        SharedPool::finishAndRelease(*promise);
+    });
+    return future;
 }
 
 QFuture<Trimmed> trim(Request request)

@@ -41,6 +41,7 @@ struct Trimmed
     MediaTime duration; // of its video: from its first frame to the end of its last
     int64_t frames = 0;
     int64_t reencoded = 0; // frames encoded anew at its start; 0 when it starts on a key frame
+    bool madeInAdvance = false; // those frames came from prepare()
 };
 
 // A clip's frames, for a trim view to snap to and step through.
@@ -54,6 +55,13 @@ struct Frames
 // Reads the frames of `source` from its index (nothing is decoded). Throws
 // RecorderError::writerFailed with the sentence the user reads when the clip cannot be trimmed.
 Frames frames(const QString &source);
+
+// Makes the re-encoded start of a cut from `in` on the trim queue, ahead of the cut itself: a
+// trim view calls it when the user sets the start, and the trim of the same clip from the same
+// frame then only copies, so the copy is there a moment after "Save trimmed copy" whatever the
+// start. The latest call replaces what an earlier one made; a clip changed since is made again.
+// The future completes when it is made (or could not be: the trim then says why).
+QFuture<void> prepare(const QString &source, MediaTime in);
 
 // Writes the trimmed copy on the trim queue (one at a time, at a lower priority than the
 // capture) and answers with it, or fails with a RecorderError whose sentence the user reads:

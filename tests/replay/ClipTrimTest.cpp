@@ -184,8 +184,13 @@ TEST_F(ClipTrimTest, StartsOnTheChosenFrameAndCopiesTheRest)
     const int shown = framesQtShows(trimmed.path);
     EXPECT_GT(shown, 90) << "of 180";
 
-    // A second cut of the same clip gets a name of its own; nothing else lands in the folder.
+    // The same cut again, its start made in advance (as when the user set the start): the same
+    // pictures, under a name of its own; nothing else lands in the folder.
+    EXPECT_FALSE(trimmed.madeInAdvance);
+    ClipTrim::prepare(m_clip, request.in).waitForFinished();
     const ClipTrim::Trimmed again = ClipTrim::write(request);
+    EXPECT_TRUE(again.madeInAdvance);
+    EXPECT_EQ(pictureHashes(again.path), copy);
     EXPECT_EQ(again.path, ClipTrim::copyPath(m_clip, 2));
     QStringList expected {QFileInfo(m_clip).fileName(), QFileInfo(trimmed.path).fileName(),
                           QFileInfo(again.path).fileName()};
@@ -210,6 +215,13 @@ TEST_F(ClipTrimTest, KeyFrameCutsWholeGroupCutsAndCutsOfCuts)
     EXPECT_EQ(inside.duration, MediaTime::make(1, 2));
     EXPECT_EQ(probe::decodeErrors(inside.path), QString());
     EXPECT_EQ(pictureHashes(inside.path).size(), 30);
+    // Made in advance up to the next key frame, the start serves a cut that ends before it; one
+    // made for another start does not serve.
+    ClipTrim::prepare(m_clip, frameTime(306)).waitForFinished();
+    const ClipTrim::Trimmed insideAgain = ClipTrim::write({m_clip, frameTime(306), frameTime(336)});
+    EXPECT_TRUE(insideAgain.madeInAdvance);
+    EXPECT_EQ(pictureHashes(insideAgain.path), pictureHashes(inside.path));
+    EXPECT_FALSE(ClipTrim::write({m_clip, frameTime(305), frameTime(336)}).madeInAdvance);
 
     // The first cut: frames 100 to 400 (20 encoded anew, then copied from frame 120). The second
     // starts 10 frames into it, inside the part encoded anew, and ends in the copied part.
