@@ -23,6 +23,15 @@
 
 #include <cmath>
 
+// ffmpeg and ffprobe are started through QProcess, which clones with a shared address space until
+// exec. ThreadSanitizer takes that for a fork of a threaded process and would kill the test at the
+// next thread it starts (an encoder's, a decoder's). Nothing runs in the child before exec, so the
+// warning does not apply.
+extern "C" const char *__tsan_default_options()
+{
+    return "die_after_fork=0";
+}
+
 namespace {
 
 // Frame `index` of the 60 fps test clips, as a time.
