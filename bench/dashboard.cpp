@@ -9,11 +9,16 @@
 
 #include "BenchSupport.h"
 
-#include "app/AppDelegate.h"
 #include "app/AppModel.h"
+#include "app/AppShell.h"
+#include "app/ArmingController.h"
+#include "app/ClipLibrary.h"
+#include "app/ClipSaver.h"
+#include "app/DashboardActions.h"
 #include "app/DashboardView.h"
 #include "app/DashboardWindow.h"
 #include "app/MainMenu.h"
+#include "app/TrayIcon.h"
 #include "support/ChildProcess.h"
 #include "support/PrivateServers.h"
 
@@ -93,8 +98,8 @@ int openWindow(int argc, char **argv, bool dashboard)
     std::unique_ptr<AppModel> model;
     if (dashboard) {
         model = std::make_unique<AppModel>();
-        window = std::make_unique<DashboardWindow>(new DashboardView(*model, {}),
-                                                   MainMenu::build({}));
+        window =
+            std::make_unique<DashboardWindow>(new DashboardView(*model, {}), MainMenu::build({}));
         window->centralWidget()->installEventFilter(&frame);
         static_cast<DashboardWindow *>(window.get())->bringForward();
     } else {
@@ -117,24 +122,24 @@ int armed(int argc, char **argv, bool windowOpen)
     QCoreApplication::setOrganizationName(QStringLiteral("quillfen"));
     QCoreApplication::setApplicationName(QStringLiteral("Vantrel"));
     QApplication::setQuitOnLastWindowClosed(false);
-    AppDelegate delegate;
-    if (!delegate.applicationDidFinishLaunching({}))
+    AppShell shell;
+    if (!shell.launch({}))
         return 1;
-    delegate.startClipping();
+    shell.arming()->start();
     QElapsedTimer waited;
     waited.start();
-    while (!delegate.model().isClipping() && waited.elapsed() < 60000)
+    while (!shell.model().isClipping() && waited.elapsed() < 60000)
         waitIdle(50);
-    if (!delegate.model().isClipping()) {
-        std::fprintf(stderr, "did not arm: %s\n", qPrintable(delegate.model().status()));
+    if (!shell.model().isClipping()) {
+        std::fprintf(stderr, "did not arm: %s\n", qPrintable(shell.model().status()));
         return 1;
     }
     // Closed, a picture of the window stands where it was: the capture then records the same
     // pixels on both sides (encoding a window costs more than encoding an empty screen), and the
     // difference left is what the live window itself costs.
     std::unique_ptr<QLabel> picture;
-    if (!windowOpen && delegate.window()) {
-        QWidget *window = delegate.window();
+    if (!windowOpen && shell.window()) {
+        QWidget *window = shell.window();
         picture = std::make_unique<QLabel>();
         picture->setPixmap(window->grab());
         picture->setGeometry(window->geometry());
@@ -152,7 +157,7 @@ int armed(int argc, char **argv, bool windowOpen)
     std::printf("cpu %.5f %.5f\n", (bench::cpuSeconds(0) - cpu0) / seconds,
                 (threadCpuSeconds() - gui0) / seconds);
     std::fflush(stdout);
-    delegate.applicationWillTerminate();
+    shell.shutDown();
     return 0;
 }
 
@@ -211,8 +216,9 @@ int main(int argc, char **argv)
     }
     const double dashboardMs = bench::median(times[0]), emptyMs = bench::median(times[1]);
     const double dashboardMb = bench::median(memory[0]), emptyMb = bench::median(memory[1]);
-    std::printf("first frame: dashboard %.0f ms, empty window %.0f ms (medians of %d, ratio %.2f)\n",
-                dashboardMs, emptyMs, runs, dashboardMs / emptyMs);
+    std::printf(
+        "first frame: dashboard %.0f ms, empty window %.0f ms (medians of %d, ratio %.2f)\n",
+        dashboardMs, emptyMs, runs, dashboardMs / emptyMs);
     std::printf("resident: dashboard %.1f MB, empty window %.1f MB (+%.1f MB)\n", dashboardMb,
                 emptyMb, dashboardMb - emptyMb);
 
@@ -239,8 +245,8 @@ int main(int argc, char **argv)
     std::printf("armed and still, CPU of one core: window open on Home %.2f %%, closed %.2f %% "
                 "(medians of %d)\n",
                 openCpu, closedCpu, armedRuns);
-    std::printf("  of which the main thread: open %.2f %%, closed %.2f %%\n",
-                bench::median(gui[0]), bench::median(gui[1]));
+    std::printf("  of which the main thread: open %.2f %%, closed %.2f %%\n", bench::median(gui[0]),
+                bench::median(gui[1]));
 
     const double ratio = dashboardMs / emptyMs;
     const double extra = dashboardMb - emptyMb;

@@ -89,12 +89,12 @@ void writePeerInputs(Case &c, const QString &folder)
     Mp4Writer writer(c.videoFile, queue);
     std::promise<void> done;
     queue.sync([&] {
-        const Mp4Writer::Input input = *writer.addVideoInput(snap.videoFormat, true);
-        writer.startWriting();
-        writer.startSession(base);
+        const Mp4Writer::Stream input = *writer.addVideoStream(snap.videoFormat, true);
+        writer.writeHeader();
+        writer.setTimeOrigin(base);
         for (size_t i = first; i < snap.video.size(); ++i)
-            writer.append(input, *makeVideoSample(snap.video[i], snap.videoFormat));
-        writer.finishWriting([&] { done.set_value(); });
+            writer.writeSample(input, *makeVideoSample(snap.video[i], snap.videoFormat));
+        writer.flush([&] { done.set_value(); });
     });
     done.get_future().wait();
 

@@ -51,7 +51,8 @@ function(vantrel_test name)
   # gtest_discover_tests flattens the values of PROPERTIES, so a value that is a list (two
   # fixtures, several environment entries) would fall apart there. Those properties are set by a
   # small script that ctest runs after the discovered tests are added.
-  set(props "")
+  # A case that GTEST_SKIPs (its fixture is missing) shows in ctest as skipped, not passed.
+  set(props " SKIP_REGULAR_EXPRESSION [==[\\[  SKIPPED \\]]==]")
   if(T_LABELS)
     string(APPEND props " LABELS [==[${T_LABELS}]==]")
   endif()
@@ -69,8 +70,13 @@ function(vantrel_test name)
     set(env "VANTREL_FIXTURE_DIR=${VANTREL_FIXTURE_DIR}")
     if("xvfb" IN_LIST T_FIXTURES)
       list(APPEND env "DISPLAY=${VANTREL_TEST_DISPLAY}")
+    elseif("desktop" IN_LIST T_FIXTURES)
+      list(APPEND env "DISPLAY=${VANTREL_DESKTOP_DISPLAY}")
     else()
       list(APPEND env "DISPLAY=")
+    endif()
+    if("keyring" IN_LIST T_FIXTURES)
+      list(APPEND env "DBUS_SESSION_BUS_ADDRESS=${VANTREL_KEYRING_BUS}")
     endif()
     if("pulse" IN_LIST T_FIXTURES)
       list(APPEND env "PULSE_SERVER=${VANTREL_TEST_PULSE_SERVER}")

@@ -2,7 +2,7 @@
 
 #include "app/DashboardStyle.h"
 #include "cloud/AccountStore.h"
-#include "promo/Palette.h"
+#include "core/Palette.h"
 
 #include <QClipboard>
 #include <QGuiApplication>
@@ -45,6 +45,7 @@ AccountPanel::AccountPanel(AccountStore &account, QWidget *parent)
     m_signIn = button(QStringLiteral("Sign in"), QStringLiteral("signIn"), Look::accent, Qt::black,
                       13, card);
     m_pending = label(QString(), 12, QFont::Normal, Palette::white(0.7), card);
+    m_pending->setObjectName(QStringLiteral("signInPending"));
     m_pending->setWordWrap(true);
     m_pending->setTextInteractionFlags(Qt::TextSelectableByMouse);
 

@@ -1,13 +1,13 @@
 #include "app/ClipLibrary.h"
 
 #include "app/AppModel.h"
+#include "app/DesktopOpener.h"
 #include "input/ClipHotkey.h"
 
 #include <QClipboard>
 #include <QDBusConnection>
 #include <QDBusMessage>
 #include <QDBusPendingCallWatcher>
-#include <QDesktopServices>
 #include <QDir>
 #include <QFile>
 #include <QFileInfo>
@@ -113,29 +113,55 @@ void ClipLibrary::openClip(const QUrl &url)
                               .arg(ClipHotkey::displayName()));
         return;
     }
-    if (!QDesktopServices::openUrl(url)) {
-        revealFile(url.toLocalFile());
-        m_model.setStatus(QStringLiteral(
-            "Couldn’t open the clip in a player, so the file manager is showing the file."));
-    }
+    const QString path = url.toLocalFile();
+    QPointer<ClipLibrary> self(this);
+    DesktopOpener::open(url, this, [self, path] {
+        // No player: the file manager can at least show the file, selected.
+        revealFile(path, self, [self, path](bool shown) {
+            if (!self)
+                return;
+            self->m_model.setStatus(
+                shown ? QStringLiteral("Couldn’t open the clip in a player, so the file manager "
+                                       "is showing the file.")
+                      : QStringLiteral("No video player opened the clip. It is %1").arg(path));
+        });
+    });
 }
 
 void ClipLibrary::copyClip(const QUrl &url)
 {
     if (fileIsGone(url))
         return;
-    auto *data = new QMimeData;
-    data->setUrls({url}); // text/uri-list, which file managers paste as the file
-    QGuiApplication::clipboard()->setMimeData(data);
+    QGuiApplication::clipboard()->setMimeData(fileForClipboard(url));
     m_model.setStatus(QStringLiteral("Copied %1.").arg(QFileInfo(url.toLocalFile()).fileName()));
+}
+
+QMimeData *ClipLibrary::fileForClipboard(const QUrl &url)
+{
+    auto *data = new QMimeData;
+    // text/uri-list: KDE's file manager, browsers and chat programs paste it as the file.
+    data->setUrls({url});
+    // GNOME's file manager and those built like it (Nemo, Caja, Thunar) paste only this.
+    data->setData(QStringLiteral("x-special/gnome-copied-files"), "copy\n" + url.toEncoded());
+    // A text field gets the path.
+    data->setText(url.toLocalFile());
+    return data;
 }
 
 void ClipLibrary::revealFolder()
 {
-    QDesktopServices::openUrl(QUrl::fromLocalFile(m_folder));
+    const QString folder = m_folder;
+    QPointer<ClipLibrary> self(this);
+    DesktopOpener::open(QUrl::fromLocalFile(folder), this, [self, folder] {
+        if (self)
+            self->m_model.setStatus(
+                QStringLiteral("No file manager opened the folder. Your clips are in %1")
+                    .arg(folder));
+    });
 }
 
-void ClipLibrary::revealFile(const QString &path)
+void ClipLibrary::revealFile(const QString &path, QObject *context,
+                             std::function<void(bool shown)> done)
 {
     QDBusMessage call = QDBusMessage::createMethodCall(
         QStringLiteral("org.freedesktop.FileManager1"),
@@ -145,11 +171,22 @@ void ClipLibrary::revealFile(const QString &path)
     // Asked without waiting: a slow file manager must not freeze the window or the tray.
     auto *watcher =
         new QDBusPendingCallWatcher(QDBusConnection::sessionBus().asyncCall(call, 3000));
+    QPointer<QObject> watching(context);
     QObject::connect(watcher, &QDBusPendingCallWatcher::finished, watcher,
-                     [path](QDBusPendingCallWatcher *finished) {
+                     [path, watching, done](QDBusPendingCallWatcher *finished) {
                          finished->deleteLater();
-                         if (finished->isError())
-                             QDesktopServices::openUrl(QUrl::fromLocalFile(QFileInfo(path).path()));
+                         if (!finished->isError()) {
+                             if (watching && done)
+                                 done(true);
+                             return;
+                         }
+                         // Without the file manager's service, its folder at least.
+                         const QUrl folder = QUrl::fromLocalFile(QFileInfo(path).path());
+                         DesktopOpener::open(folder, watching, [done] {
+                             if (done)
+                                 done(false);
+                         });
+                         // DesktopOpener says nothing on success; neither does the folder.
                      });
 }
 

@@ -1,27 +1,29 @@
 #include "app/ClipNotifications.h"
 
-#include "app/AppDelegate.h"
-#include "app/DashboardWindow.h"
+#include "app/AppModel.h"
+#include "app/ClipLibrary.h"
+#include "app/ClipSaver.h"
 #include "app/DesktopNotifications.h"
 #include "input/PermissionNotifier.h"
 
 #include <QFileInfo>
 #include <QMessageBox>
 
-ClipNotifications::ClipNotifications(AppDelegate &delegate)
-    : QObject(&delegate)
-    , m_delegate(delegate)
+ClipNotifications::ClipNotifications(ClipSaver &saver, AppModel &model, ClipLibrary &library,
+                                     QObject *parent)
+    : QObject(parent)
+    , m_model(model)
+    , m_library(library)
     , m_desktop(new DesktopNotifications(this))
 {
-    AppModel &model = m_delegate.model();
     m_knownLinks = model.shares();
-    connect(&m_delegate, &AppDelegate::clipSaved, this, &ClipNotifications::clipSaved);
-    connect(&m_delegate, &AppDelegate::saveFailed, this, [this](const QString &message) {
+    connect(&saver, &ClipSaver::clipSaved, this, &ClipNotifications::clipSaved);
+    connect(&saver, &ClipSaver::saveFailed, this, [this](const QString &message) {
         m_desktop->notify(QStringLiteral("Clip not saved"), message, {}, true);
     });
     connect(&model, &AppModel::sharesChanged, this, &ClipNotifications::linksChanged);
     connect(&model, &AppModel::packLinkChanged, this, [this] {
-        const QString link = m_delegate.model().packLink();
+        const QString link = m_model.packLink();
         if (!link.isEmpty())
             m_desktop->notify(QStringLiteral("Folder link copied"),
                               link + QStringLiteral("\nPaste it anywhere."));
@@ -32,13 +34,13 @@ ClipNotifications::ClipNotifications(AppDelegate &delegate)
 
 void ClipNotifications::clipSaved(const QString &path)
 {
-    QPointer<AppDelegate> delegate(&m_delegate);
+    QPointer<ClipLibrary> library(&m_library);
     const QUrl url = QUrl::fromLocalFile(path);
     m_desktop->notify(QStringLiteral("Clip saved"), QFileInfo(path).fileName(),
                       {{QStringLiteral("open"), QStringLiteral("Open"),
-                        [delegate, url] {
-                            if (delegate && delegate->library())
-                                delegate->library()->openClip(url);
+                        [library, url] {
+                            if (library)
+                                library->openClip(url);
                         }},
                        {QStringLiteral("folder"), QStringLiteral("Show in folder"),
                         [path] { ClipLibrary::revealFile(path); }}});
@@ -46,10 +48,9 @@ void ClipNotifications::clipSaved(const QString &path)
 
 void ClipNotifications::linksChanged()
 {
-    const AppModel &model = m_delegate.model();
-    const QMap<QUrl, QString> links = model.shares();
+    const QMap<QUrl, QString> links = m_model.shares();
     // A share-all run records each clip's link but puts only the folder link on the clipboard.
-    if (!model.sharingAll()) {
+    if (!m_model.sharingAll()) {
         for (auto it = links.cbegin(); it != links.cend(); ++it) {
             if (m_knownLinks.value(it.key()) != it.value())
                 m_desktop->notify(QStringLiteral("Link copied"),
@@ -62,10 +63,9 @@ void ClipNotifications::linksChanged()
 void ClipNotifications::noticePosted(const PermissionNotice &notice)
 {
     // Help the user asked for from the window is shown there; the rest goes to the desktop.
-    DashboardWindow *window = m_delegate.window();
-    if (!notice.isFirstPrompt && window && window->isVisible()) {
+    if (!notice.isFirstPrompt && m_window && m_window->isVisible()) {
         auto *box = new QMessageBox(QMessageBox::Information, notice.title, notice.text,
-                                    QMessageBox::Ok, window);
+                                    QMessageBox::Ok, m_window);
         box->setObjectName(QStringLiteral("permissionHelp"));
         box->setAttribute(Qt::WA_DeleteOnClose);
         box->open();

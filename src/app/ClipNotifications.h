@@ -2,9 +2,13 @@
 
 #include <QMap>
 #include <QObject>
+#include <QPointer>
 #include <QUrl>
+#include <QWidget>
 
-class AppDelegate;
+class AppModel;
+class ClipLibrary;
+class ClipSaver;
 class DesktopNotifications;
 struct PermissionNotice;
 
@@ -16,14 +20,20 @@ class ClipNotifications : public QObject
     Q_OBJECT
 
 public:
-    explicit ClipNotifications(AppDelegate &delegate);
+    ClipNotifications(ClipSaver &saver, AppModel &model, ClipLibrary &library,
+                      QObject *parent = nullptr);
+
+    // While this window is on screen, help the user asked for is shown over it instead.
+    void setWindow(QWidget *window) { m_window = window; }
 
 private:
     void clipSaved(const QString &path);
     void linksChanged();
     void noticePosted(const PermissionNotice &notice);
 
-    AppDelegate &m_delegate;
+    AppModel &m_model;
+    ClipLibrary &m_library;
+    QPointer<QWidget> m_window;
     DesktopNotifications *m_desktop = nullptr;
     QMap<QUrl, QString> m_knownLinks;
 };

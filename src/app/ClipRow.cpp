@@ -2,7 +2,7 @@
 
 #include "app/AppModel.h"
 #include "app/DashboardCallbacks.h"
-#include "promo/Palette.h"
+#include "core/Palette.h"
 
 #include <QClipboard>
 #include <QGuiApplication>

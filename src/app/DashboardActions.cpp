@@ -1,13 +1,15 @@
-// The application delegate's side of the dashboard: making and showing its window, the
-// callbacks the dashboard acts through, and binding a new clip key.
+#include "app/DashboardActions.h"
 
-#include "app/AppDelegate.h"
-#include "app/DashboardView.h"
-#include "app/DashboardWindow.h"
+#include "app/AppModel.h"
+#include "app/ArmingController.h"
+#include "app/ClipLibrary.h"
+#include "app/ClipSaver.h"
+#include "app/ShareActions.h"
+#include "engine/ClipEngine.h"
 #include "input/ClipHotkey.h"
 #include "input/HotkeyManager.h"
 
-#include <QApplication>
+#include <QPointer>
 
 namespace {
 
@@ -15,111 +17,89 @@ namespace {
 // encoder's start-up and a key frame that weighs more than the frames after it.
 constexpr double minimumMeasuredSeconds = 5;
 
-} // namespace
-
-void AppDelegate::presentDashboard()
+// `action` on the object behind `self`, while it lives.
+template<typename T, typename F> auto weakly(QPointer<T> self, F action)
 {
-    if (m_library)
-        m_library->refreshClips(false);
-    if (!m_window) {
-        auto *view = new DashboardView(m_model, dashboardCallbacks());
-        m_window = new DashboardWindow(view, m_mainMenu);
-        m_window->setAttribute(Qt::WA_QuitOnClose, false);
-        connect(m_window, &DashboardWindow::becameActive, this, [this] {
-            if (m_library)
-                m_library->refreshClips(false);
-        });
-        connect(qApp, &QCoreApplication::aboutToQuit, m_window, &DashboardWindow::saveFrame);
-    }
-    m_window->bringForward();
+    return [self, action](auto &&...arguments) {
+        if (self)
+            action(*self, arguments...);
+    };
 }
 
-DashboardCallbacks AppDelegate::dashboardCallbacks()
+} // namespace
+
+DashboardActions::DashboardActions(ArmingController &arming, ClipSaver &saver, ClipLibrary &library,
+                                   ShareActions &share, ClipEngine &engine, AppModel &model,
+                                   QObject *parent)
+    : QObject(parent)
+    , m_arming(arming)
+    , m_saver(saver)
+    , m_library(library)
+    , m_share(share)
+    , m_engine(engine)
+    , m_model(model)
 {
-    // Each callback holds the delegate weakly and does nothing once it is gone.
-    QPointer<AppDelegate> self(this);
-    auto library = [self]() -> ClipLibrary * { return self ? self->m_library.get() : nullptr; };
+}
+
+DashboardCallbacks DashboardActions::callbacks()
+{
+    const QPointer<DashboardActions> self(this);
     DashboardCallbacks callbacks;
-    callbacks.onStart = [self] {
-        if (self)
-            self->startClipping();
-    };
-    callbacks.onStop = [self] {
-        if (self)
-            self->stopClipping();
-    };
-    callbacks.onSaveClip = [self] {
-        if (self)
-            self->saveClip();
-    };
-    callbacks.onOpen = [library](const QUrl &url) {
-        if (ClipLibrary *clips = library())
-            clips->openClip(url);
-    };
-    callbacks.onReveal = [library] {
-        if (ClipLibrary *clips = library())
-            clips->revealFolder();
-    };
-    callbacks.onCopy = [library](const QUrl &url) {
-        if (ClipLibrary *clips = library())
-            clips->copyClip(url);
-    };
-    callbacks.onShare = [self](const QUrl &url) {
-        if (self && self->hooks.share)
-            self->hooks.share(url);
-    };
-    callbacks.onShareAll = [self] {
-        if (self && self->hooks.shareAll)
-            self->hooks.shareAll();
-    };
-    callbacks.onRefresh = [library] {
-        if (ClipLibrary *clips = library())
-            clips->refreshClips(false);
-    };
-    callbacks.onChangeHotkey = [self] {
-        if (self)
-            self->changeHotkey();
-    };
-    callbacks.onDelete = [self](const QUrl &url) {
-        if (self)
-            self->deleteClip(url);
-    };
+    callbacks.onStart = weakly(self, [](DashboardActions &a) { a.m_arming.start(); });
+    callbacks.onStop = weakly(self, [](DashboardActions &a) { a.m_arming.stop(); });
+    callbacks.onSaveClip = weakly(self, [](DashboardActions &a) { a.m_saver.save(); });
+    callbacks.onOpen =
+        weakly(self, [](DashboardActions &a, const QUrl &url) { a.m_library.openClip(url); });
+    callbacks.onReveal = weakly(self, [](DashboardActions &a) { a.m_library.revealFolder(); });
+    callbacks.onCopy =
+        weakly(self, [](DashboardActions &a, const QUrl &url) { a.m_library.copyClip(url); });
+    callbacks.onShare =
+        weakly(self, [](DashboardActions &a, const QUrl &url) { a.m_share.shareClip(url); });
+    callbacks.onShareAll = weakly(self, [](DashboardActions &a) { a.m_share.shareAllClips(); });
+    callbacks.onRefresh =
+        weakly(self, [](DashboardActions &a) { a.m_library.refreshClips(false); });
+    callbacks.onChangeHotkey = weakly(self, [](DashboardActions &a) { a.changeHotkey(); });
+    callbacks.onDelete = weakly(self, [](DashboardActions &a, const QUrl &url) {
+        // A shared clip's link is taken down with it.
+        if (a.m_library.deleteClip(url))
+            a.m_share.takeDown(url);
+    });
     callbacks.replayBytesPerSecond = [self]() -> std::optional<double> {
         return self ? self->replayBytesPerSecond() : std::nullopt;
     };
     return callbacks;
 }
 
-void AppDelegate::changeHotkey()
+void DashboardActions::changeHotkey()
 {
     HotkeyManager &hotkeys = HotkeyManager::shared();
     if (m_model.isCapturingHotkey()) {
         hotkeys.cancelCapture();
         m_model.setIsCapturingHotkey(false);
-        m_model.setStatus(idleStatus());
+        m_model.setStatus(m_arming.idleStatus());
         return;
     }
     m_model.setIsCapturingHotkey(true);
     m_model.setStatus(QStringLiteral("Press the new clip key. Esc cancels."));
-    QPointer<AppDelegate> self(this);
+    const QPointer<DashboardActions> self(this);
     hotkeys.beginCapture([self](bool saved) {
         if (!self)
             return;
         AppModel &model = self->m_model;
         model.setIsCapturingHotkey(false);
         model.setHotkeyName(ClipHotkey::displayName());
-        self->refreshStatusItem();
         if (saved)
             model.setStatus(QStringLiteral("Clip key is %1.").arg(ClipHotkey::displayName()));
         else
-            model.setStatus(model.isClipping() ? self->armedStatus() : self->idleStatus());
+            model.setStatus(model.isClipping() ? self->m_arming.armedStatus()
+                                               : self->m_arming.idleStatus());
     });
 }
 
-std::optional<double> AppDelegate::replayBytesPerSecond()
+std::optional<double> DashboardActions::replayBytesPerSecond()
 {
-    if (m_engine->isArmed()) {
-        const ReplayBuffer &buffer = m_engine->buffer();
+    if (m_engine.isArmed()) {
+        const ReplayBuffer &buffer = m_engine.buffer();
         const double seconds = buffer.bufferedDuration();
         if (seconds >= minimumMeasuredSeconds)
             m_replayRate = double(buffer.heldBytes()) / seconds;

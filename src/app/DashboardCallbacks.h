@@ -5,8 +5,8 @@
 #include <functional>
 #include <optional>
 
-// The eleven actions the dashboard asks of the application delegate. The dashboard calls them
-// on the main thread; each returns at once (long work runs in the delegate's own tasks).
+// The eleven actions the dashboard asks of the shell (DashboardActions). The dashboard calls them
+// on the main thread; each returns at once (long work runs in the shell's own tasks).
 struct DashboardCallbacks
 {
     std::function<void()> onStart;
@@ -26,7 +26,7 @@ struct DashboardCallbacks
     std::function<std::optional<double>()> replayBytesPerSecond;
 };
 
-// Calls `callback` when it is set: a dashboard made without a delegate (a test's) does nothing.
+// Calls `callback` when it is set: a dashboard made without the shell (a test's) does nothing.
 template<typename F, typename... A> void call(const F &callback, A &&...arguments)
 {
     if (callback)

@@ -2,7 +2,7 @@
 
 #include "app/AppModel.h"
 #include "app/DashboardStyle.h"
-#include "promo/Palette.h"
+#include "core/Palette.h"
 
 #include <QHBoxLayout>
 #include <QPainter>

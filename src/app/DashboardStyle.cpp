@@ -1,7 +1,8 @@
 #include "app/DashboardStyle.h"
 
-#include "promo/Palette.h"
+#include "core/Palette.h"
 
+#include <QBoxLayout>
 #include <QMouseEvent>
 #include <QPainter>
 #include <QResizeEvent>
@@ -141,6 +142,15 @@ QLabel *keyChip(int pixelSize, QWidget *parent)
     return chip;
 }
 
+QLabel *microphoneNote(QWidget *parent)
+{
+    QLabel *note = label(QStringLiteral("Stop recording to change the microphone."), 12,
+                         QFont::Normal, Palette::white(0.5), parent);
+    note->setObjectName(QStringLiteral("microphoneNote"));
+    note->setWordWrap(true);
+    return note;
+}
+
 } // namespace DashboardStyle
 
 Card::Card(QWidget *parent, QColor fill)
@@ -214,6 +224,44 @@ void ElidedLabel::elide()
 {
     setText(fontMetrics().elidedText(m_text, Qt::ElideMiddle, std::max(40, width())));
     setToolTip(text() == m_text ? QString() : m_text);
+}
+
+WrappingRow::WrappingRow(QWidget *parent)
+    : QWidget(parent)
+    , m_layout(new QBoxLayout(QBoxLayout::LeftToRight, this))
+{
+    m_layout->setContentsMargins(0, 0, 0, 0);
+    m_layout->setSpacing(8);
+    // The row may be narrower than its buttons side by side: it then stacks them.
+    m_layout->setSizeConstraint(QLayout::SetNoConstraint);
+    m_layout->addStretch(1);
+}
+
+void WrappingRow::addWidget(QWidget *widget)
+{
+    m_layout->insertWidget(m_layout->count() - 1, widget, 0, Qt::AlignLeft);
+}
+
+QSize WrappingRow::minimumSizeHint() const
+{
+    int width = 0;
+    for (const QWidget *child : findChildren<QWidget *>(Qt::FindDirectChildrenOnly))
+        width = std::max(width, child->sizeHint().width());
+    return {width, m_layout->minimumSize().height()};
+}
+
+void WrappingRow::resizeEvent(QResizeEvent *event)
+{
+    QWidget::resizeEvent(event);
+    int sideBySide = -m_layout->spacing();
+    const QList<QWidget *> children = findChildren<QWidget *>(Qt::FindDirectChildrenOnly);
+    for (const QWidget *child : children)
+        sideBySide += child->sizeHint().width() + m_layout->spacing();
+    const auto direction = width() < sideBySide ? QBoxLayout::TopToBottom : QBoxLayout::LeftToRight;
+    if (m_layout->direction() != direction) {
+        m_layout->setDirection(direction);
+        updateGeometry();
+    }
 }
 
 ToggleSwitch::ToggleSwitch(QWidget *parent)

@@ -8,9 +8,10 @@
 #include <QPushButton>
 #include <QWidget>
 
+class QBoxLayout;
+
 // The dashboard's look in one place: fonts, icons, labels and buttons in the palette, and the
-// two painted pieces (cards and switches). Sizes are device-independent pixels, which is what
-// the other platform's points are.
+// two painted pieces (cards and switches). Sizes are device-independent pixels.
 namespace DashboardStyle {
 
 QFont font(int pixelSize, QFont::Weight weight = QFont::Normal);
@@ -38,6 +39,11 @@ void restyle(QPushButton *button, Look look, const QColor &textColor, int pixelS
 
 // The key chip: the clip key's name in a bordered box.
 QLabel *keyChip(int pixelSize, QWidget *parent = nullptr);
+
+// The line beside the microphone switches while recording: why they do not move. (The
+// microphone is a track of the replay; changing it would leave the replay with a track that
+// covers only part of it, so it changes between recordings.)
+QLabel *microphoneNote(QWidget *parent = nullptr);
 
 } // namespace DashboardStyle
 
@@ -84,6 +90,24 @@ private:
     void elide();
 
     QString m_text;
+};
+
+// A row of buttons that goes down the page instead when the page is too narrow for it, so that a
+// narrow window never cuts a button off.
+class WrappingRow : public QWidget
+{
+    Q_OBJECT
+
+public:
+    explicit WrappingRow(QWidget *parent = nullptr);
+    void addWidget(QWidget *widget);
+    QSize minimumSizeHint() const override;
+
+protected:
+    void resizeEvent(QResizeEvent *event) override;
+
+private:
+    QBoxLayout *m_layout = nullptr;
 };
 
 // An on/off switch, painted: a gold track when on.

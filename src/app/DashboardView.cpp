@@ -8,8 +8,8 @@
 #include "app/SettingsPage.h"
 #include "app/UpdatePanel.h"
 #include "cloud/AccountStore.h"
+#include "core/Palette.h"
 #include "promo/AdsStore.h"
-#include "promo/Palette.h"
 #include "promo/SponsoredRail.h"
 #include "update/UpdateStore.h"
 
@@ -88,9 +88,22 @@ DashboardView::DashboardView(AppModel &model, DashboardCallbacks callbacks, QWid
     divider->setPalette(line);
     row->addWidget(divider);
 
-    m_rail = new SponsoredRail(*m_ads, this);
-    m_rail->setFixedWidth(204);
-    row->addWidget(m_rail);
+    // The right column: the update badge at the window's top-right corner while there is one,
+    // over the sponsored rail.
+    auto *right = new QWidget(this);
+    right->setFixedWidth(204);
+    auto *column = new QVBoxLayout(right);
+    column->setContentsMargins(0, 0, 0, 0);
+    column->setSpacing(0);
+    m_updateBadge = new UpdateBadge(UpdateStore::shared(), right);
+    auto *badgeRow = new QHBoxLayout;
+    badgeRow->setContentsMargins(0, 12, 12, 0);
+    badgeRow->addStretch(1);
+    badgeRow->addWidget(m_updateBadge);
+    column->addLayout(badgeRow);
+    m_rail = new SponsoredRail(*m_ads, right);
+    column->addWidget(m_rail, 1);
+    row->addWidget(right);
 
     m_settings->setAccountPanel(new AccountPanel(AccountStore::shared()));
     AccountStore &account = AccountStore::shared();
@@ -99,7 +112,6 @@ DashboardView::DashboardView(AppModel &model, DashboardCallbacks callbacks, QWid
     showAccountName();
 
     // Over everything else, placed by resizeEvent.
-    m_updateBadge = new UpdateBadge(UpdateStore::shared(), this);
     m_updateSheet = new UpdateSheet(UpdateStore::shared(), this);
 
     connect(&m_model, &AppModel::tabChanged, this, &DashboardView::showTab);
@@ -116,8 +128,6 @@ void DashboardView::showAccountName()
 void DashboardView::resizeEvent(QResizeEvent *event)
 {
     QWidget::resizeEvent(event);
-    m_updateBadge->move(width() - m_updateBadge->width() - 12, 12);
-    m_updateBadge->raise();
     m_updateSheet->setGeometry(rect());
 }
 

@@ -17,7 +17,7 @@ class QStackedWidget;
 
 // The content of the program's one window: the sidebar, the page of the model's tab (Home,
 // Library or Settings) and, after a divider, the sponsored rail. It draws only from the stores
-// it observes and acts only through the delegate's callbacks and a few direct writes (the tab,
+// it observes and acts only through the shell's callbacks and a few direct writes (the tab,
 // the clip length, the toggles, the status after copying a link). The one thing it owns is the
 // rail's ad store, which lives as long as the view.
 class DashboardView : public QWidget

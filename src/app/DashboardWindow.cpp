@@ -24,13 +24,8 @@ DashboardWindow::DashboardWindow(DashboardView *view, QMenuBar *mainMenu, QWidge
     background.setColor(QPalette::Window, QColor::fromRgbF(0.07f, 0.07f, 0.09f));
     setPalette(background);
     setAutoFillBackground(true);
-    if (mainMenu) {
-        mainMenu->setStyleSheet(QStringLiteral(
-            "QMenuBar { background: rgb(18,18,23); color: rgba(255,255,255,200); }"
-            "QMenuBar::item { padding: 4px 10px; background: transparent; }"
-            "QMenuBar::item:selected { background: rgba(255,255,255,30); border-radius: 4px; }"));
+    if (mainMenu)
         setMenuBar(mainMenu);
-    }
     setCentralWidget(view);
     const int menuHeight = mainMenu ? mainMenu->sizeHint().height() : 0;
     setMinimumSize(minimumContentSize + QSize(0, menuHeight));

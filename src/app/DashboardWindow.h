@@ -27,7 +27,7 @@ public:
     void saveFrame() const;
 
 signals:
-    // The window became the active one (the platform's "key" window).
+    // The window became the active one (it has the keyboard's focus).
     void becameActive();
 
 protected:

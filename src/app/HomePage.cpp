@@ -4,12 +4,13 @@
 #include "app/ClipRow.h"
 #include "app/DashboardCallbacks.h"
 #include "app/DashboardStyle.h"
+#include "app/StatusLine.h"
 #include "app/StatusTexts.h"
 #include "core/ClipSettings.h"
+#include "core/Palette.h"
 #include "input/HotkeyManager.h"
 #include "input/InputAccess.h"
 #include "input/PermissionTexts.h"
-#include "promo/Palette.h"
 
 #include <QHBoxLayout>
 #include <QVBoxLayout>
@@ -54,11 +55,7 @@ HomePage::HomePage(AppModel &model, const DashboardCallbacks &callbacks, QWidget
     titleRow->addStretch(1);
     page->addLayout(titleRow);
 
-    m_status = label(QString(), 13, QFont::Normal, Palette::white(0.7), this);
-    m_status->setObjectName(QStringLiteral("status"));
-    m_status->setWordWrap(true);
-    m_status->setTextInteractionFlags(Qt::TextSelectableByMouse);
-    page->addWidget(m_status);
+    page->addWidget(new StatusLine(m_model, QStringLiteral("status"), this));
 
     auto *actions = new QHBoxLayout;
     actions->setSpacing(10);
@@ -136,8 +133,12 @@ HomePage::HomePage(AppModel &model, const DashboardCallbacks &callbacks, QWidget
     });
     micRow->addWidget(m_mic);
     auto *micCard = new Card(this);
-    micCard->setLayout(micRow);
-    micRow->setContentsMargins(12, 10, 12, 10);
+    auto *micColumn = new QVBoxLayout(micCard);
+    micColumn->setContentsMargins(12, 10, 12, 10);
+    micColumn->setSpacing(4);
+    micColumn->addLayout(micRow);
+    m_micNote = microphoneNote(micCard);
+    micColumn->addWidget(m_micNote);
     page->addWidget(micCard);
 
     page->addSpacing(6);
@@ -146,8 +147,8 @@ HomePage::HomePage(AppModel &model, const DashboardCallbacks &callbacks, QWidget
     page->addLayout(m_latest);
     page->addStretch(1);
 
-    for (auto signal : {&AppModel::isClippingChanged, &AppModel::isBusyChanged,
-                        &AppModel::isSavingChanged, &AppModel::statusChanged})
+    for (auto signal :
+         {&AppModel::isClippingChanged, &AppModel::isBusyChanged, &AppModel::isSavingChanged})
         connect(&m_model, signal, this, &HomePage::refreshState);
     for (auto signal : {&AppModel::hotkeyNameChanged, &AppModel::hotkeyWorksEverywhereChanged})
         connect(&m_model, signal, this, &HomePage::refreshKey);
@@ -167,7 +168,6 @@ void HomePage::refreshState()
                              .arg(clipping ? QStringLiteral("rgb(255,69,58)")
                                            : QStringLiteral("rgba(255,255,255,64)")));
     m_pillText->setText(clipping ? QStringLiteral("Recording") : QStringLiteral("Idle"));
-    m_status->setText(m_model.status());
 
     // The first true condition names the button.
     QString text = QStringLiteral("Arm");
@@ -185,6 +185,7 @@ void HomePage::refreshState()
     const QSignalBlocker blocker(m_mic);
     m_mic->setChecked(m_model.captureMic());
     m_mic->setEnabled(!clipping && !m_model.isBusy());
+    m_micNote->setVisible(!m_mic->isEnabled());
 }
 
 void HomePage::refreshKey()

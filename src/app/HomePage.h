@@ -31,7 +31,6 @@ private:
     const DashboardCallbacks &m_callbacks;
     QLabel *m_dot = nullptr;
     QLabel *m_pillText = nullptr;
-    QLabel *m_status = nullptr;
     QPushButton *m_arm = nullptr;
     QPushButton *m_save = nullptr;
     QLabel *m_saveKey = nullptr;
@@ -40,5 +39,6 @@ private:
     QLabel *m_keyHelp = nullptr;
     QList<QPushButton *> m_lengths;
     ToggleSwitch *m_mic = nullptr;
+    QLabel *m_micNote = nullptr;
     QVBoxLayout *m_latest = nullptr;
 };

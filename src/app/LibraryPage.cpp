@@ -4,7 +4,8 @@
 #include "app/ClipRow.h"
 #include "app/DashboardCallbacks.h"
 #include "app/DashboardStyle.h"
-#include "promo/Palette.h"
+#include "app/StatusLine.h"
+#include "core/Palette.h"
 
 #include <QClipboard>
 #include <QGuiApplication>
@@ -57,6 +58,7 @@ LibraryPage::LibraryPage(AppModel &model, const DashboardCallbacks &callbacks, Q
         buttons->addWidget(widget);
     buttons->addStretch(1);
     page->addLayout(buttons);
+    page->addWidget(new StatusLine(m_model, QStringLiteral("libraryStatus"), this));
 
     m_hint = label(QString(), 13, QFont::Normal, Palette::white(0.45), this);
     m_hint->setObjectName(QStringLiteral("libraryHint"));

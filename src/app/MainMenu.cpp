@@ -1,55 +1,38 @@
 #include "app/MainMenu.h"
 
-#include <QApplication>
 #include <QMenuBar>
-#include <QWidget>
 
 namespace MainMenu {
 
-namespace {
-
-// Edit actions go to whichever text field has the focus, as the platform's responder chain
-// would send them.
-void sendToFocus(const char *method)
-{
-    if (QWidget *focus = QApplication::focusWidget())
-        QMetaObject::invokeMethod(focus, method);
-}
-
-} // namespace
+const char *const styleSheet =
+    "QMenuBar { background: rgb(18,18,23); color: rgba(255,255,255,200); }"
+    "QMenuBar::item { padding: 4px 10px; background: transparent; }"
+    "QMenuBar::item:selected { background: rgba(255,255,255,30); border-radius: 4px; }"
+    "QMenu { background: rgb(30,30,36); color: rgba(255,255,255,220);"
+    " border: 1px solid rgba(255,255,255,30); padding: 4px; }"
+    "QMenu::item { padding: 5px 24px 5px 14px; border-radius: 4px; }"
+    "QMenu::item:selected { background: rgba(245,196,66,60); color: white; }"
+    "QMenu::separator { height: 1px; background: rgba(255,255,255,30); margin: 4px 6px; }";
 
 QMenuBar *build(const Actions &actions, QWidget *parent)
 {
     auto *bar = new QMenuBar(parent);
+    bar->setObjectName(QStringLiteral("mainMenu"));
+    bar->setStyleSheet(QString::fromLatin1(styleSheet));
 
     QMenu *file = bar->addMenu(QStringLiteral("File"));
-    file->addAction(QStringLiteral("Close Window"), QKeySequence::Close, [] {
-        if (QWidget *window = QApplication::activeWindow())
-            window->close();
-    });
+    file->addAction(QStringLiteral("Close Window"), QKeySequence::Close, actions.closeWindow);
     file->addSeparator();
     file->addAction(QStringLiteral("Quit Vantrel"), QKeySequence(QStringLiteral("Ctrl+Q")),
                     actions.quit);
 
-    QMenu *edit = bar->addMenu(QStringLiteral("Edit"));
-    edit->addAction(QStringLiteral("Undo"), QKeySequence::Undo, [] { sendToFocus("undo"); });
-    edit->addAction(QStringLiteral("Redo"), QKeySequence(QStringLiteral("Ctrl+Shift+Z")),
-                    [] { sendToFocus("redo"); });
-    edit->addSeparator();
-    edit->addAction(QStringLiteral("Cut"), QKeySequence::Cut, [] { sendToFocus("cut"); });
-    edit->addAction(QStringLiteral("Copy"), QKeySequence::Copy, [] { sendToFocus("copy"); });
-    edit->addAction(QStringLiteral("Paste"), QKeySequence::Paste, [] { sendToFocus("paste"); });
-    edit->addAction(QStringLiteral("Select All"), QKeySequence::SelectAll,
-                    [] { sendToFocus("selectAll"); });
-
-    QMenu *window = bar->addMenu(QStringLiteral("Window"));
-    window->addAction(QStringLiteral("Vantrel"), QKeySequence(QStringLiteral("Ctrl+0")),
-                      actions.openWindow);
-    window->addSeparator();
-    window->addAction(QStringLiteral("Minimize"), QKeySequence(QStringLiteral("Ctrl+M")), [] {
-        if (QWidget *active = QApplication::activeWindow())
-            active->showMinimized();
-    });
+    QMenu *view = bar->addMenu(QStringLiteral("View"));
+    view->addAction(QStringLiteral("Home"), QKeySequence(QStringLiteral("Ctrl+1")),
+                    actions.showHome);
+    view->addAction(QStringLiteral("Library"), QKeySequence(QStringLiteral("Ctrl+2")),
+                    actions.showLibrary);
+    view->addAction(QStringLiteral("Settings"), QKeySequence(QStringLiteral("Ctrl+3")),
+                    actions.showSettings);
 
     QMenu *help = bar->addMenu(QStringLiteral("Help"));
     help->addAction(QStringLiteral("About Vantrel"), actions.showAbout);

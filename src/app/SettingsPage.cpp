@@ -1,11 +1,13 @@
 #include "app/SettingsPage.h"
 
 #include "app/AppModel.h"
+#include "app/AutostartEntry.h"
 #include "app/DashboardCallbacks.h"
 #include "app/DashboardStyle.h"
+#include "app/StatusLine.h"
 #include "app/StatusTexts.h"
 #include "core/ClipSettings.h"
-#include "promo/Palette.h"
+#include "core/Palette.h"
 
 #include <QHBoxLayout>
 #include <QPushButton>
@@ -17,15 +19,22 @@ using namespace DashboardStyle;
 
 namespace {
 
-// A setting's row: its title on the left and its switch on the right, on a card.
-Card *switchRow(const QString &title, ToggleSwitch *toggle, QWidget *parent)
+// A setting's row: its title on the left and its switch on the right, on a card, with `note`
+// under them (shown when there is something to say).
+Card *switchRow(const QString &titleText, ToggleSwitch *toggle, QLabel *note, QWidget *parent)
 {
     auto *card = new Card(parent);
-    auto *row = new QHBoxLayout(card);
-    row->setContentsMargins(12, 10, 12, 10);
-    row->addWidget(label(title, 13, QFont::Normal, Qt::white, card));
-    row->addStretch(1);
+    auto *column = new QVBoxLayout(card);
+    column->setContentsMargins(12, 10, 12, 10);
+    column->setSpacing(4);
+    auto *row = new QHBoxLayout;
+    auto *title = label(titleText, 13, QFont::Normal, Qt::white, card);
+    title->setWordWrap(true);
+    row->addWidget(title, 1);
     row->addWidget(toggle);
+    column->addLayout(row);
+    note->setParent(card);
+    column->addWidget(note);
     return card;
 }
 
@@ -59,6 +68,7 @@ SettingsPage::SettingsPage(AppModel &model, const DashboardCallbacks &callbacks,
     page->setContentsMargins(0, 0, 0, 0);
     page->setSpacing(14);
     page->addWidget(label(QStringLiteral("Settings"), 26, QFont::DemiBold, Qt::white, this));
+    page->addWidget(new StatusLine(m_model, QStringLiteral("settingsStatus"), this));
 
     page->addWidget(caption(QStringLiteral("CLIP KEY"), this));
     auto *keyCard = new Card(this);
@@ -89,14 +99,22 @@ SettingsPage::SettingsPage(AppModel &model, const DashboardCallbacks &callbacks,
         if (on != m_model.armOnLaunch())
             m_model.setArmOnLaunch(on);
     });
-    page->addWidget(switchRow(QStringLiteral("Start recording when I log in"), m_login, this));
+    m_loginNote =
+        label(QStringLiteral("This copy of Vantrel is not installed, so nothing can start "
+                             "it when you log in. It still arms when you start it."),
+              12, QFont::Normal, Palette::white(0.5), this);
+    m_loginNote->setObjectName(QStringLiteral("loginNote"));
+    m_loginNote->setWordWrap(true);
+    page->addWidget(
+        switchRow(QStringLiteral("Start recording when I log in"), m_login, m_loginNote, this));
     m_mic = new ToggleSwitch(this);
     m_mic->setObjectName(QStringLiteral("recordMicrophone"));
     connect(m_mic, &ToggleSwitch::toggled, this, [this](bool on) {
         if (on != m_model.captureMic())
             m_model.setCaptureMic(on);
     });
-    page->addWidget(switchRow(QStringLiteral("Record microphone"), m_mic, this));
+    m_micNote = microphoneNote(this);
+    page->addWidget(switchRow(QStringLiteral("Record microphone"), m_mic, m_micNote, this));
     page->addWidget(qualityRow());
     m_memory = label(QString(), 12, QFont::Normal, Palette::white(0.5), this);
     m_memory->setObjectName(QStringLiteral("replayMemory"));
@@ -136,8 +154,7 @@ QWidget *SettingsPage::qualityRow()
     column->setContentsMargins(12, 10, 12, 10);
     column->setSpacing(8);
     column->addWidget(label(QStringLiteral("Quality"), 13, QFont::Normal, Qt::white, card));
-    auto *choices = new QHBoxLayout;
-    choices->setSpacing(8);
+    auto *choices = new WrappingRow(card);
     const std::pair<CaptureQuality, QString> offered[] = {
         {CaptureQuality::full, QStringLiteral("1080p, 60 fps")},
         {CaptureQuality::smooth720p60, QStringLiteral("Smooth: 720p, 60 fps")},
@@ -152,8 +169,7 @@ QWidget *SettingsPage::qualityRow()
         choices->addWidget(choice);
         m_qualities.append({quality, choice});
     }
-    choices->addStretch(1);
-    column->addLayout(choices);
+    column->addWidget(choices);
     auto *note = label(QStringLiteral("If this computer cannot keep up, Smooth keeps motion fluid "
                                       "and Sharp keeps text crisp. Used from the next time "
                                       "recording starts."),
@@ -209,6 +225,8 @@ void SettingsPage::refreshToggles()
     m_login->setChecked(m_model.armOnLaunch());
     m_mic->setChecked(m_model.captureMic());
     m_mic->setEnabled(!m_model.isClipping() && !m_model.isBusy());
+    m_micNote->setVisible(!m_mic->isEnabled());
+    m_loginNote->setVisible(m_model.armOnLaunch() && AutostartEntry::installedProgram().isEmpty());
 }
 
 void SettingsPage::refreshMemory()

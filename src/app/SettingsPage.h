@@ -49,7 +49,9 @@ private:
     QPushButton *m_change = nullptr;
     QLabel *m_keyNote = nullptr;
     ToggleSwitch *m_login = nullptr;
+    QLabel *m_loginNote = nullptr;
     ToggleSwitch *m_mic = nullptr;
+    QLabel *m_micNote = nullptr;
     QLabel *m_memory = nullptr;
     QList<std::pair<CaptureQuality, QPushButton *>> m_qualities;
     QVBoxLayout *m_account = nullptr;

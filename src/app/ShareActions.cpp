@@ -1,11 +1,13 @@
 #include "app/ShareActions.h"
 
 #include "app/AppModel.h"
-#include "engine/ClipEngine.h"
+#include "app/ClipLibrary.h"
+#include "app/ClipLinks.h"
 #include "cloud/AccountStore.h"
 #include "cloud/ClipCloud.h"
 #include "cloud/CloudConfig.h"
 #include "cloud/HostedClips.h"
+#include "engine/ClipEngine.h"
 
 #include <QClipboard>
 #include <QFileInfo>
@@ -29,19 +31,25 @@ void copyToClipboard(const QString &text)
 
 } // namespace
 
-ShareActions::ShareActions(AppModel &model, std::function<void()> refreshClips, QObject *parent)
+ShareActions::ShareActions(AppModel &model, ClipLibrary &library, QObject *parent)
     : QObject(parent)
     , m_model(model)
-    , m_refreshClips(std::move(refreshClips))
+    , m_library(library)
 {
+}
+
+void ShareActions::restoreLinks(const QString &folder)
+{
+    QMap<QUrl, QString> shares = ClipLinks::inFolder(folder);
+    shares.insert(m_model.shares()); // what this run shared counts over what was kept
+    m_model.setShares(shares);
 }
 
 void ShareActions::shareClip(const QUrl &clip)
 {
     if (!fileExists(clip)) {
         m_model.setStatus(QStringLiteral("That clip file is gone."));
-        if (m_refreshClips)
-            m_refreshClips();
+        m_library.refreshClips(false);
         return;
     }
     const AccountStore &account = AccountStore::shared();
@@ -166,6 +174,7 @@ QCoro::Task<void> ShareActions::runTakeDown(QUrl clip, QString id, QString token
         co_return;
     }
     HostedClips::forget(clip);
+    ClipLinks::forget(clip);
     QMap<QUrl, QString> shares = m_model.shares();
     if (shares.remove(clip) > 0)
         m_model.setShares(shares);
@@ -178,6 +187,7 @@ void ShareActions::recordShare(const QUrl &clip, const QString &link)
     QMap<QUrl, QString> shares = m_model.shares();
     shares.insert(clip, link);
     m_model.setShares(shares);
+    ClipLinks::remember(clip, link);
     // The links are public pages; the log keeps them for a user who missed the clipboard.
     ClipEngine::log(
         QStringLiteral("shared %1 as %2").arg(QFileInfo(clip.toLocalFile()).fileName(), link));

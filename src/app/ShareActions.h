@@ -5,23 +5,26 @@
 #include <QString>
 #include <QUrl>
 
-#include <functional>
-
 namespace QCoro {
 template<typename T> class Task;
 }
 class AppModel;
+class ClipLibrary;
 
-// The delegate's two ways of sharing: one clip as a link (also after every save), or every
-// listed clip as one folder link; and taking a deleted clip's link down. Progress and outcomes go
-// to the status line, the links into the model and onto the clipboard as text. Main thread only;
-// the service calls resume there.
+// The two ways of sharing: one clip as a link (also after every save), or every listed clip as one
+// folder link; and taking a deleted clip's link down. Progress and outcomes go to the status line,
+// the links into the model, onto the clipboard as text and into the settings store (ClipLinks),
+// so a clip shared before a restart keeps its link. Main thread only; the service calls resume
+// there.
 class ShareActions : public QObject
 {
     Q_OBJECT
 public:
-    // `refreshClips` re-reads the library, for a clip that vanished behind the program's back.
-    ShareActions(AppModel &model, std::function<void()> refreshClips, QObject *parent = nullptr);
+    // `library` is re-read for a clip that vanished behind the program's back.
+    ShareActions(AppModel &model, ClipLibrary &library, QObject *parent = nullptr);
+
+    // Puts the links of clips shared on earlier runs into the model.
+    void restoreLinks(const QString &folder);
 
     void shareClip(const QUrl &clip);
     void shareAllClips();
@@ -38,5 +41,5 @@ private:
     void setUploading(const QUrl &clip, bool uploading);
 
     AppModel &m_model;
-    std::function<void()> m_refreshClips;
+    ClipLibrary &m_library;
 };

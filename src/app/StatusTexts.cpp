@@ -7,6 +7,45 @@
 
 namespace StatusTexts {
 
+QString armed(const QString &key, int seconds, bool worksEverywhere, bool desktopShortcutDeclined)
+{
+    if (worksEverywhere)
+        return QStringLiteral("Recording. %1 saves the last %2 seconds from any app.")
+            .arg(key)
+            .arg(seconds);
+    const QString remedy = desktopShortcutDeclined
+        ? QStringLiteral("Allow Vantrel's shortcut in your desktop's settings.")
+        : QStringLiteral("Add yourself to the input group to use it everywhere.");
+    return QStringLiteral("Recording, but %1 only works in this window. %2").arg(key, remedy);
+}
+
+QString idle(const QString &key, int seconds)
+{
+    return QStringLiteral("Arm recording, then press %1 to save the last %2 seconds.")
+        .arg(key)
+        .arg(seconds);
+}
+
+QString arming()
+{
+    return QStringLiteral("Arming recording…");
+}
+
+QString saving()
+{
+    return QStringLiteral("Saving clip…");
+}
+
+QString restarting()
+{
+    return QStringLiteral("Capture dropped. Restarting recording…");
+}
+
+QString resumingAfterWake()
+{
+    return QStringLiteral("Computer woke up. Resuming recording…");
+}
+
 QString forError(const std::exception &error)
 {
     const auto *recorder = dynamic_cast<const RecorderError *>(&error);

@@ -6,8 +6,22 @@
 
 #include <exception>
 
-// The status line's sentences for what the capture pipeline reports.
+// The status line's sentences: arming, saving and what the capture pipeline reports. Everything the
+// shell says about recording is worded here, so that a new sentence has one place to go.
 namespace StatusTexts {
+
+// Armed: what the clip key does, where it works and, when only in our window, what would make it
+// work everywhere (`desktopShortcutDeclined`: the desktop offers a global shortcut that is not
+// bound). `seconds` is the clip length.
+QString armed(const QString &key, int seconds, bool worksEverywhere, bool desktopShortcutDeclined);
+// Not armed.
+QString idle(const QString &key, int seconds);
+
+QString arming();
+QString saving();
+// The capture ended by itself and recording goes on by itself.
+QString restarting();
+QString resumingAfterWake();
 
 // What the user reads for a failed operation: a RecorderError's sentence, with the clip key's
 // name where it tells the user to press it; any other error's message.

@@ -1,55 +1,30 @@
 #include "app/UpdatePanel.h"
 
 #include "app/DashboardStyle.h"
-#include "promo/Palette.h"
+#include "core/Palette.h"
 #include "update/UpdateStore.h"
 
 #include <QHBoxLayout>
-#include <QMouseEvent>
 #include <QPainter>
 #include <QVBoxLayout>
 
 using namespace DashboardStyle;
 
 UpdateBadge::UpdateBadge(UpdateStore &updates, QWidget *parent)
-    : QWidget(parent)
+    : QPushButton(QStringLiteral("Update available"), parent)
     , m_updates(updates)
 {
     setObjectName(QStringLiteral("updateBadge"));
     setToolTip(QStringLiteral("Update Available"));
     setCursor(Qt::PointingHandCursor);
-    setFixedSize(sizeHint());
+    setFocusPolicy(Qt::TabFocus);
+    setIcon(QIcon(DashboardStyle::icon(QStringLiteral("update"), Qt::white, 14)));
+    setIconSize(QSize(14, 14));
+    restyle(this, Look::green, Qt::white, 12);
     setVisible(m_updates.updateAvailable());
     connect(&m_updates, &UpdateStore::availableChanged, this,
             [this] { setVisible(m_updates.updateAvailable()); });
-}
-
-QSize UpdateBadge::sizeHint() const
-{
-    return {30, 30};
-}
-
-void UpdateBadge::paintEvent(QPaintEvent *)
-{
-    QPainter painter(this);
-    painter.setRenderHint(QPainter::Antialiasing);
-    const QRectF circle = QRectF(rect()).adjusted(2, 2, -2, -2);
-    painter.setPen(Qt::NoPen);
-    painter.setBrush(QColor(0, 0, 0, 90));
-    painter.drawEllipse(circle.translated(0, 1)); // the shadow
-    QLinearGradient fill(circle.topLeft(), circle.bottomRight());
-    fill.setColorAt(0, QColor(72, 214, 140));
-    fill.setColorAt(1, QColor(30, 160, 100));
-    painter.setBrush(fill);
-    painter.drawEllipse(circle);
-    const QPixmap arrow = icon(QStringLiteral("update"), Qt::white, 16);
-    painter.drawPixmap((width() - 16) / 2, (height() - 16) / 2, arrow);
-}
-
-void UpdateBadge::mouseReleaseEvent(QMouseEvent *event)
-{
-    if (rect().contains(event->position().toPoint()))
-        m_updates.setShowSheet(true);
+    connect(this, &QPushButton::clicked, this, [this] { m_updates.setShowSheet(true); });
 }
 
 UpdateSheet::UpdateSheet(UpdateStore &updates, QWidget *parent)
@@ -75,6 +50,13 @@ UpdateSheet::UpdateSheet(UpdateStore &updates, QWidget *parent)
     column->addWidget(m_version);
     column->addWidget(m_notes);
     column->addWidget(m_status);
+    // Where the install button would be, for a copy that must not replace itself: why, and what
+    // to do instead.
+    m_cannotUpdate = label(QString(), 13, QFont::Normal, Palette::white(0.8), card);
+    m_cannotUpdate->setObjectName(QStringLiteral("cannotUpdate"));
+    m_cannotUpdate->setWordWrap(true);
+    m_cannotUpdate->setTextInteractionFlags(Qt::TextSelectableByMouse);
+    column->addWidget(m_cannotUpdate);
     auto *buttons = new QHBoxLayout;
     buttons->addStretch(1);
     auto *later = button(QStringLiteral("Later"), QStringLiteral("updateLater"), Look::pill,
@@ -103,8 +85,14 @@ void UpdateSheet::redraw()
     m_version->setText(QStringLiteral("Version ") + m_updates.availableVersion());
     const QString notes = m_updates.availableNotes().trimmed();
     m_notes->setText(notes.isEmpty() ? QStringLiteral("Bug fixes and improvements.") : notes);
+    // A copy that must not replace itself says why where the button would be, and so the store's
+    // own line, which would say the same after a click, is not needed.
+    const QString cannot = m_updates.whyCannotUpdateItself();
+    m_cannotUpdate->setText(cannot);
+    m_cannotUpdate->setVisible(!cannot.isEmpty());
+    m_install->setVisible(cannot.isEmpty());
     m_status->setText(m_updates.status());
-    m_status->setVisible(!m_updates.status().isEmpty());
+    m_status->setVisible(!m_updates.status().isEmpty() && m_updates.status() != cannot);
     m_install->setText(m_updates.busy() ? QStringLiteral("Updating…") : QStringLiteral("Update"));
     m_install->setEnabled(!m_updates.busy());
 }

@@ -1,12 +1,11 @@
-// The program's entry point. Makes the application, hands it to one AppDelegate and runs the
-// event loop. A second launch passes its vantrel:// links to the first and exits.
+// The program's entry point. Makes the application, launches the shell and runs the event loop.
+// A second launch passes its vantrel:// links to the first and exits.
 
-#include "app/AppDelegate.h"
+#include "app/AppShell.h"
 #include "core/Paths.h"
 #include "core/Preferences.h"
 #include "core/ProgramVersion.h"
 #include "update/ArchiveInstall.h"
-#include "update/UpdateStore.h"
 
 #include <QApplication>
 #include <QCoreApplication>
@@ -161,21 +160,13 @@ int run(int argc, char *argv[])
         std::signal(SIGTERM, onTerminate);
         std::signal(SIGINT, onTerminate);
     }
-    AppDelegate delegate;
-    UpdateStore &updates = UpdateStore::shared();
-    delegate.hooks.update = [&updates] { updates.applyOnLaunch(); };
-    // An install's progress and errors reach the log as the app's own status lines do.
-    QObject::connect(&updates, &UpdateStore::statusChanged, &delegate, [&updates] {
-        ClipEngine::log(QStringLiteral("update status: ") + updates.status());
-    });
-    if (!delegate.applicationDidFinishLaunching(links))
+    AppShell shell;
+    if (!shell.launch(links))
         return 0; // the running instance took the links
     out << "Vantrel " << ProgramVersion::current() << '\n';
     printPaths(out);
     out.flush();
 
-    QObject::connect(&app, &QCoreApplication::aboutToQuit, &delegate,
-                     &AppDelegate::applicationWillTerminate);
     if (quitAsked)
         QMetaObject::invokeMethod(&app, &QCoreApplication::quit, Qt::QueuedConnection);
     return app.exec();

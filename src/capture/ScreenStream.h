@@ -52,7 +52,7 @@ struct StreamConfiguration
 
 enum class StreamOutputType { screen, audio, microphone };
 
-// A running capture of one display with its audio: the platform's screen-capture stream. Outputs
+// A running capture of one display with its audio: one backend's screen-capture stream. Outputs
 // are delivered one sample at a time on the serial queue given for each; the samples' memory is
 // valid until the handler returns (frames keep theirs alive through `VideoFrame::owner`). A frame
 // is handed over to its handler to keep: the capture's buffer goes back to its pool as soon as the
@@ -96,7 +96,7 @@ public:
     virtual Stats stats() const { return {}; }
 };
 
-// The platform's capture service: lists the displays and makes streams. The backend is chosen
+// The capture service of a backend: lists the displays and makes streams. The backend is chosen
 // at run time (VANTREL_CAPTURE=x11|wayland forces one).
 class ScreenCaptureService
 {

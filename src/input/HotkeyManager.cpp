@@ -195,7 +195,7 @@ void HotkeyManager::setArmed(bool armed)
         keyHeld.fill(false);
         return;
     }
-    PermissionOnce::promptHotkeysIfNeeded();
+    PermissionOnce::noticeClipKeyIfNeeded();
     reloadKeys();
     installAll();
     startPermissionPoll();
@@ -430,11 +430,6 @@ void HotkeyManager::retryPaths()
     installAll();
     startPermissionPoll();
     refreshGlobalState();
-}
-
-void HotkeyManager::openScreenRecordingSettings()
-{
-    PermissionNotifier::instance().post(PermissionTexts::screenRecording(false));
 }
 
 void HotkeyManager::bindingChanged()

@@ -108,7 +108,6 @@ public:
     // Tries the missing paths again now, and every 1.5 s while armed: the user may just have
     // been given access.
     void retryPaths();
-    void openScreenRecordingSettings();
 
     bool isPathInstalled(Path path) const;
     // The clip key reaches other X11 applications (the X grab or XInput2), whether or not the

@@ -9,11 +9,11 @@ namespace InputAccess {
 // control), else /dev/input.
 QString inputDirectory();
 
-// "Input monitoring": at least one event device in the input folder may be opened for reading
+// At least one event device in the input folder may be opened for reading
 // (usually membership of the "input" group). Opens nothing.
 bool keyboardsReadable();
 
-// "Accessibility": an X server on $DISPLAY with XInput 2.1 or later, which reports raw key events
+// An X server on $DISPLAY with XInput 2.1 or later, which reports raw key events
 // of every X11 client even while another client holds a grab. Connects and disconnects.
 bool xinput2Available();
 

@@ -3,22 +3,21 @@
 #include <QObject>
 #include <QString>
 
-// What the user should be told about one of the program's access rights. Linux has no consent
-// prompts for these, so where the program would ask the system, it tells the user instead what
-// they can do; the application shows the text (this library never opens a window).
+// What the user should be told about one of the program's access rights: what is missing and what
+// they can do about it. The application shows the text (this library never opens a window).
 struct PermissionNotice
 {
     enum class Kind {
-        ScreenRecording,
+        // The desktop portal that shares the screen under Wayland.
+        screenCast,
         // Read access to the keyboards under /dev/input: the clip key in every application.
-        InputMonitoring,
+        keyboards,
         // An X server with XInput2: the clip key in other X11 applications.
-        Accessibility,
+        x11Keys,
     };
 
-    Kind kind = Kind::ScreenRecording;
-    // True for the one-time prompt, false for the help shown when the user asks again (what the
-    // settings pane is on other systems).
+    Kind kind = Kind::screenCast;
+    // True for the one-time notice, false for the help shown when the user asks again.
     bool isFirstPrompt = true;
     QString title;
     QString text;

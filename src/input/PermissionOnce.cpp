@@ -10,9 +10,9 @@ namespace PermissionOnce {
 
 namespace {
 
-const QString kScreenFlag = QStringLiteral("promptedScreenRecording");
-const QString kInputFlag = QStringLiteral("promptedInputMonitoring");
-const QString kAccessibilityFlag = QStringLiteral("promptedAccessibility");
+const QString kScreenFlag = QStringLiteral("noticeShownScreenCast");
+const QString kKeyboardsFlag = QStringLiteral("noticeShownKeyboards");
+const QString kX11KeysFlag = QStringLiteral("noticeShownX11Keys");
 
 bool flag(const QString &key)
 {
@@ -26,56 +26,56 @@ void setFlag(const QString &key)
 
 } // namespace
 
-void rememberExistingPrompts()
+void rememberExistingAccess()
 {
     if (InputAccess::xinput2Available())
-        setFlag(kAccessibilityFlag);
+        setFlag(kX11KeysFlag);
     if (InputAccess::keyboardsReadable())
-        setFlag(kInputFlag);
+        setFlag(kKeyboardsFlag);
     if (ScreenAccess::isGranted())
         setFlag(kScreenFlag);
 }
 
-bool didPromptScreenRecording()
+bool screenCastNoticeShown()
 {
     return flag(kScreenFlag);
 }
 
-bool promptScreenRecordingIfNeeded()
+bool noticeScreenCastIfNeeded()
 {
     if (ScreenAccess::isGranted())
         return false;
     if (!flag(kScreenFlag)) {
         setFlag(kScreenFlag);
-        PermissionNotifier::instance().post(PermissionTexts::screenRecording(true));
+        PermissionNotifier::instance().post(PermissionTexts::screenCast(true));
         return ScreenAccess::isGranted();
     }
-    PermissionNotifier::instance().post(PermissionTexts::screenRecording(false));
+    PermissionNotifier::instance().post(PermissionTexts::screenCast(false));
     return false;
 }
 
-void promptAccessibilityIfNeeded()
+void noticeX11KeysIfNeeded()
 {
-    if (flag(kAccessibilityFlag) || InputAccess::xinput2Available())
+    if (flag(kX11KeysFlag) || InputAccess::xinput2Available())
         return;
-    setFlag(kAccessibilityFlag);
+    setFlag(kX11KeysFlag);
     PermissionNotifier::instance().post(
-        PermissionTexts::accessibility(true, InputAccess::keyboardsReadable()));
+        PermissionTexts::x11Keys(true, InputAccess::keyboardsReadable()));
 }
 
-void promptInputMonitoringIfNeeded()
+void noticeKeyboardsIfNeeded()
 {
-    if (flag(kInputFlag) || InputAccess::keyboardsReadable())
+    if (flag(kKeyboardsFlag) || InputAccess::keyboardsReadable())
         return;
-    setFlag(kInputFlag);
+    setFlag(kKeyboardsFlag);
     PermissionNotifier::instance().post(
-        PermissionTexts::inputMonitoring(true, InputAccess::xinput2Available()));
+        PermissionTexts::keyboards(true, InputAccess::xinput2Available()));
 }
 
-void promptHotkeysIfNeeded()
+void noticeClipKeyIfNeeded()
 {
-    promptAccessibilityIfNeeded();
-    promptInputMonitoringIfNeeded();
+    noticeX11KeysIfNeeded();
+    noticeKeyboardsIfNeeded();
 }
 
 } // namespace PermissionOnce

@@ -11,9 +11,9 @@ const QString kInputGroupHow = QStringLiteral(
 
 } // namespace
 
-PermissionNotice screenRecording(bool isFirstPrompt)
+PermissionNotice screenCast(bool isFirstPrompt)
 {
-    return {PermissionNotice::Kind::ScreenRecording, isFirstPrompt,
+    return {PermissionNotice::Kind::screenCast, isFirstPrompt,
             QStringLiteral("Screen recording needs the desktop portal"),
             QStringLiteral(
                 "This session runs on Wayland, where programs record the screen through the "
@@ -22,26 +22,26 @@ PermissionNotice screenRecording(bool isFirstPrompt)
                 "xdg-desktop-portal-kde or xdg-desktop-portal-wlr), log in again and arm again.")};
 }
 
-PermissionNotice inputMonitoring(bool isFirstPrompt, bool x11KeysWork)
+PermissionNotice keyboards(bool isFirstPrompt, bool x11KeysWork)
 {
     const QString meanwhile = x11KeysWork
         ? QStringLiteral("Until then the clip key works in X11 applications, but not in Wayland "
                          "ones.")
         : QStringLiteral("Until then the clip key works only while a Vantrel window is in front.");
-    return {PermissionNotice::Kind::InputMonitoring, isFirstPrompt,
+    return {PermissionNotice::Kind::keyboards, isFirstPrompt,
             QStringLiteral("Let Vantrel read your keyboards"),
             QStringLiteral("Vantrel sees the clip key in every application when it may read your "
                            "keyboards. To allow it, ") +
                 kInputGroupHow + QLatin1Char(' ') + meanwhile};
 }
 
-PermissionNotice accessibility(bool isFirstPrompt, bool keyboardsReadable)
+PermissionNotice x11Keys(bool isFirstPrompt, bool keyboardsReadable)
 {
     const QString meanwhile = keyboardsReadable
         ? QStringLiteral("The clip key still works everywhere, because Vantrel can read your "
                          "keyboards.")
         : QStringLiteral("To have the clip key work everywhere without X11, ") + kInputGroupHow;
-    return {PermissionNotice::Kind::Accessibility, isFirstPrompt,
+    return {PermissionNotice::Kind::x11Keys, isFirstPrompt,
             QStringLiteral("No X server for the clip key"),
             QStringLiteral("Vantrel could not reach an X server with the XInput2 extension, so it "
                            "cannot watch keys pressed in other X11 applications. ") +
@@ -64,7 +64,7 @@ PermissionNotice hotkeyHelp(bool keyboardsReadable, bool x11KeysWork)
             : QStringLiteral(" Without it, and without an X11 session, the clip key works only "
                              "while a Vantrel window is in front.");
     }
-    return {PermissionNotice::Kind::InputMonitoring, false,
+    return {PermissionNotice::Kind::keyboards, false,
             QStringLiteral("Clip key in other applications"), text};
 }
 

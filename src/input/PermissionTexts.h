@@ -6,13 +6,13 @@
 // keeps working meanwhile.
 namespace PermissionTexts {
 
-PermissionNotice screenRecording(bool isFirstPrompt);
+PermissionNotice screenCast(bool isFirstPrompt);
 
 // `x11KeysWork`: the clip key already works in X11 applications without keyboard access.
-PermissionNotice inputMonitoring(bool isFirstPrompt, bool x11KeysWork);
+PermissionNotice keyboards(bool isFirstPrompt, bool x11KeysWork);
 
 // `keyboardsReadable`: the clip key already works everywhere through the keyboards.
-PermissionNotice accessibility(bool isFirstPrompt, bool keyboardsReadable);
+PermissionNotice x11Keys(bool isFirstPrompt, bool keyboardsReadable);
 
 // The hotkey manager's own help, shown when the user asks how to make the clip key work in
 // other applications.

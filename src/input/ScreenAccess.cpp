@@ -23,7 +23,7 @@ QString whyNotGranted()
 
 bool request()
 {
-    return PermissionOnce::promptScreenRecordingIfNeeded();
+    return PermissionOnce::noticeScreenCastIfNeeded();
 }
 
 } // namespace ScreenAccess

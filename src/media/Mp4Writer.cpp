@@ -23,7 +23,7 @@ namespace {
 // 90 kHz is the customary MP4 video clock: exact for 60, 50, 30 and 24 frames per second.
 constexpr AVRational videoClock {1, 90000};
 
-// How far a non-real-time video input may run ahead of the audio already encoded: enough to keep
+// How far a non-real-time video stream may run ahead of the audio already encoded: enough to keep
 // every thread busy, small enough that the muxer interleaves finely and holds little.
 constexpr double maxVideoLeadSeconds = 1.0;
 
@@ -70,7 +70,7 @@ struct Mp4Writer::Core : std::enable_shared_from_this<Core>
         bool realTime = false;
         bool markedFinished = false;
         bool done = false; // all it will ever write has reached the muxer
-        std::function<void()> pump;
+        std::function<void()> feeder;
         int64_t lastDts = std::numeric_limits<int64_t>::min(); // video, in the stream's clock
         double writtenEnd = 0; // seconds: end of what has reached the muxer
         std::unique_ptr<AudioTrackEncoder> audio; // none for an encoded track
@@ -137,16 +137,16 @@ struct Mp4Writer::Core : std::enable_shared_from_this<Core>
         }
     }
 
-    Track &track(Input input)
+    Track &track(Stream handle)
     {
-        if (input.index < 0 || size_t(input.index) >= tracks.size())
-            throw std::out_of_range("Mp4Writer: no such input");
-        return tracks[size_t(input.index)];
+        if (handle.index < 0 || size_t(handle.index) >= tracks.size())
+            throw std::out_of_range("Mp4Writer: no such stream");
+        return tracks[size_t(handle.index)];
     }
 
     void fail(const QString &message)
     {
-        if (status == Status::unknown || status == Status::writing) {
+        if (status == Status::notStarted || status == Status::writing) {
             status = Status::failed;
             error = message;
             closeHistories();
@@ -202,7 +202,7 @@ struct Mp4Writer::Core : std::enable_shared_from_this<Core>
         return true;
     }
 
-    bool appendVideo(Track &track, const MediaSample &sample, MediaTime relative)
+    bool writeVideo(Track &track, const MediaSample &sample, MediaTime relative)
     {
         if (sample.data.empty() || sample.data.size() > size_t(std::numeric_limits<int>::max()))
             return false;
@@ -240,7 +240,7 @@ struct Mp4Writer::Core : std::enable_shared_from_this<Core>
         return true;
     }
 
-    bool appendEncoded(Track &track, const AVPacket &source)
+    bool writeEncoded(Track &track, const AVPacket &source)
     {
         if (source.size < 1 || !source.data || source.pts == AV_NOPTS_VALUE ||
             source.duration < 1 || source.pts <= track.lastDts)
@@ -261,7 +261,7 @@ struct Mp4Writer::Core : std::enable_shared_from_this<Core>
     }
 
     // One round on the queue: move what the encoders finished into the muxer, close the file
-    // once everything is in, and let every input that is ready take more.
+    // once everything is in, and let every stream that is ready take more.
     void service()
     {
         auto keepAlive = shared_from_this();
@@ -293,15 +293,15 @@ struct Mp4Writer::Core : std::enable_shared_from_this<Core>
             return;
         }
 
-        // Tracks written as they come wait for each other, so one round of pumps may leave the
+        // Tracks written as they come wait for each other, so one round of feeders may leave the
         // next one ready with nothing else to wake it: go round until nobody writes.
         uint64_t writes;
         do {
             writes = directWrites;
             for (Track &track : tracks) {
-                if (track.pump && isReady(track)) {
-                    const auto pump = track.pump; // the pump may finish its own input
-                    pump();
+                if (track.feeder && isReady(track)) {
+                    const auto feeder = track.feeder; // the feeder may end its own stream
+                    feeder();
                 }
             }
         } while (writes != directWrites && !finishing);
@@ -330,12 +330,12 @@ struct Mp4Writer::Core : std::enable_shared_from_this<Core>
     const QString path;
     FFmpeg::FormatContextPtr format;
     std::vector<Track> tracks;
-    Status status = Status::unknown;
+    Status status = Status::notStarted;
     QString error;
     MediaTime sessionStart;
     bool finishing = false;
     bool completed = false;
-    uint64_t directWrites = 0; // packets written by appendVideo and appendEncoded
+    uint64_t directWrites = 0; // packets written by writeVideo and writeEncoded
     std::function<void()> completion;
     std::shared_ptr<Notifier> notifier;
 };
@@ -349,10 +349,10 @@ Mp4Writer::Mp4Writer(const QString &path, SerialQueue &queue)
 
 Mp4Writer::~Mp4Writer() = default;
 
-std::optional<Mp4Writer::Input> Mp4Writer::addVideoInput(const VideoFormatPtr &sourceFormat,
-                                                         bool realTime)
+std::optional<Mp4Writer::Stream> Mp4Writer::addVideoStream(const VideoFormatPtr &sourceFormat,
+                                                           bool realTime)
 {
-    if (d->status != Status::unknown || !sourceFormat || sourceFormat->extradata.empty() ||
+    if (d->status != Status::notStarted || !sourceFormat || sourceFormat->extradata.empty() ||
         sourceFormat->width < 1 || sourceFormat->height < 1)
         return std::nullopt;
     AVStream *stream = avformat_new_stream(d->format.get(), nullptr);
@@ -376,13 +376,13 @@ std::optional<Mp4Writer::Input> Mp4Writer::addVideoInput(const VideoFormatPtr &s
     track.stream = stream;
     track.realTime = realTime;
     d->tracks.push_back(std::move(track));
-    return Input {int(d->tracks.size()) - 1};
+    return Stream {int(d->tracks.size()) - 1};
 }
 
-std::optional<Mp4Writer::Input> Mp4Writer::addAudioInput(const AudioSettings &settings,
-                                                         bool realTime)
+std::optional<Mp4Writer::Stream> Mp4Writer::addAudioStream(const AudioSettings &settings,
+                                                           bool realTime)
 {
-    if (d->status != Status::unknown)
+    if (d->status != Status::notStarted)
         return std::nullopt;
     // Fed from memory, a track is cut into segments that encode on several cores at once.
     auto encoder =
@@ -403,12 +403,13 @@ std::optional<Mp4Writer::Input> Mp4Writer::addAudioInput(const AudioSettings &se
     track.encoderClock = encoder->timeBase();
     track.audio = std::move(encoder);
     d->tracks.push_back(std::move(track));
-    return Input {int(d->tracks.size()) - 1};
+    return Stream {int(d->tracks.size()) - 1};
 }
 
-std::optional<Mp4Writer::Input> Mp4Writer::addEncodedAudioInput(const AVCodecParameters &parameters)
+std::optional<Mp4Writer::Stream>
+Mp4Writer::addEncodedAudioStream(const AVCodecParameters &parameters)
 {
-    if (d->status != Status::unknown || parameters.codec_type != AVMEDIA_TYPE_AUDIO ||
+    if (d->status != Status::notStarted || parameters.codec_type != AVMEDIA_TYPE_AUDIO ||
         parameters.sample_rate < 1)
         return std::nullopt;
     AVStream *stream = avformat_new_stream(d->format.get(), nullptr);
@@ -423,20 +424,20 @@ std::optional<Mp4Writer::Input> Mp4Writer::addEncodedAudioInput(const AVCodecPar
     track.stream = stream;
     track.encoderClock = stream->time_base;
     d->tracks.push_back(std::move(track));
-    return Input {int(d->tracks.size()) - 1};
+    return Stream {int(d->tracks.size()) - 1};
 }
 
-void Mp4Writer::keepEncodedAudio(Input input, std::shared_ptr<EncodedAudioSink> sink)
+void Mp4Writer::keepEncodedAudio(Stream handle, std::shared_ptr<EncodedAudioSink> sink)
 {
-    Core::Track &track = d->track(input);
+    Core::Track &track = d->track(handle);
     if (!track.audio)
-        throw std::invalid_argument("Mp4Writer: only an encoding audio input has packets to keep");
+        throw std::invalid_argument("Mp4Writer: only an encoding audio stream has packets to keep");
     track.sink = std::move(sink);
 }
 
-bool Mp4Writer::startWriting()
+bool Mp4Writer::writeHeader()
 {
-    if (d->status != Status::unknown)
+    if (d->status != Status::notStarted)
         return false;
     if (d->tracks.empty()) {
         d->fail(QStringLiteral("Could not start writing the MP4: it has no tracks."));
@@ -459,10 +460,10 @@ bool Mp4Writer::startWriting()
     return true;
 }
 
-void Mp4Writer::startSession(MediaTime sourceTime)
+void Mp4Writer::setTimeOrigin(MediaTime sourceTime)
 {
     if (d->status != Status::writing || !sourceTime.isValid())
-        throw std::logic_error("Mp4Writer: startSession needs a writing writer and a valid time");
+        throw std::logic_error("Mp4Writer: setTimeOrigin needs a writing writer and a valid time");
     d->sessionStart = sourceTime;
     for (const Core::Track &track : d->tracks) {
         if (track.sink)
@@ -470,14 +471,14 @@ void Mp4Writer::startSession(MediaTime sourceTime)
     }
 }
 
-bool Mp4Writer::isReadyForMoreMediaData(Input input) const
+bool Mp4Writer::canTakeMore(Stream handle) const
 {
-    return d->isReady(d->track(input));
+    return d->isReady(d->track(handle));
 }
 
 namespace {
 
-void report(Mp4Writer::AppendError *error, int code, const QString &description)
+void report(Mp4Writer::WriteError *error, int code, const QString &description)
 {
     if (error)
         *error = {QStringLiteral("Vantrel"), code, description};
@@ -491,85 +492,85 @@ std::string typeName(const std::type_info &type)
     return status == 0 && demangled ? demangled.get() : type.name();
 }
 
-// Runs one append, turning a fault into the code-1 error and a refusal into the code-2 one.
-template<typename Append> bool guarded(Mp4Writer::AppendError *error, Append append)
+// Runs one write, turning a fault into the code-1 error and a refusal into the code-2 one.
+template<typename Write> bool guarded(Mp4Writer::WriteError *error, Write write)
 {
     try {
         try {
-            if (append())
+            if (write())
                 return true;
-            report(error, Mp4Writer::AppendError::refused,
+            report(error, Mp4Writer::WriteError::refused,
                    QStringLiteral("Could not write a frame into the clip."));
         } catch (const std::exception &e) {
             const char *what = e.what();
-            report(error, Mp4Writer::AppendError::fault,
+            report(error, Mp4Writer::WriteError::fault,
                    QString::fromUtf8(what && *what ? what : typeName(typeid(e)).c_str()));
         } catch (...) {
             const std::type_info *type = abi::__cxa_current_exception_type();
-            report(error, Mp4Writer::AppendError::fault,
+            report(error, Mp4Writer::WriteError::fault,
                    QString::fromStdString(type ? typeName(*type) : "unknown exception"));
         }
     } catch (...) {
-        // Naming the fault failed (no memory for the text); the append still failed.
+        // Naming the fault failed (no memory for the text); the write still failed.
     }
     return false;
 }
 
 } // namespace
 
-bool Mp4Writer::append(Input input, const MediaSample &sample, AppendError *error)
+bool Mp4Writer::writeSample(Stream handle, const MediaSample &sample, WriteError *error)
 {
-    return guarded(error, [&] { return appendOrThrow(input, sample); });
+    return guarded(error, [&] { return writeSampleOrThrow(handle, sample); });
 }
 
-bool Mp4Writer::appendEncoded(Input input, const AVPacket &packet, AppendError *error)
+bool Mp4Writer::writePacket(Stream handle, const AVPacket &packet, WriteError *error)
 {
-    return guarded(error, [&] { return appendEncodedOrThrow(input, packet); });
+    return guarded(error, [&] { return writePacketOrThrow(handle, packet); });
 }
 
-bool Mp4Writer::appendOrThrow(Input input, const MediaSample &sample)
+bool Mp4Writer::writeSampleOrThrow(Stream handle, const MediaSample &sample)
 {
-    Core::Track &track = d->track(input);
+    Core::Track &track = d->track(handle);
     if (sample.kind != track.kind)
         throw std::invalid_argument(sample.kind == MediaSample::Kind::video
-                                        ? "Mp4Writer: a video sample for an audio input"
-                                        : "Mp4Writer: an audio sample for a video input");
+                                        ? "Mp4Writer: a video sample for an audio stream"
+                                        : "Mp4Writer: an audio sample for a video stream");
     if (d->status != Status::writing || track.markedFinished || d->finishing)
         return false;
     if (!d->sessionStart.isValid())
-        throw std::logic_error("Mp4Writer: append before startSession");
+        throw std::logic_error("Mp4Writer: a write before setTimeOrigin");
     const MediaTime relative = sample.pts - d->sessionStart;
     if (!relative.isValid())
         return false;
     if (track.kind == MediaSample::Kind::video)
-        return d->appendVideo(track, sample, relative);
+        return d->writeVideo(track, sample, relative);
     if (track.isEncoded())
-        throw std::invalid_argument("Mp4Writer: PCM for an input that takes encoded audio");
+        throw std::invalid_argument("Mp4Writer: PCM for a stream that takes encoded audio");
     if (!AacEncoder::accepts(sample))
         return false;
     track.audio->submit(sample, relative);
     return true;
 }
 
-bool Mp4Writer::appendEncodedOrThrow(Input input, const AVPacket &packet)
+bool Mp4Writer::writePacketOrThrow(Stream handle, const AVPacket &packet)
 {
-    Core::Track &track = d->track(input);
+    Core::Track &track = d->track(handle);
     if (!track.isEncoded())
-        throw std::invalid_argument("Mp4Writer: an encoded packet for an input that encodes");
+        throw std::invalid_argument("Mp4Writer: an encoded packet for a stream that encodes");
     if (d->status != Status::writing || track.markedFinished || d->finishing)
         return false;
-    return d->appendEncoded(track, packet);
+    return d->writeEncoded(track, packet);
 }
 
-void Mp4Writer::requestMediaDataWhenReady(Input input, std::function<void()> pump)
+void Mp4Writer::setFeeder(Stream handle, std::function<void()> feeder)
 {
-    d->track(input).pump = std::move(pump);
+    d->track(handle).feeder = std::move(feeder);
     d->notifier->post();
 }
 
-void Mp4Writer::markAsFinished(Input input)
+void Mp4Writer::endStream(Stream handle)
 {
-    Core::Track &track = d->track(input);
+    Core::Track &track = d->track(handle);
     if (track.markedFinished)
         return;
     track.markedFinished = true;
@@ -580,14 +581,14 @@ void Mp4Writer::markAsFinished(Input input)
     d->notifier->post();
 }
 
-void Mp4Writer::finishWriting(std::function<void()> completion)
+void Mp4Writer::flush(std::function<void()> completion)
 {
-    if (d->status == Status::unknown || d->finishing)
-        throw std::logic_error("Mp4Writer: finishWriting needs a started, unfinished writer");
+    if (d->status == Status::notStarted || d->finishing)
+        throw std::logic_error("Mp4Writer: flush needs a started, unfinished writer");
     d->finishing = true;
     d->completion = std::move(completion);
     for (size_t i = 0; i < d->tracks.size(); ++i)
-        markAsFinished(Input {int(i)});
+        endStream(Stream {int(i)});
     d->notifier->post();
 }
 

@@ -17,11 +17,11 @@ QString RecorderError::text() const
     case Kind::notReady:
         if (!m_detail.isEmpty())
             return m_detail;
-        return QStringLiteral("Vantrel needs Screen Recording turned on, then Arm Replay again.");
+        return QStringLiteral(
+            "Vantrel may not record the screen yet. Allow it to share your screen "
+            "when your desktop asks, then Arm again.");
     case Kind::notArmed:
         return QStringLiteral("Arm Instant Replay first, then press the clip key to save a clip.");
-    case Kind::needsRelaunch:
-        return QStringLiteral("Restarting Vantrel to finish Screen Recording access.");
     case Kind::stillStarting:
         return QStringLiteral("Still getting started. Wait a second, then press the clip key.");
     }

@@ -10,7 +10,7 @@
 class RecorderError : public QException
 {
 public:
-    enum class Kind { writerFailed, noDisplay, notReady, notArmed, needsRelaunch, stillStarting };
+    enum class Kind { writerFailed, noDisplay, notReady, notArmed, stillStarting };
 
     static RecorderError writerFailed(const QString &message)
     {
@@ -22,10 +22,6 @@ public:
     static RecorderError notReady(const QString &why = {}) { return {Kind::notReady, why}; }
     // A save while nothing is armed.
     static RecorderError notArmed() { return {Kind::notArmed, {}}; }
-    // Screen access was given but takes effect only in a new process; the application then
-    // relaunches once. No capture backend here needs it: the X11 screen is always open, and a
-    // Wayland desktop's consent holds for the process that asked.
-    static RecorderError needsRelaunch() { return {Kind::needsRelaunch, {}}; }
     // A save before the buffer holds a key frame with its format.
     static RecorderError stillStarting() { return {Kind::stillStarting, {}}; }
 

@@ -1,7 +1,7 @@
 #include "promo/RailCard.h"
 
 #include "cloud/SharedNetwork.h"
-#include "promo/Palette.h"
+#include "core/Palette.h"
 
 #include <QFontMetrics>
 #include <QNetworkAccessManager>
@@ -20,7 +20,7 @@ constexpr qreal cornerRadius = 12;
 constexpr qreal pictureRadius = 8;
 constexpr qint64 largestPictureBytes = 4 << 20;
 
-// Sizes are in the device-independent pixels that the program's other platform calls points.
+// Sizes are in device-independent pixels.
 QFont railFont(int pixelSize, QFont::Weight weight)
 {
     QFont font;

@@ -1,7 +1,7 @@
 #include "promo/SponsoredRail.h"
 
+#include "core/Palette.h"
 #include "promo/AdsStore.h"
-#include "promo/Palette.h"
 #include "promo/RailCard.h"
 
 #include <QLabel>

@@ -70,7 +70,7 @@ void ClipExportJob::writeMP4()
         release();
         return;
     }
-    const auto video = m_writer->addVideoInput(m_plan.videoFormat, false);
+    const auto video = m_writer->addVideoStream(m_plan.videoFormat, false);
     if (!video) {
         fail(QStringLiteral("Could not create the clip file."));
         release();
@@ -87,13 +87,13 @@ void ClipExportJob::writeMP4()
     if (m_mic.wanted)
         addAudio(m_mic, m_plan.micHistory, m_plan.micFormat, "mic");
 
-    if (!m_writer->startWriting()) {
+    if (!m_writer->writeHeader()) {
         const QString error = m_writer->error();
         fail(error.isEmpty() ? QStringLiteral("Could not start writing the MP4.") : error);
         release();
         return;
     }
-    m_writer->startSession(MediaTime::zero());
+    m_writer->setTimeOrigin(MediaTime::zero());
 
     std::weak_ptr<ClipExportJob> weak = weak_from_this();
     m_timeLimit = m_queue.asyncAfter(m_plan.timeLimit, [weak] {
@@ -103,11 +103,11 @@ void ClipExportJob::writeMP4()
 
     m_remaining.emplace(1 + (m_audio.added ? 1 : 0) + (m_mic.added ? 1 : 0));
     // The job outlives its writer, so the pumps may hold it plainly.
-    m_writer->requestMediaDataWhenReady(m_video.input, [this] { pump(Track::video); });
+    m_writer->setFeeder(m_video.input, [this] { pump(Track::video); });
     if (m_audio.added)
-        m_writer->requestMediaDataWhenReady(m_audio.input, [this] { pump(Track::audio); });
+        m_writer->setFeeder(m_audio.input, [this] { pump(Track::audio); });
     if (m_mic.added)
-        m_writer->requestMediaDataWhenReady(m_mic.input, [this] { pump(Track::mic); });
+        m_writer->setFeeder(m_mic.input, [this] { pump(Track::mic); });
 }
 
 void ClipExportJob::addAudio(Feed &feed, const Plan::Reuse &reuse, const AudioFormatPtr &format,
@@ -116,7 +116,7 @@ void ClipExportJob::addAudio(Feed &feed, const Plan::Reuse &reuse, const AudioFo
     if (reuse.history) {
         std::optional<EncodedAudioHistory::Clip> clip =
             reuse.history->clip(m_plan.sourceBase, reuse.end, reuseWait);
-        const auto input = clip ? m_writer->addEncodedAudioInput(*clip->parameters) : std::nullopt;
+        const auto input = clip ? m_writer->addEncodedAudioStream(*clip->parameters) : std::nullopt;
         if (input) {
             feed.input = *input;
             feed.added = true;
@@ -129,7 +129,7 @@ void ClipExportJob::addAudio(Feed &feed, const Plan::Reuse &reuse, const AudioFo
         Log::system(QStringLiteral("export %1: encoding it, the armed AAC does not cover the clip")
                         .arg(QLatin1String(name)));
     }
-    if (const auto input = m_writer->addAudioInput(aacInput(format), false)) {
+    if (const auto input = m_writer->addAudioStream(aacInput(format), false)) {
         feed.input = *input;
         feed.added = true;
     }
@@ -152,16 +152,16 @@ void ClipExportJob::pump(Track track)
 {
     Feed &feed = track == Track::video ? m_video : (track == Track::audio ? m_audio : m_mic);
     const size_t count = feedSize(track);
-    while (m_writer->isReadyForMoreMediaData(feed.input)) {
+    while (m_writer->canTakeMore(feed.input)) {
         if (feed.next >= count) {
             finishInput(feed);
             return;
         }
         const size_t index = feed.next++;
-        Mp4Writer::AppendError error;
+        Mp4Writer::WriteError error;
         bool written = false;
         if (feed.reused()) {
-            written = m_writer->appendEncoded(feed.input, *feed.encoded[index], &error);
+            written = m_writer->writePacket(feed.input, *feed.encoded[index], &error);
         } else {
             std::optional<MediaSample> sample;
             switch (track) {
@@ -175,7 +175,7 @@ void ClipExportJob::pump(Track track)
                 sample = makeAudioSample(m_plan.mic[index], m_plan.micFormat);
                 break;
             }
-            written = sample && m_writer->append(feed.input, *sample, &error);
+            written = sample && m_writer->writeSample(feed.input, *sample, &error);
         }
         if (written)
             continue;
@@ -196,7 +196,7 @@ void ClipExportJob::pump(Track track)
 void ClipExportJob::finishInput(Feed &feed)
 {
     feed.finished.resume([&] {
-        m_writer->markAsFinished(feed.input);
+        m_writer->endStream(feed.input);
         if (m_remaining->decrement() == 0)
             finishIfNeeded();
     });
@@ -219,7 +219,7 @@ void ClipExportJob::finishIfNeeded()
         release();
         return;
     }
-    m_writer->finishWriting([this] { onWriterFinished(); });
+    m_writer->flush([this] { onWriterFinished(); });
 }
 
 Shortfall ClipExportJob::shortfall() const

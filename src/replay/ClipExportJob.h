@@ -65,7 +65,7 @@ private:
     // One writer input with what feeds it. `finished` runs the input's finishing once.
     struct Feed
     {
-        Mp4Writer::Input input;
+        Mp4Writer::Stream input;
         bool wanted = false; // the snapshot holds something for it
         bool added = false;
         size_t next = 0;

@@ -103,7 +103,7 @@ void SessionRecorder::drain()
     // end of the sound, so that a still screen (a frame about once a second) leaves no second
     // of sound without a picture at the end of the file.
     const size_t held = m_finishing ? 0 : 1;
-    while (m_pendingVideo.size() > held && m_writer->isReadyForMoreMediaData(*m_videoInput)) {
+    while (m_pendingVideo.size() > held && m_writer->canTakeMore(*m_videoInput)) {
         ReplayBuffer::EncodedFrame frame = std::move(m_pendingVideo.front());
         m_pendingVideo.pop_front();
         if (m_pendingVideo.empty() && m_soundEnd.isValid() &&
@@ -115,7 +115,7 @@ void SessionRecorder::drain()
             continue;
         ++m_shortfall.frames;
         const auto sample = makeVideoSample(frame, m_videoFormat);
-        if (!sample || !m_writer->append(*m_videoInput, *sample))
+        if (!sample || !m_writer->writeSample(*m_videoInput, *sample))
             ++m_shortfall.framesLost;
     }
     appendPending(m_pendingAudio, m_audioInput, m_shortfall.audioPackets, m_shortfall.audioLost);
@@ -123,19 +123,19 @@ void SessionRecorder::drain()
 }
 
 void SessionRecorder::appendPending(std::deque<ReplayBuffer::AudioPacket> &pending,
-                                    std::optional<Mp4Writer::Input> input, int64_t &packets,
+                                    std::optional<Mp4Writer::Stream> input, int64_t &packets,
                                     int64_t &lost)
 {
     // Without its input (the writer would not add the track) a packet is lost at once, rather
     // than held for a track that never comes.
-    while (!pending.empty() && (!input || m_writer->isReadyForMoreMediaData(*input))) {
+    while (!pending.empty() && (!input || m_writer->canTakeMore(*input))) {
         const ReplayBuffer::AudioPacket packet = std::move(pending.front());
         pending.pop_front();
         if (m_startPTS.isValid() && packet.pts < m_startPTS)
             continue;
         ++packets;
         const auto sample = input ? makeAudioSample(packet, packet.format) : std::nullopt;
-        if (!sample || !m_writer->append(*input, *sample))
+        if (!sample || !m_writer->writeSample(*input, *sample))
             ++lost;
     }
 }
@@ -163,25 +163,25 @@ void SessionRecorder::startWriter(const VideoFormatPtr &format, MediaTime at)
         m_startFailure = QString::fromUtf8(error.what());
         return;
     }
-    const std::optional<Mp4Writer::Input> video = writer->addVideoInput(format, true);
+    const std::optional<Mp4Writer::Stream> video = writer->addVideoStream(format, true);
     if (!video) {
         m_startFailure = QStringLiteral("The video track could not be added.");
         return;
     }
-    const std::optional<Mp4Writer::Input> audio = writer->addAudioInput(aacInput(), true);
-    const std::optional<Mp4Writer::Input> mic =
-        m_includeMic ? writer->addAudioInput(aacInput(), true) : std::nullopt;
+    const std::optional<Mp4Writer::Stream> audio = writer->addAudioStream(aacInput(), true);
+    const std::optional<Mp4Writer::Stream> mic =
+        m_includeMic ? writer->addAudioStream(aacInput(), true) : std::nullopt;
     if (audio)
         writer->keepEncodedAudio(*audio, m_audioHistory);
     if (mic)
         writer->keepEncodedAudio(*mic, m_micHistory);
-    if (!writer->startWriting()) {
+    if (!writer->writeHeader()) {
         m_startFailure = writer->error();
         writer.reset();
         QFile::remove(path);
         return;
     }
-    writer->startSession(at);
+    writer->setTimeOrigin(at);
     m_writer = std::move(writer);
     m_videoInput = video;
     m_audioInput = audio;
@@ -210,7 +210,7 @@ QFuture<SessionOutcome> SessionRecorder::finish(bool keep)
             drain();
         for (const auto &input : {m_videoInput, m_audioInput, m_micInput}) {
             if (input)
-                m_writer->markAsFinished(*input);
+                m_writer->endStream(*input);
         }
         if (!m_writer || m_path.isEmpty()) {
             // A file that was to be kept but never started says why, when something stopped it.
@@ -221,7 +221,7 @@ QFuture<SessionOutcome> SessionRecorder::finish(bool keep)
             return;
         }
         // The completion runs on this queue; the recorder outlives it (see the destructor).
-        m_writer->finishWriting([this, keep] { conclude(keep); });
+        m_writer->flush([this, keep] { conclude(keep); });
     });
     return answer;
 }

@@ -68,7 +68,7 @@ private:
     static std::optional<QString> moveSessionIntoLibrary(const QString &source);
     static Mp4Writer::AudioSettings aacInput();
     void appendPending(std::deque<ReplayBuffer::AudioPacket> &pending,
-                       std::optional<Mp4Writer::Input> input, int64_t &packets, int64_t &lost);
+                       std::optional<Mp4Writer::Stream> input, int64_t &packets, int64_t &lost);
 
     const bool m_includeMic;
     const std::shared_ptr<EncodedAudioHistory> m_audioHistory;
@@ -76,9 +76,9 @@ private:
 
     // Everything below is touched on m_queue only.
     std::unique_ptr<Mp4Writer> m_writer;
-    std::optional<Mp4Writer::Input> m_videoInput;
-    std::optional<Mp4Writer::Input> m_audioInput;
-    std::optional<Mp4Writer::Input> m_micInput;
+    std::optional<Mp4Writer::Stream> m_videoInput;
+    std::optional<Mp4Writer::Stream> m_audioInput;
+    std::optional<Mp4Writer::Stream> m_micInput;
     VideoFormatPtr m_videoFormat; // of the most recent frame
     std::deque<ReplayBuffer::EncodedFrame> m_pendingVideo;
     std::deque<ReplayBuffer::AudioPacket> m_pendingAudio;

@@ -6,10 +6,10 @@
 #include <string>
 #include <vector>
 
-// Release versions as the program compares them: dot-separated decimal pieces, pieces that are
-// not a number dropped, missing pieces counting as 0. So 1.1.10 is newer than 1.1.3.
+// The releases the service keeps, ordered as the program orders them (VersionOrder).
 namespace ReleaseVersion {
 
+// Whether `a` is newer than `b`: 1.1.10 is newer than 1.1.3.
 bool isNewer(const std::string &a, const std::string &b);
 
 // The newest of the releases; of equal versions the one added last.

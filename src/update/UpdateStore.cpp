@@ -9,6 +9,7 @@
 #include "core/PrivateFolder.h"
 #include "core/ProgramVersion.h"
 #include "core/SharedPool.h"
+#include "core/VersionOrder.h"
 #include "update/InstalledCopy.h"
 #include "update/Relaunch.h"
 #include "update/ReleaseSignature.h"
@@ -26,7 +27,6 @@
 #include <qcoro/qcorosignal.h>
 #include <qcoro/qcorotask.h>
 
-#include <charconv>
 #include <memory>
 
 namespace {
@@ -53,23 +53,9 @@ int httpStatus(QNetworkReply *reply)
     return reply->attribute(QNetworkRequest::HttpStatusCodeAttribute).toInt();
 }
 
-std::vector<long long> versionNumbers(const QString &version)
+bool newer(const QString &version, const QString &than)
 {
-    std::vector<long long> numbers;
-    for (const QString &piece : version.split(QLatin1Char('.'), Qt::SkipEmptyParts)) {
-        QByteArray text = piece.toLatin1();
-        if (piece != QString::fromLatin1(text))
-            continue; // not plain digits
-        const char *begin = text.constData();
-        const char *end = begin + text.size();
-        if (begin != end && *begin == '+')
-            ++begin;
-        long long value = 0;
-        const auto [stop, error] = std::from_chars(begin, end, value);
-        if (begin != end && error == std::errc() && stop == end)
-            numbers.push_back(value);
-    }
-    return numbers;
+    return VersionOrder::isNewer(version.toStdString(), than.toStdString());
 }
 
 // Each download gets a folder of its own in here, made for it alone: no other local user can
@@ -151,19 +137,6 @@ void UpdateStore::setBusy(bool busy)
     emit busyChanged();
 }
 
-bool UpdateStore::newer(const QString &a, const QString &than)
-{
-    const std::vector<long long> left = versionNumbers(a);
-    const std::vector<long long> right = versionNumbers(than);
-    for (size_t i = 0; i < std::max(left.size(), right.size()); ++i) {
-        const long long x = i < left.size() ? left[i] : 0;
-        const long long y = i < right.size() ? right[i] : 0;
-        if (x != y)
-            return x > y;
-    }
-    return false;
-}
-
 bool UpdateStore::autoInstallUpdates()
 {
     return Preferences::open()->value(autoInstallKey, true).toBool();
@@ -220,13 +193,26 @@ void UpdateStore::install()
 {
     if (!m_available || m_busy)
         return;
-    if (m_installedRoot.isEmpty()) {
-        setStatus(UpdateError::notInstalledCopy());
+    if (const QString why = whyCannotUpdateItself(); !why.isEmpty()) {
+        setStatus(why);
         return;
     }
     setBusy(true);
     setStatus(QStringLiteral("Downloading %1…").arg(m_available->version));
     runInstall(*m_available);
+}
+
+QString UpdateStore::whyCannotUpdateItself() const
+{
+    // One check per reason, the first that holds is told.
+    const std::pair<bool, QString (*)()> reasons[] = {
+        {m_installedRoot.isEmpty(), &UpdateError::notInstalledCopy},
+    };
+    for (const auto &[holds, text] : reasons) {
+        if (holds)
+            return text();
+    }
+    return {};
 }
 
 QCoro::Task<void> UpdateStore::runInstall(AppRelease release)

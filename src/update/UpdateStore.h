@@ -56,14 +56,14 @@ public:
     // The check: asks the service for the newest release and keeps it when it is newer than this
     // copy. A failed check only clears `available`.
     QCoro::Task<void> load();
-    // Installs `available`; does nothing while an install runs or when there is none.
+    // Installs `available`; does nothing while an install runs or when there is none, and says
+    // why (whyCannotUpdateItself) when this copy must not replace itself.
     void install();
+    // Why this copy must not replace itself, in the user's words (what to do instead); empty when
+    // it may. The update sheet shows it in place of the install button.
+    QString whyCannotUpdateItself() const;
     // The install's steps, throwing UpdateError; on success the program is already quitting.
     QCoro::Task<void> apply(AppRelease release);
-
-    // Whether version text `a` is newer than `b`: numeric pieces between dots compared from the
-    // left, a missing piece counting as 0 and a piece that is not a number dropped.
-    static bool newer(const QString &a, const QString &than);
 
     // The setting "autoInstallUpdates" (on unless the user turned it off): install a newer
     // release at launch without asking.

@@ -1,10 +1,15 @@
-// The dashboard window made by the real delegate: one window for the program's life, kept where
+// The dashboard window made by the real shell: one window for the program's life, kept where
 // the user left it, with the main menu, hiding on close.
 
 #include "app/DashboardWindow.h"
-#include "app/AppDelegate.h"
 #include "app/AppModel.h"
+#include "app/AppShell.h"
+#include "app/ArmingController.h"
+#include "app/ClipLibrary.h"
+#include "app/ClipSaver.h"
+#include "app/DashboardActions.h"
 #include "app/DashboardView.h"
+#include "app/TrayIcon.h"
 #include "core/Preferences.h"
 
 #include "support/TestEnvironment.h"
@@ -24,16 +29,9 @@ protected:
         TempHomeTest::SetUp();
         if (qEnvironmentVariableIsEmpty("DISPLAY"))
             GTEST_SKIP() << "needs the xvfb fixture";
-        const QString runtime = home() + QStringLiteral("/.run");
-        QDir().mkpath(runtime);
-        QFile::setPermissions(
-            runtime, QFileDevice::ReadOwner | QFileDevice::WriteOwner | QFileDevice::ExeOwner);
-        qputenv("XDG_RUNTIME_DIR", runtime.toUtf8());
+        usePrivateRuntime();
         qputenv("VANTREL_SERVICE_URL", "http://127.0.0.1:9");
-        QDir().mkpath(configHome() + QStringLiteral("/quillfen"));
-        QFile conf(configHome() + QStringLiteral("/quillfen/Vantrel.conf"));
-        ASSERT_TRUE(conf.open(QIODevice::WriteOnly));
-        conf.write("[General]\narmOnLaunch=false\n");
+        writeSettings("armOnLaunch=false\n");
     }
 };
 
@@ -49,17 +47,17 @@ QStringList menuTitles(const QMenuBar *bar)
 
 TEST_F(DashboardWindowTest, OneWindowKeptWhereTheUserLeftIt)
 {
-    AppDelegate delegate;
-    ASSERT_TRUE(delegate.applicationDidFinishLaunching({}));
-    DashboardWindow *window = delegate.window();
+    AppShell shell;
+    ASSERT_TRUE(shell.launch({}));
+    DashboardWindow *window = shell.window();
     ASSERT_NE(window, nullptr) << "the window opens at launch";
     ASSERT_TRUE(waitUntil([window] { return window->isVisible(); }));
     EXPECT_EQ(window->windowTitle(), QStringLiteral("Vantrel"));
     EXPECT_EQ(window->centralWidget()->size(), QSize(900, 600));
     ASSERT_NE(window->menuBar(), nullptr);
-    EXPECT_EQ(menuTitles(window->menuBar()),
-              (QStringList {QStringLiteral("File"), QStringLiteral("Edit"),
-                            QStringLiteral("Window"), QStringLiteral("Help")}));
+    EXPECT_EQ(
+        menuTitles(window->menuBar()),
+        (QStringList {QStringLiteral("File"), QStringLiteral("View"), QStringLiteral("Help")}));
     // Centred the first time on the fixture's 1920 × 1080 screen.
     EXPECT_NEAR(window->geometry().center().x(), 960, 2);
     saveScreen(window, QStringLiteral("window-900x600"));
@@ -77,10 +75,10 @@ TEST_F(DashboardWindowTest, OneWindowKeptWhereTheUserLeftIt)
     ASSERT_TRUE(waitUntil([&] { return window->geometry() == left; }));
     window->close();
     ASSERT_TRUE(waitUntil([window] { return !window->isVisible(); }));
-    EXPECT_EQ(delegate.window(), window) << "closing only hides it";
+    EXPECT_EQ(shell.window(), window) << "closing only hides it";
 
-    delegate.showDashboard();
-    EXPECT_EQ(delegate.window(), window);
+    shell.showWindow();
+    EXPECT_EQ(shell.window(), window);
     ASSERT_TRUE(waitUntil([window] { return window->isVisible(); }));
     EXPECT_EQ(window->geometry(), left);
 

@@ -6,10 +6,17 @@
 #include "CloudTestSupport.h"
 #include "TestServer.h"
 
-#include "app/AppDelegate.h"
+#include "app/AppModel.h"
+#include "app/ArmingController.h"
+#include "app/ClipLibrary.h"
+#include "app/ClipSaver.h"
+#include "app/LinkRouter.h"
+#include "app/ShareActions.h"
 #include "cloud/AccountStore.h"
+#include "engine/ClipEngine.h"
 #include "support/TestEnvironment.h"
 
+#include <QDir>
 #include <QElapsedTimer>
 
 #include <atomic>
@@ -68,28 +75,34 @@ protected:
     std::atomic<bool> approved {false};
 };
 
-QList<QUrl> links(const QStringList &texts)
+// The pieces of the shell a link reaches, as the program makes them.
+struct Shell
 {
-    QList<QUrl> urls;
-    for (const QString &text : texts)
-        urls << QUrl(text);
-    return urls;
-}
+    AppModel model;
+    ClipEngine engine;
+    ClipLibrary library {model, QDir::homePath() + QStringLiteral("/Videos/Vantrel")};
+    ArmingController arming {engine, model, library};
+    ShareActions share {model, library};
+    ClipSaver saver {engine, model, library, share};
+    LinkRouter router {arming, saver, model};
+
+    void openUrls(const QStringList &links) { router.follow(links); }
+};
 
 } // namespace
 
 // No sign-in of the program is waiting: every sign-in link is a web page's doing.
 TEST_F(ForgedLink, ATokenLinkSignsNobodyInAndSaysSo)
 {
-    AppDelegate delegate;
+    Shell shell;
     AccountStore &account = AccountStore::shared();
     for (const QString &link : {QStringLiteral("vantrel://auth?token=tok-stranger"),
                                 QStringLiteral("VANTREL://AUTH/?token=tok-stranger&token=second"),
                                 QStringLiteral("vantrel://auth?code=CODE1&token=tok-stranger"),
                                 QStringLiteral("vantrel://auth?code=")}) {
-        delegate.model().setStatus(QString());
-        delegate.openUrls(links({link}));
-        EXPECT_EQ(delegate.model().status(), refused) << link.toStdString();
+        shell.model.setStatus(QString());
+        shell.openUrls(QStringList({link}));
+        EXPECT_EQ(shell.model.status(), refused) << link.toStdString();
         EXPECT_FALSE(account.isSignedIn()) << link.toStdString();
     }
     waitUntil([] { return false; }, 200);
@@ -102,16 +115,16 @@ TEST_F(ForgedLink, ATokenLinkSignsNobodyInAndSaysSo)
 // one the service hands out for that code, whatever the link carried.
 TEST_F(ForgedLink, OnlyTheWaitingSignInsOwnCodeCountsAndItsTokenComesFromTheService)
 {
-    AppDelegate delegate;
+    Shell shell;
     AccountStore &account = AccountStore::shared();
     account.setPollTiming(60s, 90); // only a link makes it ask before a minute is up
     account.beginSignIn();
     ASSERT_TRUE(waitUntil([&] { return account.loginCode() == QStringLiteral("CODE1"); }, 5000));
 
     approved = true;
-    delegate.openUrls(links({QStringLiteral("vantrel://auth?code=CODE2&token=tok-stranger"),
-                             QStringLiteral("vantrel://auth?token=tok-stranger")}));
-    EXPECT_EQ(delegate.model().status(), refused);
+    shell.openUrls(QStringList({QStringLiteral("vantrel://auth?code=CODE2&token=tok-stranger"),
+                                QStringLiteral("vantrel://auth?token=tok-stranger")}));
+    EXPECT_EQ(shell.model.status(), refused);
     EXPECT_TRUE(account.isSigningIn());
     waitUntil([] { return false; }, 200);
     EXPECT_EQ(polls(), 0);
@@ -119,17 +132,17 @@ TEST_F(ForgedLink, OnlyTheWaitingSignInsOwnCodeCountsAndItsTokenComesFromTheServ
 
     QElapsedTimer clock;
     clock.start();
-    delegate.openUrls(links({QStringLiteral("vantrel://auth?code=CODE1&token=tok-stranger")}));
-    EXPECT_EQ(delegate.model().status(), QStringLiteral("Finishing sign-in…"));
+    shell.openUrls(QStringList({QStringLiteral("vantrel://auth?code=CODE1&token=tok-stranger")}));
+    EXPECT_EQ(shell.model.status(), QStringLiteral("Finishing sign-in…"));
     ASSERT_TRUE(waitUntil([&] { return !account.isSigningIn(); }, 10000));
     EXPECT_LT(clock.elapsed(), 10000);
     EXPECT_EQ(polls(), 1);
     EXPECT_EQ(account.token(), QStringLiteral("tok-from-the-service"));
-    EXPECT_EQ(delegate.model().status(), QStringLiteral("Signed in."));
+    EXPECT_EQ(shell.model.status(), QStringLiteral("Signed in."));
 
     // The sign-in is over: the same link again is a web page's.
-    delegate.openUrls(links({QStringLiteral("vantrel://auth?code=CODE1")}));
-    EXPECT_EQ(delegate.model().status(), refused);
+    shell.openUrls(QStringList({QStringLiteral("vantrel://auth?code=CODE1")}));
+    EXPECT_EQ(shell.model.status(), refused);
     EXPECT_EQ(account.token(), QStringLiteral("tok-from-the-service"));
     ASSERT_TRUE(waitUntil([&] { return account.profile().has_value(); }, 5000));
     EXPECT_FALSE(sent("tok-stranger"));

@@ -1,8 +1,15 @@
 // The whole program with a desktop of the test's own on a private session bus: arming and
 // saving from the window, the notifications that follow, and their buttons.
 
-#include "app/AppDelegate.h"
+#include "app/AppModel.h"
+#include "app/AppShell.h"
+#include "app/ArmingController.h"
+#include "app/ClipLibrary.h"
+#include "app/ClipSaver.h"
+#include "app/DashboardActions.h"
 #include "app/DashboardWindow.h"
+#include "app/TrayIcon.h"
+#include "engine/ClipEngine.h"
 #include "input/PermissionNotifier.h"
 
 #include "support/ChildProcess.h"
@@ -10,7 +17,6 @@
 #include "support/TestEnvironment.h"
 #include "support/WidgetTesting.h"
 
-#include <QDesktopServices>
 #include <QDir>
 #include <QFile>
 #include <QFileInfo>
@@ -18,18 +24,6 @@
 #include <QPushButton>
 
 namespace {
-
-// Catches "open this file" so that no player starts.
-class OpenedUrls : public QObject
-{
-    Q_OBJECT
-
-public:
-    QList<QUrl> urls;
-
-public Q_SLOTS:
-    void open(const QUrl &url) { urls << url; }
-};
 
 class NotificationsTest : public TempHomeTest
 {
@@ -39,24 +33,27 @@ protected:
         TempHomeTest::SetUp();
         if (qEnvironmentVariableIsEmpty("DISPLAY") || qEnvironmentVariableIsEmpty("PULSE_SERVER"))
             GTEST_SKIP() << "needs the xvfb and pulse fixtures";
-        const QString runtime = home() + QStringLiteral("/.run");
-        QDir().mkpath(runtime);
-        QFile::setPermissions(
-            runtime, QFileDevice::ReadOwner | QFileDevice::WriteOwner | QFileDevice::ExeOwner);
-        qputenv("XDG_RUNTIME_DIR", runtime.toUtf8());
+        usePrivateRuntime();
         qputenv("VANTREL_SERVICE_URL", "http://127.0.0.1:9");
-        QDir().mkpath(configHome() + QStringLiteral("/quillfen"));
-        QFile conf(configHome() + QStringLiteral("/quillfen/Vantrel.conf"));
-        ASSERT_TRUE(conf.open(QIODevice::WriteOnly));
-        conf.write("[General]\narmOnLaunch=false\nclipLengthSeconds=15\n");
+        writeSettings("armOnLaunch=false\nclipLengthSeconds=15\n");
         bus = std::make_unique<PrivateBus>();
         ASSERT_TRUE(bus->isRunning());
         desktop = std::make_unique<NotificationServer>(bus->address());
         ASSERT_TRUE(desktop->isReady());
-        QDesktopServices::setUrlHandler(QStringLiteral("file"), &opened, "open");
+        // Catches "open this file" so that no player starts.
+        QFile opener(home() + QStringLiteral("/opener"));
+        ASSERT_TRUE(opener.open(QIODevice::WriteOnly));
+        opener.write("#!/bin/sh\necho \"$1\" >>\"$(dirname \"$0\")/opened\"\n");
+        opener.close();
+        opener.setPermissions(QFile::ReadOwner | QFile::ExeOwner);
+        qputenv("VANTREL_OPEN_COMMAND", opener.fileName().toUtf8());
     }
 
-    void TearDown() override { QDesktopServices::unsetUrlHandler(QStringLiteral("file")); }
+    QStringList opened() const
+    {
+        return readTextFile(home() + QStringLiteral("/opened"))
+            .split(QLatin1Char('\n'), Qt::SkipEmptyParts);
+    }
 
     const NotificationServer::Notification *find(const QString &summary)
     {
@@ -69,7 +66,6 @@ protected:
 
     std::unique_ptr<PrivateBus> bus;
     std::unique_ptr<NotificationServer> desktop;
-    OpenedUrls opened;
 };
 
 } // namespace
@@ -79,21 +75,20 @@ TEST_F(NotificationsTest, ASaveFromTheWindowIsAnnouncedWithOpenAndShowInFolder)
     // A moving screen, so that the replay fills up and its size can be measured.
     ChildProcess motion({VANTREL_MOTION});
     ASSERT_EQ(motion.readLine(std::chrono::seconds(10)), "ready");
-    AppDelegate delegate;
-    ASSERT_TRUE(delegate.applicationDidFinishLaunching({}));
-    DashboardWindow *window = delegate.window();
+    AppShell shell;
+    ASSERT_TRUE(shell.launch({}));
+    DashboardWindow *window = shell.window();
     ASSERT_TRUE(waitUntil([window] { return window && window->isVisible(); }));
 
     clickOn(child<QPushButton>(window, QStringLiteral("arm")));
-    ASSERT_TRUE(waitUntil([&] { return delegate.model().isClipping(); }, 30000))
-        << delegate.model().status().toStdString();
+    ASSERT_TRUE(waitUntil([&] { return shell.model().isClipping(); }, 30000))
+        << shell.model().status().toStdString();
     EXPECT_EQ(child<QLabel>(window, QStringLiteral("statePill"))->text(),
               QStringLiteral("Recording"));
     saveScreen(window, QStringLiteral("home-armed-window"));
-    ASSERT_TRUE(
-        waitUntil([&] { return delegate.engine().buffer().bufferedDuration() > 5.5; }, 30000));
-    ASSERT_TRUE(delegate.replayBytesPerSecond().has_value()) << "measured from the buffer";
-    EXPECT_GT(*delegate.replayBytesPerSecond(), 1000);
+    ASSERT_TRUE(waitUntil([&] { return shell.engine().buffer().bufferedDuration() > 5.5; }, 30000));
+    ASSERT_TRUE(shell.actions()->replayBytesPerSecond().has_value()) << "measured from the buffer";
+    EXPECT_GT(*shell.actions()->replayBytesPerSecond(), 1000);
 
     clickOn(child<QPushButton>(window, QStringLiteral("tabSettings")));
     EXPECT_TRUE(child<QLabel>(window, QStringLiteral("replayMemory"))
@@ -104,8 +99,8 @@ TEST_F(NotificationsTest, ASaveFromTheWindowIsAnnouncedWithOpenAndShowInFolder)
 
     clickOn(child<QPushButton>(window, QStringLiteral("save")));
     ASSERT_TRUE(waitUntil([&] { return find(QStringLiteral("Clip saved")) != nullptr; }, 60000))
-        << delegate.model().status().toStdString();
-    EXPECT_EQ(delegate.model().tab(), AppModel::Tab::library) << "a save shows the Library";
+        << shell.model().status().toStdString();
+    EXPECT_EQ(shell.model().tab(), AppModel::Tab::library) << "a save shows the Library";
     saveScreen(window, QStringLiteral("library-armed"));
     const auto saved = *find(QStringLiteral("Clip saved"));
     EXPECT_EQ(saved.appName, QStringLiteral("Vantrel"));
@@ -114,8 +109,8 @@ TEST_F(NotificationsTest, ASaveFromTheWindowIsAnnouncedWithOpenAndShowInFolder)
               (QStringList {QStringLiteral("open"), QStringLiteral("Open"),
                             QStringLiteral("folder"), QStringLiteral("Show in folder")}));
     const QString path =
-        delegate.library()
-            ->listClips(QFileInfo(delegate.model().clips().first().id.toLocalFile()).path())
+        shell.library()
+            ->listClips(QFileInfo(shell.model().clips().first().id.toLocalFile()).path())
             .first()
             .id.toLocalFile();
     EXPECT_EQ(QFileInfo(path).fileName(), saved.body);
@@ -124,16 +119,16 @@ TEST_F(NotificationsTest, ASaveFromTheWindowIsAnnouncedWithOpenAndShowInFolder)
     ASSERT_TRUE(waitUntil([&] { return !desktop->shownItems.isEmpty(); }));
     EXPECT_EQ(desktop->shownItems.first(), QUrl::fromLocalFile(path).toString());
     desktop->invokeAction(saved.id, QStringLiteral("open"));
-    ASSERT_TRUE(waitUntil([&] { return !opened.urls.isEmpty(); }));
-    EXPECT_EQ(opened.urls.first(), QUrl::fromLocalFile(path));
+    ASSERT_TRUE(waitUntil([&] { return !opened().isEmpty(); }));
+    EXPECT_EQ(opened().first(), QUrl::fromLocalFile(path).toString(QUrl::FullyEncoded));
     desktop->invokeAction(saved.id + 100, QStringLiteral("open"));
     waitUntil([] { return false; }, 200);
-    EXPECT_EQ(opened.urls.size(), 1) << "another program's notification is not ours";
+    EXPECT_EQ(opened().size(), 1) << "another program's notification is not ours";
 
     // A link on the clipboard, a folder link, and an access notice are told the same way.
     const QUrl clip = QUrl::fromLocalFile(path);
-    delegate.model().setShares({{clip, QStringLiteral("https://vantrel.app/c/1")}});
-    delegate.model().setPackLink(QStringLiteral("https://vantrel.app/p/2"));
+    shell.model().setShares({{clip, QStringLiteral("https://vantrel.app/c/1")}});
+    shell.model().setPackLink(QStringLiteral("https://vantrel.app/p/2"));
     PermissionNotice notice;
     notice.title = QStringLiteral("Clip key in every app");
     notice.text = QStringLiteral("Add yourself to the input group.");
@@ -146,8 +141,6 @@ TEST_F(NotificationsTest, ASaveFromTheWindowIsAnnouncedWithOpenAndShowInFolder)
                     ->body.startsWith(QStringLiteral("https://vantrel.app/c/1")));
     EXPECT_EQ(find(notice.title)->body, notice.text);
 
-    delegate.stopClipping();
-    ASSERT_TRUE(waitUntil([&] { return !delegate.model().isClipping(); }, 30000));
+    shell.arming()->stop();
+    ASSERT_TRUE(waitUntil([&] { return !shell.model().isClipping(); }, 30000));
 }
-
-#include "NotificationsTest.moc"

@@ -162,8 +162,8 @@ TEST(ClipEngineSizes, CaptureSizeAndErrorText)
     EXPECT_EQ(ClipEngine::captureSize(1920, 1080), QSize(1920, 1080));
 
     EXPECT_EQ(ClipEngine::describe(std::make_exception_ptr(RecorderError::notReady())),
-              QStringLiteral("Vantrel needs Screen Recording turned on, then Arm Replay again. "
-                             "(Vantrel.RecorderError 2)"));
+              QStringLiteral("Vantrel may not record the screen yet. Allow it to share your screen "
+                             "when your desktop asks, then Arm again. (Vantrel.RecorderError 2)"));
 }
 
 // The owner awaits the engine from the main thread's event loop, which keeps running meanwhile.

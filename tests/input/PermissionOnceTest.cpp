@@ -1,6 +1,5 @@
 #include "input/PermissionOnce.h"
 #include "core/Preferences.h"
-#include "input/MicAccess.h"
 #include "input/PermissionNotifier.h"
 #include "input/ScreenAccess.h"
 #include "support/TestEnvironment.h"
@@ -58,21 +57,21 @@ private:
 TEST_F(PermissionOnceTest, AccessGrantedAtLaunchIsRememberedAndNeverPromptedLater)
 {
     setKeyboardReadable(true);
-    PermissionOnce::rememberExistingPrompts();
-    EXPECT_TRUE(flag("promptedAccessibility"));
-    EXPECT_TRUE(flag("promptedInputMonitoring"));
-    EXPECT_TRUE(flag("promptedScreenRecording"));
-    EXPECT_TRUE(PermissionOnce::didPromptScreenRecording());
+    PermissionOnce::rememberExistingAccess();
+    EXPECT_TRUE(flag("noticeShownX11Keys"));
+    EXPECT_TRUE(flag("noticeShownKeyboards"));
+    EXPECT_TRUE(flag("noticeShownScreenCast"));
+    EXPECT_TRUE(PermissionOnce::screenCastNoticeShown());
 
     // Everything lost later: no first-time notices, and screen recording goes straight to help.
     setKeyboardReadable(false);
     setXServer(false);
     qputenv("WAYLAND_DISPLAY", "wayland-0");
-    PermissionOnce::promptHotkeysIfNeeded();
+    PermissionOnce::noticeClipKeyIfNeeded();
     EXPECT_TRUE(notices.empty());
     EXPECT_FALSE(ScreenAccess::request());
     ASSERT_EQ(notices.size(), 1u);
-    EXPECT_EQ(notices[0].kind, Kind::ScreenRecording);
+    EXPECT_EQ(notices[0].kind, Kind::screenCast);
     EXPECT_FALSE(notices[0].isFirstPrompt);
 }
 
@@ -80,35 +79,34 @@ TEST_F(PermissionOnceTest, NothingGrantedPromptsEachOnceInOrderThenOnlyHelps)
 {
     setXServer(false);
     qputenv("XDG_SESSION_TYPE", "wayland");
-    PermissionOnce::rememberExistingPrompts();
-    EXPECT_FALSE(PermissionOnce::didPromptScreenRecording());
+    PermissionOnce::rememberExistingAccess();
+    EXPECT_FALSE(PermissionOnce::screenCastNoticeShown());
 
-    PermissionOnce::promptHotkeysIfNeeded();
+    PermissionOnce::noticeClipKeyIfNeeded();
     ASSERT_EQ(notices.size(), 2u);
-    EXPECT_EQ(notices[0].kind, Kind::Accessibility);
-    EXPECT_EQ(notices[1].kind, Kind::InputMonitoring);
+    EXPECT_EQ(notices[0].kind, Kind::x11Keys);
+    EXPECT_EQ(notices[1].kind, Kind::keyboards);
     EXPECT_TRUE(notices[0].isFirstPrompt && notices[1].isFirstPrompt);
     // Neither fallback works, and the texts say so rather than promising X11.
     EXPECT_TRUE(notices[1].text.contains(QLatin1String("only while a Vantrel window")));
     EXPECT_TRUE(notices[0].text.contains(QLatin1String("usermod -aG input")));
-    PermissionOnce::promptHotkeysIfNeeded();
+    PermissionOnce::noticeClipKeyIfNeeded();
     EXPECT_EQ(notices.size(), 2u);
-    EXPECT_TRUE(flag("promptedAccessibility") && flag("promptedInputMonitoring"));
+    EXPECT_TRUE(flag("noticeShownX11Keys") && flag("noticeShownKeyboards"));
 
     EXPECT_FALSE(ScreenAccess::request());
-    EXPECT_TRUE(PermissionOnce::didPromptScreenRecording());
+    EXPECT_TRUE(PermissionOnce::screenCastNoticeShown());
     EXPECT_FALSE(ScreenAccess::request());
     ASSERT_EQ(notices.size(), 4u);
-    EXPECT_EQ(notices[2].kind, Kind::ScreenRecording);
+    EXPECT_EQ(notices[2].kind, Kind::screenCast);
     EXPECT_TRUE(notices[2].isFirstPrompt);
-    EXPECT_EQ(notices[3].kind, Kind::ScreenRecording);
+    EXPECT_EQ(notices[3].kind, Kind::screenCast);
     EXPECT_FALSE(notices[3].isFirstPrompt);
 
-    // Access arriving later makes every request quiet again; the microphone never asks.
+    // Access arriving later makes every request quiet again.
     qunsetenv("XDG_SESSION_TYPE");
     EXPECT_TRUE(ScreenAccess::isGranted());
     EXPECT_FALSE(ScreenAccess::request());
-    MicAccess::requestIfNeeded();
     EXPECT_EQ(notices.size(), 4u);
 }
 

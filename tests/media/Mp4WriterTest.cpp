@@ -36,7 +36,7 @@ float peak(const std::vector<float> &samples, double from, double to)
 void finish(SerialQueue &queue, Mp4Writer &writer)
 {
     std::promise<void> done;
-    queue.sync([&] { writer.finishWriting([&] { done.set_value(); }); });
+    queue.sync([&] { writer.flush([&] { done.set_value(); }); });
     done.get_future().wait();
 }
 
@@ -56,12 +56,12 @@ TEST_F(Mp4WriterTest, WritesAsCaptureArrivesAndKeepsAudioInStep)
     const QString path = folder.filePath(QStringLiteral("session.mp4"));
     Mp4Writer writer(path, queue);
     const MediaTime origin = seconds(99.0); // frame 120, a key frame, is at 101 s
-    Mp4Writer::Input videoInput, audioInput;
+    Mp4Writer::Stream videoInput, audioInput;
     queue.sync([&] {
-        videoInput = *writer.addVideoInput(video.format(), true);
-        audioInput = *writer.addAudioInput({}, true);
-        ASSERT_TRUE(writer.startWriting());
-        writer.startSession(origin + MediaTime::make(120, 60));
+        videoInput = *writer.addVideoStream(video.format(), true);
+        audioInput = *writer.addAudioStream({}, true);
+        ASSERT_TRUE(writer.writeHeader());
+        writer.setTimeOrigin(origin + MediaTime::make(120, 60));
     });
 
     // Live order: audio every 10 ms, a frame every 1/60 s, from 100 s to 109 s. The audio has
@@ -73,12 +73,12 @@ TEST_F(Mp4WriterTest, WritesAsCaptureArrivesAndKeepsAudioInStep)
         const ReplayBuffer::EncodedFrame frame = video.frame(f, origin);
         queue.sync([&] {
             const auto sample = makeVideoSample(frame, video.format());
-            (writer.append(videoInput, *sample) ? acceptedVideo : refusedVideo)++;
+            (writer.writeSample(videoInput, *sample) ? acceptedVideo : refusedVideo)++;
             for (; (packet + 1) * 10 <= (f + 1) * 1000 / 60 - 1000; ++packet) {
                 if (packet >= 400 && packet < 500)
                     continue;
                 const auto audio = makeAudioSample(tone.packet(packet, audioOrigin), tone.format());
-                EXPECT_TRUE(writer.append(audioInput, *audio));
+                EXPECT_TRUE(writer.writeSample(audioInput, *audio));
             }
         });
     }
@@ -117,31 +117,31 @@ TEST_F(Mp4WriterTest, SplitsATrackFedFromMemoryWithoutAudibleJoins)
     Mp4Writer writer(path, queue);
     std::promise<void> done;
     queue.sync([&] {
-        const Mp4Writer::Input v = *writer.addVideoInput(video.format(), false);
-        const Mp4Writer::Input a = *writer.addAudioInput({}, false);
-        ASSERT_TRUE(writer.startWriting());
-        writer.startSession(MediaTime::zero());
+        const Mp4Writer::Stream v = *writer.addVideoStream(video.format(), false);
+        const Mp4Writer::Stream a = *writer.addAudioStream({}, false);
+        ASSERT_TRUE(writer.writeHeader());
+        writer.setTimeOrigin(MediaTime::zero());
         auto feeds = std::make_shared<std::array<int64_t, 3>>(); // next frame, next packet, open
         (*feeds)[2] = 2;
-        auto finishOne = [&, feeds](Mp4Writer::Input input) {
-            writer.markAsFinished(input);
+        auto finishOne = [&, feeds](Mp4Writer::Stream input) {
+            writer.endStream(input);
             if (--(*feeds)[2] == 0)
-                writer.finishWriting([&] { done.set_value(); });
+                writer.flush([&] { done.set_value(); });
         };
-        writer.requestMediaDataWhenReady(v, [&, v, feeds, finishOne] {
-            while (writer.isReadyForMoreMediaData(v)) {
+        writer.setFeeder(v, [&, v, feeds, finishOne] {
+            while (writer.canTakeMore(v)) {
                 if ((*feeds)[0] == frames)
                     return finishOne(v);
                 const auto frame = video.frame((*feeds)[0]++);
-                EXPECT_TRUE(writer.append(v, *makeVideoSample(frame, video.format())));
+                EXPECT_TRUE(writer.writeSample(v, *makeVideoSample(frame, video.format())));
             }
         });
-        writer.requestMediaDataWhenReady(a, [&, a, feeds, finishOne] {
-            while (writer.isReadyForMoreMediaData(a)) {
+        writer.setFeeder(a, [&, a, feeds, finishOne] {
+            while (writer.canTakeMore(a)) {
                 if ((*feeds)[1] == packets)
                     return finishOne(a);
                 const auto packet = chord.packet((*feeds)[1]++);
-                EXPECT_TRUE(writer.append(a, *makeAudioSample(packet, chord.format())));
+                EXPECT_TRUE(writer.writeSample(a, *makeAudioSample(packet, chord.format())));
             }
         });
     });
@@ -178,9 +178,9 @@ TEST_F(Mp4WriterTest, RefusesWhatItCannotWriteAndSaysWhy)
 {
     queue.sync([&] {
         Mp4Writer lost(folder.filePath(QStringLiteral("missing/clip.mp4")), queue);
-        EXPECT_FALSE(lost.addVideoInput(std::make_shared<const VideoFormat>(), false));
-        ASSERT_TRUE(lost.addVideoInput(video.format(), false));
-        EXPECT_FALSE(lost.startWriting());
+        EXPECT_FALSE(lost.addVideoStream(std::make_shared<const VideoFormat>(), false));
+        ASSERT_TRUE(lost.addVideoStream(video.format(), false));
+        EXPECT_FALSE(lost.writeHeader());
         EXPECT_EQ(lost.status(), Mp4Writer::Status::failed);
         EXPECT_TRUE(lost.error().contains(QStringLiteral("No such file or directory")))
             << lost.error().toStdString();
@@ -189,48 +189,48 @@ TEST_F(Mp4WriterTest, RefusesWhatItCannotWriteAndSaysWhy)
     const QString path = folder.filePath(QStringLiteral("clip.mp4"));
     Mp4Writer writer(path, queue);
     queue.sync([&] {
-        const Mp4Writer::Input input = *writer.addVideoInput(video.format(), false);
-        ASSERT_TRUE(writer.startWriting());
-        EXPECT_FALSE(writer.addAudioInput({}, false)); // too late once writing
+        const Mp4Writer::Stream input = *writer.addVideoStream(video.format(), false);
+        ASSERT_TRUE(writer.writeHeader());
+        EXPECT_FALSE(writer.addAudioStream({}, false)); // too late once writing
         const auto first = *makeVideoSample(video.frame(0), video.format());
 
-        // Faults never escape an append: they come back as code 1 with their message.
-        Mp4Writer::AppendError error;
-        EXPECT_FALSE(writer.append(input, first, &error)); // before startSession
+        // Faults never escape a write: they come back as code 1 with their message.
+        Mp4Writer::WriteError error;
+        EXPECT_FALSE(writer.writeSample(input, first, &error)); // before setTimeOrigin
         EXPECT_EQ(error.domain, QStringLiteral("Vantrel"));
-        EXPECT_EQ(error.code, Mp4Writer::AppendError::fault);
-        EXPECT_EQ(error.description, QStringLiteral("Mp4Writer: append before startSession"));
-        EXPECT_FALSE(writer.append(input, first));
+        EXPECT_EQ(error.code, Mp4Writer::WriteError::fault);
+        EXPECT_EQ(error.description, QStringLiteral("Mp4Writer: a write before setTimeOrigin"));
+        EXPECT_FALSE(writer.writeSample(input, first));
 
-        writer.startSession(MediaTime::zero());
+        writer.setTimeOrigin(MediaTime::zero());
         MediaSample wrongKind = first;
         wrongKind.kind = MediaSample::Kind::audio;
         error = {};
-        EXPECT_FALSE(writer.append(input, wrongKind, &error));
-        EXPECT_EQ(error.code, Mp4Writer::AppendError::fault);
+        EXPECT_FALSE(writer.writeSample(input, wrongKind, &error));
+        EXPECT_EQ(error.code, Mp4Writer::WriteError::fault);
         EXPECT_EQ(error.description,
-                  QStringLiteral("Mp4Writer: an audio sample for a video input"));
+                  QStringLiteral("Mp4Writer: an audio sample for a video stream"));
         error = {};
-        EXPECT_FALSE(writer.append(Mp4Writer::Input {7}, first, &error));
-        EXPECT_EQ(error.description, QStringLiteral("Mp4Writer: no such input"));
+        EXPECT_FALSE(writer.writeSample(Mp4Writer::Stream {7}, first, &error));
+        EXPECT_EQ(error.description, QStringLiteral("Mp4Writer: no such stream"));
 
         for (int64_t f = 0; f < 240; ++f) {
             const auto sample = *makeVideoSample(video.frame(f), video.format());
-            EXPECT_TRUE(writer.append(input, sample));
+            EXPECT_TRUE(writer.writeSample(input, sample));
         }
         // A frame that does not move time forward is refused (code 2), and the writer carries
         // on.
         const auto again = *makeVideoSample(video.frame(200), video.format());
         error = {};
-        EXPECT_FALSE(writer.append(input, again, &error));
+        EXPECT_FALSE(writer.writeSample(input, again, &error));
         EXPECT_EQ(error.domain, QStringLiteral("Vantrel"));
-        EXPECT_EQ(error.code, Mp4Writer::AppendError::refused);
+        EXPECT_EQ(error.code, Mp4Writer::WriteError::refused);
         EXPECT_EQ(error.description, QStringLiteral("Could not write a frame into the clip."));
         EXPECT_EQ(writer.status(), Mp4Writer::Status::writing);
 
-        writer.markAsFinished(input);
+        writer.endStream(input);
         const auto late = *makeVideoSample(video.frame(240), video.format());
-        EXPECT_FALSE(writer.append(input, late));
+        EXPECT_FALSE(writer.writeSample(input, late));
     });
     finish(queue, writer);
     EXPECT_EQ(writer.status(), Mp4Writer::Status::completed);

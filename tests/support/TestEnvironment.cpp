@@ -12,7 +12,13 @@
 void TempHomeTest::SetUp()
 {
     ASSERT_TRUE(m_home.isValid());
-    const QByteArray home = QFile::encodeName(m_home.path());
+    useHome(m_home.path());
+}
+
+void TempHomeTest::useHome(const QString &path)
+{
+    m_path = path;
+    const QByteArray home = QFile::encodeName(m_path);
     setenv("HOME", home.constData(), 1);
     setenv("XDG_CONFIG_HOME", (home + "/.config").constData(), 1);
     setenv("XDG_STATE_HOME", (home + "/.local/state").constData(), 1);
@@ -26,12 +32,29 @@ void TempHomeTest::SetUp()
         setenv("DBUS_SESSION_BUS_ADDRESS", ("unix:path=" + home + "/no-session-bus").constData(),
                1);
     // A real home has these; the trash, for one, is only made inside an existing data folder.
-    QDir().mkpath(m_home.filePath(QStringLiteral(".local/share")));
-    QDir().mkpath(m_home.filePath(QStringLiteral(".config")));
+    QDir().mkpath(m_path + QStringLiteral("/.local/share"));
+    QDir().mkpath(m_path + QStringLiteral("/.config"));
     // Temporary files (the export's, the session's, the cues') land where the test can see
     // whether any was left behind.
     QDir().mkpath(tempFolder());
     setenv("TMPDIR", QFile::encodeName(tempFolder()).constData(), 1);
+}
+
+void TempHomeTest::usePrivateRuntime()
+{
+    const QString runtime = m_path + QStringLiteral("/.run");
+    QDir().mkpath(runtime);
+    QFile::setPermissions(runtime,
+                          QFileDevice::ReadOwner | QFileDevice::WriteOwner | QFileDevice::ExeOwner);
+    setenv("XDG_RUNTIME_DIR", QFile::encodeName(runtime).constData(), 1);
+}
+
+void TempHomeTest::writeSettings(const QByteArray &lines)
+{
+    QDir().mkpath(configHome() + QStringLiteral("/quillfen"));
+    QFile file(configHome() + QStringLiteral("/quillfen/Vantrel.conf"));
+    ASSERT_TRUE(file.open(QIODevice::WriteOnly));
+    file.write("[General]\n" + lines);
 }
 
 QString readTextFile(const QString &path)

@@ -23,15 +23,22 @@ class TempHomeTest : public ::testing::Test
 {
 protected:
     void SetUp() override;
+    // Takes another test's home instead of a fresh one (a child process carrying on its test).
+    void useHome(const QString &path);
+    // A runtime folder of the home's own (the program's single-instance socket lives there).
+    void usePrivateRuntime();
+    // The program's settings file: "[General]\n" and `lines`.
+    void writeSettings(const QByteArray &lines);
 
-    QString home() const { return m_home.path(); }
-    QString configHome() const { return m_home.filePath(QStringLiteral(".config")); }
-    QString stateHome() const { return m_home.filePath(QStringLiteral(".local/state")); }
+    QString home() const { return m_path; }
+    QString configHome() const { return m_path + QStringLiteral("/.config"); }
+    QString stateHome() const { return m_path + QStringLiteral("/.local/state"); }
     // TMPDIR of the test.
-    QString tempFolder() const { return m_home.filePath(QStringLiteral("tmp")); }
+    QString tempFolder() const { return m_path + QStringLiteral("/tmp"); }
 
 private:
     QTemporaryDir m_home;
+    QString m_path;
 };
 
 // Reads a whole file as text; empty when it cannot be read.

@@ -1,25 +1,6 @@
 #include "update/AppRelease.h"
-#include "update/UpdateStore.h"
 
 #include <gtest/gtest.h>
-
-TEST(AppReleaseTest, VersionsCompareByTheirNumbersFromTheLeft)
-{
-    struct Case
-    {
-        const char *a, *b;
-        bool newer;
-    };
-    for (const Case &c :
-         {Case {"1.1.3", "1.1.3", false}, Case {"1.2", "1.1.3", true},
-          Case {"2.0-beta", "1.1.3", true}, Case {"v2", "1.1.3", false},
-          Case {"1.1.10", "1.1.3", true}, Case {"1.1.3", "1.1.10", false},
-          Case {"1.1.3.0", "1.1.3", false}, Case {"1.1.3.1", "1.1.3", true},
-          Case {"1.2.3-beta", "1.2", false}, Case {"1..2", "1.1", true}, Case {"", "0", false},
-          Case {"1.2", "", true}, Case {"1.99999999999999999999", "1.5", false}})
-        EXPECT_EQ(UpdateStore::newer(QString::fromLatin1(c.a), QString::fromLatin1(c.b)), c.newer)
-            << c.a << " against " << c.b;
-}
 
 TEST(AppReleaseTest, CheckRepliesGiveNotesLocationAndSignature)
 {

@@ -78,19 +78,6 @@ protected:
         return readTextFile(stateHome() + QStringLiteral("/Vantrel/Vantrel.log"));
     }
 
-    // Publishes the newer release on the service, as its operator would.
-    void publish(const QString &version, const QString &archive)
-    {
-        QProcess add;
-        add.start(qEnvironmentVariable("VANTREL_TEST_SERVICE_BIN"),
-                  {QStringLiteral("release"), QStringLiteral("add"), version, archive,
-                   QStringLiteral("--notes"), QStringLiteral("Faster saves."),
-                   QStringLiteral("--signature"), archive + QStringLiteral(".sig"),
-                   QStringLiteral("--data"), qEnvironmentVariable("VANTREL_TEST_SERVICE_DATA")});
-        ASSERT_TRUE(add.waitForFinished(30000));
-        ASSERT_EQ(add.exitCode(), 0) << add.readAllStandardError().toStdString();
-    }
-
     QString serviceUrl;
     QString root;
 };
@@ -103,7 +90,7 @@ TEST_F(UpdateEndToEndTest, ANewerReleaseIsInstalledAtLaunchAndTheNewCopyRuns)
     ASSERT_EQ(install.exitCode(), 0) << install.readAllStandardError().toStdString();
     EXPECT_EQ(versionOf(root), "Vantrel 1.1.3");
 
-    publish(QStringLiteral("1.2.0"), newArchive());
+    ASSERT_EQ(publishNewRelease(), QString());
 
     QProcess old;
     QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();

@@ -22,6 +22,23 @@ QString newArchive()
     return QStringLiteral(VANTREL_TEST_RELEASES "/Vantrel-1.2.0-linux-x86_64.tar.gz");
 }
 
+QString publishNewRelease()
+{
+    QProcess add;
+    add.start(qEnvironmentVariable("VANTREL_TEST_SERVICE_BIN"),
+              {QStringLiteral("release"), QStringLiteral("add"), QStringLiteral("1.2.0"),
+               newArchive(), QStringLiteral("--notes"), QStringLiteral("Faster saves."),
+               QStringLiteral("--signature"), newArchive() + QStringLiteral(".sig"),
+               QStringLiteral("--data"), qEnvironmentVariable("VANTREL_TEST_SERVICE_DATA")});
+    if (!add.waitForFinished(30000))
+        return QStringLiteral("vantrel-service release add did not finish");
+    const QString error = QString::fromUtf8(add.readAllStandardError());
+    if (add.exitStatus() == QProcess::NormalExit &&
+        (add.exitCode() == 0 || error.contains(QStringLiteral("exists already"))))
+        return {};
+    return error.isEmpty() ? QStringLiteral("vantrel-service release add failed") : error;
+}
+
 QByteArray signatureOf(const QString &archive)
 {
     QProcess openssl;

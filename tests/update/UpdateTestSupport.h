@@ -20,6 +20,11 @@ class Server;
 QString oldArchive();
 QString newArchive();
 
+// Publishes the newer release (newArchive(), as 1.2.0) on the "service" fixture's vantrel-service,
+// as its operator would. The service is shared by the tests, so a release another test published
+// counts. Returns why it failed, or empty.
+QString publishNewRelease();
+
 // The archive's Ed25519 signature by the build's own release key, made with openssl.
 QByteArray signatureOf(const QString &archive);
 

@@ -2,7 +2,6 @@
 
 #include "capture/PixelBufferPool.h"
 #include "capture/QueueDelivery.h"
-#include "capture/pulse/PulseAudioCapture.h"
 #include "capture/wayland/ScreenCastPortal.h"
 #include "core/Log.h"
 #include "media/MonotonicClock.h"
@@ -113,7 +112,8 @@ struct PipeWireCallbacks
 
 PipeWireScreenStream::PipeWireScreenStream(std::shared_ptr<ScreenCastPortal> portal, uint32_t node,
                                            const StreamConfiguration &config)
-    : m_portal(std::move(portal))
+    : AudioScreenStream(config)
+    , m_portal(std::move(portal))
     , m_node(node)
     , m_config(effective(config))
 {
@@ -133,22 +133,9 @@ void PipeWireScreenStream::addScreenOutput(SerialQueue &queue, FrameHandler hand
     m_screen = std::make_unique<QueueDelivery>(queue, m_config.queueDepth);
 }
 
-void PipeWireScreenStream::addAudioOutput(StreamOutputType type, SerialQueue &queue,
-                                          AudioHandler handler)
+bool PipeWireScreenStream::hasStarted() const
 {
-    if (m_loop)
-        throw std::runtime_error("Outputs must be added before the capture starts.");
-    if (type == StreamOutputType::screen)
-        throw std::runtime_error("The screen output is added with addScreenOutput.");
-    const bool microphone = type == StreamOutputType::microphone;
-    if (microphone ? !m_config.captureMicrophone : !m_config.capturesAudio)
-        return;
-    if (!m_audio)
-        m_audio = std::make_unique<PulseAudioCapture>(m_config.sampleRate, m_config.channelCount,
-                                                      m_config.onNotice);
-    m_audio->addOutput(microphone ? PulseAudioCapture::Source::microphone
-                                  : PulseAudioCapture::Source::system,
-                       queue, std::move(handler));
+    return m_loop != nullptr;
 }
 
 void PipeWireScreenStream::setStopHandler(StopHandler handler)
@@ -171,12 +158,10 @@ void PipeWireScreenStream::startCapture(StartCompletion completion)
         if (m_config.width > 0 && m_config.height > 0)
             m_pool = std::make_unique<PixelBufferPool>(m_config.queueDepth + 1, m_config.width,
                                                        m_config.height);
-        if (m_audio)
-            m_audio->start();
+        startAudio();
         fd = m_portal->pipeWireRemote();
     } catch (const std::exception &error) {
-        if (m_audio)
-            m_audio->stop();
+        stopAudio();
         Log::system(QStringLiteral("pipewire capture could not start: %1").arg(error.what()));
         finishStart(std::string(error.what()));
         return;
@@ -427,10 +412,8 @@ void PipeWireScreenStream::tick()
 {
     if (m_ended.load())
         return;
-    if (m_audio) {
-        if (std::optional<std::string> why = m_audio->failure())
-            return end(*why);
-    }
+    if (std::optional<std::string> why = audioFailure())
+        return end(*why);
     // The compositor sends nothing while nothing changes.
     if (m_streaming && m_format)
         postIdle(monotonicNanoseconds());
@@ -454,8 +437,7 @@ void PipeWireScreenStream::end(const std::string &why)
     Log::system(QStringLiteral("pipewire capture ended: %1").arg(QString::fromStdString(why)));
     // Nothing new is delivered after the news; a running handler is not waited for (it may be in
     // stopCapture(), waiting for this thread).
-    if (m_audio)
-        m_audio->stop(false);
+    stopAudio(false);
     if (m_screen)
         m_screen->close(false);
     if (m_stopHandler)
@@ -469,8 +451,7 @@ void PipeWireScreenStream::stopCapture()
     // From the stream's own thread (a handler) the loop cannot be stopped; the destructor does.
     if (!(m_loop && pw_thread_loop_in_thread(m_loop)))
         teardown();
-    if (m_audio)
-        m_audio->stop();
+    stopAudio();
     if (m_screen)
         m_screen->close();
     m_portal->close();

@@ -1,7 +1,7 @@
 #pragma once
 
+#include "capture/AudioScreenStream.h"
 #include "capture/PixelBufferPool.h"
-#include "capture/ScreenStream.h"
 #include "capture/wayland/PipeWireFrameReader.h"
 #include "capture/wayland/PipeWireParams.h"
 
@@ -20,7 +20,6 @@ struct pw_registry;
 struct pw_stream;
 struct pw_thread_loop;
 struct spa_source;
-class PulseAudioCapture;
 class QueueDelivery;
 class ScreenCastPortal;
 
@@ -29,14 +28,14 @@ class ScreenCastPortal;
 // frame when something changed, at most 60 a second; each is copied into a pool buffer of the
 // capture size (scaled when needed) and stamped with its slot on the 60 fps grid, so frames stay
 // whole frames apart as on X11. Buffers the compositor marks unchanged, and a second without any
-// frame, give the newest picture again (at most one a second). Audio comes from PulseAudioCapture
+// frame, give the newest picture again (at most one a second). Audio comes from AudioScreenStream
 // (PipeWire's pulse server answers it).
 //
 // The stream ends itself, once, with a sentence for the stop handler when the compositor or the
 // desktop stops sharing (the node goes away), PipeWire goes away, the shared monitor changes its
 // size (the capture is re-armed at the new size, as for a monitor change on X11) or the audio
 // server dies. Stopping closes the portal session too.
-class PipeWireScreenStream final : public ScreenStream
+class PipeWireScreenStream final : public AudioScreenStream
 {
 public:
     // `portal` holds the granted session; `node` is its stream. A config without a size captures
@@ -46,7 +45,6 @@ public:
     ~PipeWireScreenStream() override;
 
     void addScreenOutput(SerialQueue &queue, FrameHandler handler) override;
-    void addAudioOutput(StreamOutputType type, SerialQueue &queue, AudioHandler handler) override;
     void setStopHandler(StopHandler handler) override;
     void startCapture(StartCompletion completion) override;
     void stopCapture() override;
@@ -54,6 +52,9 @@ public:
 
     // For tests: the size of the frames the compositor sends (0×0 before the first format).
     std::pair<int, int> sourceSize() const { return {m_sourceWidth.load(), m_sourceHeight.load()}; }
+
+protected:
+    bool hasStarted() const override;
 
 private:
     // PipeWire's C callbacks, forwarding to the members below on the stream's thread.
@@ -78,7 +79,6 @@ private:
     // Set up before startCapture() and only read afterwards.
     FrameHandler m_frameHandler;
     std::unique_ptr<QueueDelivery> m_screen;
-    std::unique_ptr<PulseAudioCapture> m_audio;
     StopHandler m_stopHandler;
 
     // PipeWire's objects; touched only with the loop's lock held (or before its thread runs).

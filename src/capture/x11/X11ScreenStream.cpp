@@ -2,7 +2,6 @@
 
 #include "capture/PixelBufferPool.h"
 #include "capture/QueueDelivery.h"
-#include "capture/pulse/PulseAudioCapture.h"
 #include "capture/x11/X11FrameGrabber.h"
 #include "core/Log.h"
 #include "media/MonotonicClock.h"
@@ -36,7 +35,8 @@ StreamConfiguration effective(const CaptureDisplay &display, StreamConfiguration
 
 X11ScreenStream::X11ScreenStream(const CaptureDisplay &display, const StreamConfiguration &config,
                                  std::string displayName)
-    : m_display(display)
+    : AudioScreenStream(config)
+    , m_display(display)
     , m_config(effective(display, config))
     , m_displayName(std::move(displayName))
     , m_stopEvent(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK))
@@ -60,23 +60,9 @@ void X11ScreenStream::addScreenOutput(SerialQueue &queue, FrameHandler handler)
     m_screen = std::make_unique<QueueDelivery>(queue, m_config.queueDepth);
 }
 
-void X11ScreenStream::addAudioOutput(StreamOutputType type, SerialQueue &queue,
-                                     AudioHandler handler)
+bool X11ScreenStream::hasStarted() const
 {
-    if (m_thread.joinable())
-        throw std::runtime_error("Outputs must be added before the capture starts.");
-    if (type == StreamOutputType::screen)
-        throw std::runtime_error("The screen output is added with addScreenOutput.");
-    // Like the platform stream, an output whose kind of capture is switched off stays silent.
-    const bool microphone = type == StreamOutputType::microphone;
-    if (microphone ? !m_config.captureMicrophone : !m_config.capturesAudio)
-        return;
-    if (!m_audio)
-        m_audio = std::make_unique<PulseAudioCapture>(m_config.sampleRate, m_config.channelCount,
-                                                      m_config.onNotice);
-    m_audio->addOutput(microphone ? PulseAudioCapture::Source::microphone
-                                  : PulseAudioCapture::Source::system,
-                       queue, std::move(handler));
+    return m_thread.joinable();
 }
 
 void X11ScreenStream::setStopHandler(StopHandler handler)
@@ -104,8 +90,7 @@ void X11ScreenStream::stopCapture()
     // joined here; it leaves its loop as soon as the handler returns, and the destructor joins.
     if (m_thread.joinable() && m_thread.get_id() != std::this_thread::get_id())
         m_thread.join();
-    if (m_audio)
-        m_audio->stop();
+    stopAudio();
     if (m_screen)
         m_screen->close();
 }
@@ -130,11 +115,9 @@ void X11ScreenStream::run(StartCompletion completion)
         pool =
             std::make_unique<PixelBufferPool>(std::max(1, m_config.queueDepth - 1), m_config.width,
                                               m_config.height, PixelBufferPool::Format::i420);
-        if (m_audio)
-            m_audio->start();
+        startAudio();
     } catch (const std::exception &error) {
-        if (m_audio)
-            m_audio->stop();
+        stopAudio();
         Log::system(QStringLiteral("x11 capture could not start: %1").arg(error.what()));
         completion(std::string(error.what()));
         return;
@@ -243,8 +226,8 @@ X11ScreenStream::Tick X11ScreenStream::tick(X11FrameGrabber &grabber, PixelBuffe
                                             int64_t slot, int64_t now)
 {
     std::optional<std::string> why = grabber.poll();
-    if (!why && m_audio)
-        why = m_audio->failure();
+    if (!why)
+        why = audioFailure();
     if (why) {
         end(*why);
         return Tick::changed;
@@ -304,8 +287,7 @@ void X11ScreenStream::end(const std::string &why)
     Log::system(QStringLiteral("x11 capture ended: %1").arg(QString::fromStdString(why)));
     // Stop delivering before the handler hears of it, so nothing new arrives after the news.
     // Without waiting for a running handler: it might be in stopCapture(), joining this thread.
-    if (m_audio)
-        m_audio->stop(false);
+    stopAudio(false);
     if (m_screen)
         m_screen->close(false);
     if (m_stopHandler)

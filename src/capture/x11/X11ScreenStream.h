@@ -1,7 +1,7 @@
 #pragma once
 
+#include "capture/AudioScreenStream.h"
 #include "capture/PixelBufferPool.h"
-#include "capture/ScreenStream.h"
 
 #include <atomic>
 #include <cstdint>
@@ -9,7 +9,6 @@
 #include <string>
 #include <thread>
 
-class PulseAudioCapture;
 class QueueDelivery;
 class X11FrameGrabber;
 
@@ -18,12 +17,12 @@ class X11FrameGrabber;
 // drifts); at each tick it grabs the monitor if XDamage or the pointer says something changed
 // (cursor drawn in, scaled to the capture size, delivered as I420); while nothing changes it hands
 // on the newest picture again about once a second (a repeat), at almost no cost. Audio comes from
-// PulseAudioCapture.
+// the audio server (AudioScreenStream).
 //
 // The stream ends itself with a message to the stop handler, once, when the X connection dies,
 // the monitor disappears or the audio server goes away; the stop handler runs on the capture
 // thread and must not destroy the stream (stopping it is fine).
-class X11ScreenStream final : public ScreenStream
+class X11ScreenStream final : public AudioScreenStream
 {
 public:
     // A config without a size captures at the display's own size. `displayName` empty: DISPLAY.
@@ -32,12 +31,14 @@ public:
     ~X11ScreenStream() override;
 
     void addScreenOutput(SerialQueue &queue, FrameHandler handler) override;
-    void addAudioOutput(StreamOutputType type, SerialQueue &queue, AudioHandler handler) override;
     void setStopHandler(StopHandler handler) override;
     void startCapture(StartCompletion completion) override;
     void stopCapture() override;
 
     Stats stats() const override;
+
+protected:
+    bool hasStarted() const override;
 
 private:
     void run(StartCompletion completion);
@@ -63,7 +64,6 @@ private:
     // Set up before startCapture() and only read afterwards.
     FrameHandler m_frameHandler;
     std::unique_ptr<QueueDelivery> m_screen;
-    std::unique_ptr<PulseAudioCapture> m_audio;
     StopHandler m_stopHandler;
 
     std::thread m_thread;

@@ -2,7 +2,8 @@
 
 #include <QColor>
 
-// The colours of the dashboard and of the sponsored rail beside it.
+// The colours of the program's window: the dashboard, its menus and sheets, and the sponsored rail
+// beside it. Header-only; its users draw with Qt Gui, which they link themselves (core does not).
 namespace Palette {
 
 // Text and fills are white at various opacities on the dark background.

@@ -1,11 +1,18 @@
-// The delegate in this process, against the fixtures' X and audio servers: the status lines and
+// The shell in this process, against the fixtures' X and audio servers: the status lines and
 // the tray menu through a whole arm, save and stop, the save guards, and a second launch
 // handing its link to the first.
 
-#include "app/AppDelegate.h"
-#include "core/Preferences.h"
+#include "app/AppShell.h"
+#include "app/AppModel.h"
+#include "app/ArmingController.h"
+#include "app/ClipLibrary.h"
+#include "app/ClipSaver.h"
+#include "app/DashboardActions.h"
+#include "app/TrayIcon.h"
+#include "engine/ClipEngine.h"
 
 #include "support/TestEnvironment.h"
+#include "support/WidgetTesting.h"
 
 #include <QAction>
 #include <QCoreApplication>
@@ -13,22 +20,11 @@
 #include <QElapsedTimer>
 #include <QFile>
 #include <QFileInfo>
+#include <QMenu>
 
 #include <functional>
 
 namespace {
-
-bool waitUntil(const std::function<bool()> &done, int timeoutMs)
-{
-    QElapsedTimer timer;
-    timer.start();
-    while (!done()) {
-        if (timer.elapsed() > timeoutMs)
-            return false;
-        QCoreApplication::processEvents(QEventLoop::AllEvents, 20);
-    }
-    return true;
-}
 
 void pump(int ms)
 {
@@ -38,12 +34,14 @@ void pump(int ms)
 QStringList menuTexts(const QMenu *menu)
 {
     QStringList texts;
-    for (const QAction *action : menu->actions())
-        texts << (action->isSeparator() ? QStringLiteral("-") : action->text());
+    for (const QAction *action : menu->actions()) {
+        if (action->isVisible())
+            texts << (action->isSeparator() ? QStringLiteral("-") : action->text());
+    }
     return texts;
 }
 
-class AppDelegateTest : public TempHomeTest
+class AppShellTest : public TempHomeTest
 {
 protected:
     void SetUp() override
@@ -51,22 +49,15 @@ protected:
         TempHomeTest::SetUp();
         if (qEnvironmentVariableIsEmpty("DISPLAY"))
             GTEST_SKIP() << "needs the xvfb fixture";
-        const QString runtime = home() + QStringLiteral("/.run");
-        QDir().mkpath(runtime);
-        QFile::setPermissions(
-            runtime, QFileDevice::ReadOwner | QFileDevice::WriteOwner | QFileDevice::ExeOwner);
-        qputenv("XDG_RUNTIME_DIR", runtime.toUtf8());
-        QDir().mkpath(configHome() + QStringLiteral("/quillfen"));
-        QFile conf(configHome() + QStringLiteral("/quillfen/Vantrel.conf"));
-        ASSERT_TRUE(conf.open(QIODevice::WriteOnly));
-        conf.write("[General]\nclipLengthSeconds=15\n");
+        usePrivateRuntime();
+        writeSettings("clipLengthSeconds=15\n");
     }
 
-    // Every status line the delegate shows, in order.
-    void follow(AppDelegate &delegate)
+    // Every status line the shell shows, in order.
+    void follow(AppShell &shell)
     {
-        QObject::connect(&delegate.model(), &AppModel::statusChanged, &delegate,
-                         [this, &delegate] { statuses << delegate.model().status(); });
+        QObject::connect(&shell.model(), &AppModel::statusChanged, &shell,
+                         [this, &shell] { statuses << shell.model().status(); });
     }
 
     QStringList statuses;
@@ -74,21 +65,21 @@ protected:
 
 } // namespace
 
-TEST_F(AppDelegateTest, ArmsAtLaunchSavesWithGuardsAndStopsKeepingTheSession)
+TEST_F(AppShellTest, ArmsAtLaunchSavesWithGuardsAndStopsKeepingTheSession)
 {
-    AppDelegate delegate;
-    follow(delegate);
-    ASSERT_TRUE(delegate.applicationDidFinishLaunching({}));
-    ASSERT_NE(delegate.statusMenu(), nullptr);
-    EXPECT_EQ(menuTexts(delegate.statusMenu()),
+    AppShell shell;
+    follow(shell);
+    ASSERT_TRUE(shell.launch({}));
+    ASSERT_NE(shell.tray()->menu(), nullptr);
+    EXPECT_EQ(menuTexts(shell.tray()->menu()),
               QStringList({"Open Vantrel", "-", "Arm Recording", "-", "Open Recordings", "-",
                            "Quit Vantrel"}));
 
     // Not armed yet: a save does nothing at all.
-    delegate.saveClip();
+    shell.saver()->save();
     EXPECT_TRUE(statuses.isEmpty());
 
-    ASSERT_TRUE(waitUntil([&] { return delegate.model().isClipping(); }, 20000))
+    ASSERT_TRUE(waitUntil([&] { return shell.model().isClipping(); }, 20000))
         << statuses.join(QLatin1Char('|')).toStdString();
     const QString armed = QStringLiteral("Recording. F12 saves the last 15 seconds from any app.");
     const QString armedLocal = QStringLiteral(
@@ -97,39 +88,39 @@ TEST_F(AppDelegateTest, ArmsAtLaunchSavesWithGuardsAndStopsKeepingTheSession)
     ASSERT_EQ(statuses.size(), 2);
     EXPECT_EQ(statuses[0], QStringLiteral("Arming recording…"));
     EXPECT_TRUE(statuses[1] == armed || statuses[1] == armedLocal) << statuses[1].toStdString();
-    EXPECT_FALSE(delegate.model().isBusy());
-    EXPECT_EQ(menuTexts(delegate.statusMenu()),
+    EXPECT_FALSE(shell.model().isBusy());
+    EXPECT_EQ(menuTexts(shell.tray()->menu()),
               QStringList({"Open Vantrel", "-", "Save Clip  F12", "Stop Recording", "-",
                            "Open Recordings", "-", "Quit Vantrel"}));
 
     // A second arming while armed changes nothing.
-    delegate.startClipping();
+    shell.arming()->start();
     EXPECT_EQ(statuses.size(), 2);
 
     pump(3000);
     statuses.clear();
-    delegate.saveClip();
-    delegate.saveClip(); // while the first runs: ignored
-    ASSERT_TRUE(waitUntil([&] { return !delegate.model().isSaving(); }, 20000));
+    shell.saver()->save();
+    shell.saver()->save(); // while the first runs: ignored
+    ASSERT_TRUE(waitUntil([&] { return !shell.model().isSaving(); }, 20000));
     // Signed out, the share hook replaces the line that named the file.
     ASSERT_EQ(statuses.size(), 3) << statuses.join(QLatin1Char('|')).toStdString();
     EXPECT_EQ(statuses[0], QStringLiteral("Saving clip…"));
     ASSERT_TRUE(statuses[1].startsWith(QStringLiteral("Saved Clip "))) << statuses[1].toStdString();
     EXPECT_TRUE(statuses[1].endsWith(QStringLiteral(".mp4.")));
     EXPECT_EQ(statuses[2], QStringLiteral("Saved. Sign in to share a link."));
-    EXPECT_EQ(delegate.model().tab(), AppModel::Tab::library);
+    EXPECT_EQ(shell.model().tab(), AppModel::Tab::library);
     const QString clipName = statuses[1].mid(6).chopped(1);
-    ASSERT_FALSE(delegate.model().clips().isEmpty());
-    EXPECT_EQ(delegate.model().clips().first().name, clipName);
+    ASSERT_FALSE(shell.model().clips().isEmpty());
+    EXPECT_EQ(shell.model().clips().first().name, clipName);
     EXPECT_TRUE(QFileInfo::exists(home() + QStringLiteral("/Videos/Vantrel/") + clipName));
 
     // Within 1.5 s of the last accepted press: ignored, even though that save has finished.
-    delegate.saveClip();
+    shell.saver()->save();
     EXPECT_EQ(statuses.size(), 3);
 
-    delegate.stopClipping();
-    delegate.startClipping(); // while the stop runs: ignored
-    ASSERT_TRUE(waitUntil([&] { return !delegate.model().isClipping(); }, 15000));
+    shell.arming()->stop();
+    shell.arming()->start(); // while the stop runs: ignored
+    ASSERT_TRUE(waitUntil([&] { return !shell.model().isClipping(); }, 15000));
     ASSERT_TRUE(waitUntil(
         [&] { return statuses.last().startsWith(QStringLiteral("Saved Session ")); }, 5000))
         << statuses.join(QLatin1Char('|')).toStdString();
@@ -137,64 +128,56 @@ TEST_F(AppDelegateTest, ArmsAtLaunchSavesWithGuardsAndStopsKeepingTheSession)
     EXPECT_TRUE(
         QFileInfo::exists(home() + QStringLiteral("/Videos/Vantrel/") + statuses.last().mid(6)));
     pump(500);
-    EXPECT_FALSE(delegate.engine().isArmed());
-    EXPECT_EQ(menuTexts(delegate.statusMenu())[2], QStringLiteral("Arm Recording"));
-    delegate.applicationWillTerminate();
+    EXPECT_FALSE(shell.engine().isArmed());
+    EXPECT_EQ(menuTexts(shell.tray()->menu())[2], QStringLiteral("Arm Recording"));
+    shell.shutDown();
 }
 
-TEST_F(AppDelegateTest, ASecondLaunchHandsItsLinksToTheFirstAndBuildsNothing)
+TEST_F(AppShellTest, ASecondLaunchHandsItsLinksToTheFirstAndBuildsNothing)
 {
-    QFile conf(configHome() + QStringLiteral("/quillfen/Vantrel.conf"));
-    ASSERT_TRUE(conf.open(QIODevice::WriteOnly));
-    conf.write("[General]\nclipLengthSeconds=15\narmOnLaunch=false\n");
-    conf.close();
+    writeSettings("clipLengthSeconds=15\narmOnLaunch=false\n");
 
-    AppDelegate first;
+    AppShell first;
     follow(first);
-    ASSERT_TRUE(first.applicationDidFinishLaunching({}));
+    ASSERT_TRUE(first.launch({}));
     pump(1000);
     EXPECT_FALSE(first.model().isClipping()); // neither the settings nor the intent say arm
     EXPECT_TRUE(statuses.isEmpty());
 
     bool handedOff = false;
     {
-        AppDelegate second;
+        AppShell second;
         // The hand-off waits for the first to read the link, so the first must keep running.
         QMetaObject::invokeMethod(
-            &second,
-            [&] { handedOff = !second.applicationDidFinishLaunching({"vantrel://start"}); },
+            &second, [&] { handedOff = !second.launch({"vantrel://start"}); },
             Qt::QueuedConnection);
         ASSERT_TRUE(waitUntil([&] { return handedOff; }, 5000));
-        EXPECT_EQ(second.statusItem(), nullptr);
+        EXPECT_EQ(second.tray(), nullptr);
         EXPECT_EQ(second.library(), nullptr);
     }
     ASSERT_TRUE(waitUntil([&] { return first.model().isClipping(); }, 20000))
         << statuses.join(QLatin1Char('|')).toStdString();
-    first.applicationWillTerminate();
+    first.shutDown();
 }
 
-// Every start that fails says why in the status line, with its own sentence, and nothing
-// relaunches the program: under X11 there is no access a restart could complete.
-TEST_F(AppDelegateTest, EachStartFailureSaysWhyAndNothingRelaunches)
+// Every start that fails says why in the status line, with its own sentence.
+TEST_F(AppShellTest, EachStartFailureSaysWhy)
 {
-    QFile conf(configHome() + QStringLiteral("/quillfen/Vantrel.conf"));
-    ASSERT_TRUE(conf.open(QIODevice::WriteOnly));
-    conf.write("[General]\nclipLengthSeconds=15\narmOnLaunch=false\n");
-    conf.close();
-    AppDelegate delegate;
-    follow(delegate);
-    ASSERT_TRUE(delegate.applicationDidFinishLaunching({}));
+    writeSettings("clipLengthSeconds=15\narmOnLaunch=false\n");
+    AppShell shell;
+    follow(shell);
+    ASSERT_TRUE(shell.launch({}));
 
     // Arms with one variable of the environment changed and answers the last status line.
     const auto armWith = [&](const char *name, const QByteArray &value) {
         const QByteArray old = qgetenv(name);
         qputenv(name, value);
         statuses.clear();
-        delegate.startClipping();
-        EXPECT_TRUE(waitUntil([&] { return !delegate.model().isBusy(); }, 20000));
+        shell.arming()->start();
+        EXPECT_TRUE(waitUntil([&] { return !shell.model().isBusy(); }, 20000));
         qputenv(name, old);
-        EXPECT_FALSE(delegate.model().isClipping());
-        EXPECT_FALSE(delegate.engine().isArmed());
+        EXPECT_FALSE(shell.model().isClipping());
+        EXPECT_FALSE(shell.engine().isArmed());
         return statuses.isEmpty() ? QString() : statuses.last();
     };
 
@@ -220,13 +203,9 @@ TEST_F(AppDelegateTest, EachStartFailureSaysWhyAndNothingRelaunches)
         QStringLiteral("This Wayland session has no screen-sharing portal. Install ")))
         << noPortal.toStdString();
 
-    const auto prefs = Preferences::open();
-    EXPECT_FALSE(prefs->value(QStringLiteral("didRelaunchForScreen")).toBool());
-    EXPECT_FALSE(prefs->value(QStringLiteral("autoStartClipping")).toBool());
-
-    // With the causes gone the same delegate arms.
-    delegate.startClipping();
-    EXPECT_TRUE(waitUntil([&] { return delegate.model().isClipping(); }, 20000))
+    // With the causes gone the same shell arms.
+    shell.arming()->start();
+    EXPECT_TRUE(waitUntil([&] { return shell.model().isClipping(); }, 20000))
         << statuses.join(QLatin1Char('|')).toStdString();
-    delegate.applicationWillTerminate();
+    shell.shutDown();
 }

@@ -1,7 +1,0 @@
-#include "input/MicAccess.h"
-
-namespace MicAccess {
-
-void requestIfNeeded() { }
-
-} // namespace MicAccess
