@@ -45,6 +45,23 @@ const QDBusArgument &operator>>(const QDBusArgument &argument, BusShortcut &shor
 
 Q_DECLARE_METATYPE(BusShortcut)
 
+namespace {
+
+// The a(sa{sv}) that CreateSession's "shortcuts" option and BindShortcuts both take.
+QList<BusShortcut> busShortcuts(const QList<PortalShortcut::Shortcut> &asked)
+{
+    QList<BusShortcut> shortcuts;
+    for (const PortalShortcut::Shortcut &shortcut : asked) {
+        QVariantMap properties {{QStringLiteral("description"), shortcut.description}};
+        if (!shortcut.displayText.isEmpty())
+            properties.insert(QStringLiteral("preferred_trigger"), shortcut.displayText);
+        shortcuts.append({shortcut.id, properties});
+    }
+    return shortcuts;
+}
+
+} // namespace
+
 const QString PortalShortcut::clipId = QStringLiteral("save-clip");
 
 QString PortalShortcut::lengthId(int seconds)
@@ -114,8 +131,12 @@ bool PortalShortcut::install(const QList<Shortcut> &shortcuts)
     closeSession();
     const int generation = ++m_generation;
     setState(State::binding);
+    // The shortcuts go to CreateSession as well as to BindShortcuts: Plasma before 6.1 registers
+    // only those given to CreateSession and ignores BindShortcuts' list, and a desktop that
+    // honours both binds the same ids twice, which changes nothing.
     request(QStringLiteral("CreateSession"), {},
-            {{QStringLiteral("session_handle_token"), DesktopPortal::newToken()}},
+            {{QStringLiteral("session_handle_token"), DesktopPortal::newToken()},
+             {QStringLiteral("shortcuts"), QVariant::fromValue(busShortcuts(m_shortcuts))}},
             [this, generation](uint code, const QVariantMap &results) {
                 if (generation != m_generation)
                     return;
@@ -132,17 +153,10 @@ bool PortalShortcut::install(const QList<Shortcut> &shortcuts)
 void PortalShortcut::bind()
 {
     const int generation = m_generation;
-    QList<BusShortcut> shortcuts;
-    for (const Shortcut &shortcut : m_shortcuts) {
-        QVariantMap properties {{QStringLiteral("description"), shortcut.description}};
-        if (!shortcut.displayText.isEmpty())
-            properties.insert(QStringLiteral("preferred_trigger"), shortcut.displayText);
-        shortcuts.append({shortcut.id, properties});
-    }
     request(
         QStringLiteral("BindShortcuts"),
-        {QVariant::fromValue(QDBusObjectPath(m_session)), QVariant::fromValue(shortcuts),
-         QString()},
+        {QVariant::fromValue(QDBusObjectPath(m_session)),
+         QVariant::fromValue(busShortcuts(m_shortcuts)), QString()},
         {}, [this, generation](uint code, const QVariantMap &results) {
             if (generation != m_generation)
                 return;
