@@ -404,10 +404,18 @@ QString HotkeyManager::keyNotice() const
     // waits in the desktop's settings.
     if (desktopShortcutDeclined())
         return QStringLiteral("Allow Vantrel's shortcut in your desktop's settings.");
+    if (desktopLacksShortcuts())
+        return PermissionTexts::withoutDesktopShortcuts(
+            qEnvironmentVariable("XDG_CURRENT_DESKTOP"));
     if (DisplaySession::isWayland())
         return QStringLiteral("Under Wayland, Vantrel needs to read the keyboard: add yourself to "
                               "the input group, then log in again.");
     return QStringLiteral("Add yourself to the input group to use it everywhere.");
+}
+
+bool HotkeyManager::desktopLacksShortcuts() const
+{
+    return m_portalShortcut && m_portalShortcut->state() == PortalShortcut::State::unavailable;
 }
 
 bool HotkeyManager::desktopShortcutDeclined() const

@@ -123,6 +123,9 @@ public:
     // The desktop offers its global shortcut, but the clip key is not bound there (the user
     // declined, or the desktop failed).
     bool desktopShortcutDeclined() const;
+    // A Wayland desktop whose portal has no global shortcuts (GNOME before 48, most wlroots
+    // desktops): only the keyboards or our window hear the clip key there.
+    bool desktopLacksShortcuts() const;
 
     // For tests and benchmarks: the clock of the debounce, its minimum interval between fires,
     // the paths that may be installed, and how keyboards are recognised.

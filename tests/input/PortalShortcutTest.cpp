@@ -199,8 +199,17 @@ TEST_F(PortalShortcutTest, WithoutTheInterfaceTheKeyFallsBackAndSaysSo)
     EXPECT_FALSE(manager.worksInOtherApps());
     EXPECT_EQ(manager.installedPathsText(), QStringLiteral("window"));
     EXPECT_FALSE(manager.desktopShortcutDeclined());
+    EXPECT_TRUE(manager.desktopLacksShortcuts());
+    // The way round it in the words of the desktop the user has.
     EXPECT_EQ(manager.keyNotice(),
-              QStringLiteral("Under Wayland, Vantrel needs to read the keyboard: add yourself to "
-                             "the input group, then log in again."));
+              QStringLiteral("This desktop gives apps no shortcuts of their own: bind a key to the "
+                             "command vantrel vantrel://clip in its keyboard settings, or add "
+                             "yourself to the input group."));
+    qputenv("XDG_CURRENT_DESKTOP", "ubuntu:GNOME");
+    EXPECT_TRUE(manager.keyNotice().startsWith(
+        QStringLiteral("GNOME gives apps shortcuts of their own only from version 48: add one in "
+                       "Settings › Keyboard › View and Customize Shortcuts › Custom Shortcuts "
+                       "with the command vantrel vantrel://clip")))
+        << manager.keyNotice().toStdString();
     manager.unregister();
 }
