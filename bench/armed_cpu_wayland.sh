@@ -44,11 +44,9 @@ start_session() {
     local state; state=$(cat "$session/state")
     compositor_pids=$(for name in shell kwin portal-backend pipewire; do
       [ -f "$state/pids/$name" ] && cut -d' ' -f1 "$state/pids/$name"; done)
-    # Each start has a bus of its own; the engine's settings and the peer get a fresh token.
+    # Each start has a bus of its own, and each side a fresh token.
     eval "$("$fixture" env "$session")"
     token=$("$fixture" token "$session")
-    mkdir -p "$work/home/.config/quillfen"
-    printf '[General]\nscreenCastRestoreToken=%s\n' "$token" >"$work/home/.config/quillfen/Vantrel.conf"
   fi
 }
 # A fresh session for each side and for the save, as if logging in again: after a client's
@@ -61,10 +59,8 @@ fresh_session() {
 start_session
 eval "$("$fixture" env "$session")"
 unset DISPLAY
-# Outside sway the engine reads its restore token from settings of its own.
-engine_env() {
-  if [ "$kind" = sway ]; then "$@"; else HOME=$work/home XDG_CONFIG_HOME=$work/home/.config "$@"; fi
-}
+# Outside sway the engine starts from the pre-approved token.
+engine_env() { VANTREL_RESTORE_TOKEN=$token "$@"; }
 compositor_ticks() { local sum=0 p; for p in $compositor_pids; do sum=$((sum + $(ticks "$p"))); done; echo $sum; }
 
 # The stream's own counters, from the last line of that kind in a log: the pictures the
@@ -132,8 +128,8 @@ ratio=$(awk -v a="$ours" -v b="$theirs" 'BEGIN {printf "%.2f", (b > 0) ? a / b :
 handed_on=$(field handed_on <"$work/engine.txt" | median)
 printf 'moving screen: engine %.1f %% of a core encoding %.1f frames/s (%.2f %% of the pictures the compositor offered it), gstreamer %.1f %% encoding %.1f frames/s, ratio %s\n' \
   "$ours" "$ours_fps" "$handed_on" "$theirs" "$theirs_fps" "$ratio"
-printf 'compositor ($kind + portal backend + pipewire): %.1f %% of a core beside the engine, %.1f %% beside gstreamer\n' \
-  "$ours_comp" "$theirs_comp"
+printf 'compositor (%s + portal backend + pipewire): %.1f %% of a core beside the engine, %.1f %% beside gstreamer\n' \
+  "$kind" "$ours_comp" "$theirs_comp"
 
 # Lost during the save: pictures the compositor offered that the capture skipped between the
 # save's start and its file being written (the grid's gaps are the compositor's, who sends a
