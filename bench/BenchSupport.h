@@ -89,6 +89,15 @@ inline std::map<std::string, double> threadCpuSeconds()
     return out;
 }
 
+// /proc/loadavg as it reads now: the machine is shared, and every figure is read against it.
+inline std::string loadAverage()
+{
+    std::ifstream file("/proc/loadavg");
+    std::string line;
+    std::getline(file, line);
+    return line;
+}
+
 // Points HOME and the XDG folders at a fresh temporary folder, so a benchmark never reads or
 // writes the user's own settings or clips.
 inline std::string isolateHome()

@@ -7,7 +7,9 @@
 # for the engine alone, the frames lost while a 30 s clip is saved mid-capture.
 #
 #   bench/armed_cpu_wayland.sh        (scripts/bench armed_cpu_wayland builds first)
-# ARMED_CPU_SECONDS (20) and ARMED_CPU_RUNS (3) shorten it for a trial.
+# ARMED_CPU_SECONDS (20) and ARMED_CPU_RUNS (3) shorten it for a trial. ARMED_CPU_SESSION=gnome
+# runs it in a headless GNOME session instead (tests/fixtures/desktop-session, turning gears, no
+# tone), where both sides start from a pre-approved restore token as after a user allowed once.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
@@ -15,8 +17,11 @@ bin=build/bin
 seconds=${ARMED_CPU_SECONDS:-20}
 runs=${ARMED_CPU_RUNS:-3}
 work=$(mktemp -d /tmp/vantrel-armed-wayland-XXXXXX)
+kind=${ARMED_CPU_SESSION:-sway}
 fixture=tests/fixtures/wayland
+[ "$kind" = sway ] || fixture=tests/fixtures/desktop-session
 session=$work/session
+token=""
 peer_pid=""
 
 . bench/lib/measure.sh
@@ -30,9 +35,19 @@ trap cleanup EXIT
 
 
 start_session() {
-  VANTREL_WAYLAND_TICK=0.01 "$fixture" start "$session" "$PWD/build/xdg-desktop-portal-wlr" 2>"$work/fixture.log" ||
-    { cat "$work/fixture.log" >&2; exit 1; }
-  compositor_pids=$(for name in sway xdpw pipewire; do cut -d' ' -f1 "$session/pids/$name"; done)
+  if [ "$kind" = sway ]; then
+    VANTREL_WAYLAND_TICK=0.01 "$fixture" start "$session" "$PWD/build/xdg-desktop-portal-wlr" 2>"$work/fixture.log" ||
+      { cat "$work/fixture.log" >&2; exit 1; }
+    compositor_pids=$(for name in sway xdpw pipewire; do cut -d' ' -f1 "$session/pids/$name"; done)
+  else
+    "$fixture" start "$kind" "$session" >"$work/fixture.log" 2>&1 || { cat "$work/fixture.log" >&2; exit 1; }
+    local state; state=$(cat "$session/state")
+    compositor_pids=$(for name in shell kwin portal-backend pipewire; do
+      [ -f "$state/pids/$name" ] && cut -d' ' -f1 "$state/pids/$name"; done)
+    # Each start has a bus of its own, and each side a fresh token.
+    eval "$("$fixture" env "$session")"
+    token=$("$fixture" token "$session")
+  fi
 }
 # A fresh session for each side and for the save, as if logging in again: after a client's
 # session has closed, xdg-desktop-portal-wlr 0.7 sometimes exits, and sometimes stays up but
@@ -44,6 +59,8 @@ fresh_session() {
 start_session
 eval "$("$fixture" env "$session")"
 unset DISPLAY
+# Outside sway the engine starts from the pre-approved token.
+engine_env() { VANTREL_RESTORE_TOKEN=$token "$@"; }
 compositor_ticks() { local sum=0 p; for p in $compositor_pids; do sum=$((sum + $(ticks "$p"))); done; echo $sum; }
 
 # The stream's own counters, from the last line of that kind in a log: the pictures the
@@ -56,7 +73,7 @@ count() { echo "$1" | field "$2"; }
 engine() {
   local c0 t0 out counts
   c0=$(compositor_ticks); t0=$(date +%s.%N)
-  out=$("$bin/bench_armed_cpu" --seconds "$seconds" --settle 3 2>"$work/engine.log")
+  out=$(engine_env "$bin/bench_armed_cpu" --seconds "$seconds" --settle 3 2>"$work/engine.log")
   counts=$(counters "pipewire capture frames=" "$work/engine.log")
   awk -v out="$out" -v c="$(($(compositor_ticks) - c0))" -v t0="$t0" -v t1="$(date +%s.%N)" -v hz="$hz" \
     -v f="$(count "$counts" frames)" -v s="$(count "$counts" skipped)" \
@@ -68,7 +85,7 @@ engine() {
 # which costs it a little more on the tone).
 peer() {
   local log=$work/peer.log
-  bench/portal_cast.py gst-launch-1.0 -v pipewiresrc fd={fd} path={node} do-timestamp=true \
+  VANTREL_RESTORE_TOKEN=$token bench/portal_cast.py gst-launch-1.0 -v pipewiresrc fd={fd} path={node} do-timestamp=true \
     ! videoconvert ! video/x-raw,format=I420 \
     ! x264enc speed-preset=ultrafast tune=zerolatency bitrate=18000 key-int-max=120 bframes=0 threads=2 \
     ! fakesink name=video silent=false sync=false \
@@ -88,7 +105,7 @@ peer() {
     'BEGIN {printf "cpu=%.2f encoded=%.2f compositor=%.2f\n", c / hz / (t1 - t0) * 100, f / (t1 - t0), k / hz / (t1 - t0) * 100}'
 }
 
-echo "armed_cpu_wayland: sway headless 1920x1080, $runs runs of $seconds s, alternating; load $(cut -d' ' -f1-3 /proc/loadavg)"
+echo "armed_cpu_wayland: $kind headless 1920x1080, $runs runs of $seconds s, alternating; load $(cut -d' ' -f1-3 /proc/loadavg)"
 : >"$work/engine.txt"; : >"$work/peer.txt"
 for run in $(seq "$runs"); do
   # Each side runs in a pipeline's subshell: the session is checked out here, in the script's own.
@@ -111,14 +128,14 @@ ratio=$(awk -v a="$ours" -v b="$theirs" 'BEGIN {printf "%.2f", (b > 0) ? a / b :
 handed_on=$(field handed_on <"$work/engine.txt" | median)
 printf 'moving screen: engine %.1f %% of a core encoding %.1f frames/s (%.2f %% of the pictures the compositor offered it), gstreamer %.1f %% encoding %.1f frames/s, ratio %s\n' \
   "$ours" "$ours_fps" "$handed_on" "$theirs" "$theirs_fps" "$ratio"
-printf 'compositor (sway + portal backend + pipewire): %.1f %% of a core beside the engine, %.1f %% beside gstreamer\n' \
-  "$ours_comp" "$theirs_comp"
+printf 'compositor (%s + portal backend + pipewire): %.1f %% of a core beside the engine, %.1f %% beside gstreamer\n' \
+  "$kind" "$ours_comp" "$theirs_comp"
 
 # Lost during the save: pictures the compositor offered that the capture skipped between the
 # save's start and its file being written (the grid's gaps are the compositor's, who sends a
 # picture only when something changed, so they say nothing here).
 fresh_session
-saved=$("$bin/bench_armed_cpu" --clip-length 30 --settle 33 --seconds 10 --save 2>"$work/save.log") ||
+saved=$(engine_env "$bin/bench_armed_cpu" --clip-length 30 --settle 33 --seconds 10 --save 2>"$work/save.log") ||
   { echo "the save run failed:"; tail -n 20 "$work/save.log"; exit 1; }
 before=$(counters "save started: capture" "$work/save.log")
 after=$(counters "save written: capture" "$work/save.log")

@@ -5,6 +5,7 @@
 // are medians.
 
 #include "BenchSupport.h"
+#include "TimedProcess.h"
 
 #include "core/ClipSettings.h"
 #include "core/SerialQueue.h"
@@ -151,16 +152,7 @@ double runPeer(const Case &c, const QString &folder)
          << "1.5"
          << "-b:a"
          << "192k" << out;
-
-    const auto start = std::chrono::steady_clock::now();
-    QProcess ffmpeg;
-    ffmpeg.start(QStringLiteral("ffmpeg"), args);
-    ffmpeg.waitForFinished(600'000);
-    const double elapsed = bench::secondsSince(start);
-    if (ffmpeg.exitCode() != 0)
-        std::fprintf(stderr, "ffmpeg failed: %s\n", ffmpeg.readAllStandardError().constData());
-    QFile::remove(out);
-    return elapsed;
+    return bench::timedFfmpeg(args, out);
 }
 
 } // namespace

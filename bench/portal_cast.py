@@ -4,6 +4,7 @@ way any screen recorder on Wayland would: the benchmark's peer reads the same st
 
   portal_cast.py COMMAND...    "{fd}" and "{node}" in the arguments become the PipeWire
                                descriptor (inherited by the command) and the stream's node.
+  VANTREL_RESTORE_TOKEN        a restore token to offer instead of asking
 Exits with the command's status; the portal session ends with this process.
 """
 import os
@@ -47,8 +48,11 @@ def ask(method, *arguments, options):
 
 session = ask(cast.CreateSession, options={"session_handle_token": "benchs%d" % os.getpid()})[
     "session_handle"]
-ask(cast.SelectSources, session, options={"types": dbus.UInt32(1), "multiple": False,
-                                          "cursor_mode": dbus.UInt32(2)})
+sources = {"types": dbus.UInt32(1), "multiple": False, "cursor_mode": dbus.UInt32(2)}
+# A restore token stands for the user's answer where the desktop's question cannot be answered.
+if os.environ.get("VANTREL_RESTORE_TOKEN"):
+    sources.update(restore_token=os.environ["VANTREL_RESTORE_TOKEN"], persist_mode=dbus.UInt32(2))
+ask(cast.SelectSources, session, options=sources)
 streams = ask(cast.Start, session, "", options={})["streams"]
 node = int(streams[0][0])
 fd = cast.OpenPipeWireRemote(session, dbus.Dictionary({}, signature="sv")).take()

@@ -36,6 +36,14 @@ function(vantrel_test_cases name prefix)
   if(T_SERIAL)
     string(APPEND props " RUN_SERIAL TRUE")
   endif()
+  # Tests that share a server run one at a time, so one test's keys or sounds never reach
+  # another.
+  # LOCKS adds resources of other kinds: "encoder" for the tests that encode a whole screen in
+  # real time, which starve each other (and drop audio) when two run at once on two cores.
+  set(locks ${T_FIXTURES} ${T_LOCKS})
+  if(locks)
+    string(APPEND props " RESOURCE_LOCK [==[${locks}]==]")
+  endif()
   if(T_FIXTURES)
     set(required ${T_FIXTURES})
     if("service_pair" IN_LIST T_FIXTURES)
@@ -43,12 +51,6 @@ function(vantrel_test_cases name prefix)
       list(APPEND required postgres s3)
     endif()
     string(APPEND props " FIXTURES_REQUIRED [==[${required}]==]")
-    # Tests that share a server run one at a time, so one test's keys or sounds never reach
-    # another.
-    # LOCKS adds resources of other kinds: "encoder" for the tests that encode a whole screen in
-    # real time, which starve each other (and drop audio) when two run at once on two cores.
-    set(locks ${T_FIXTURES} ${T_LOCKS})
-    string(APPEND props " RESOURCE_LOCK [==[${locks}]==]")
     set(env "VANTREL_FIXTURE_DIR=${VANTREL_FIXTURE_DIR}")
     if("xvfb" IN_LIST T_FIXTURES)
       list(APPEND env "DISPLAY=${VANTREL_TEST_DISPLAY}")

@@ -16,6 +16,7 @@
 #include "app/SingleInstance.h"
 #include "app/TrayIcon.h"
 #include "app/WakeObserver.h"
+#include "app/WindowHome.h"
 #include "cloud/AccountStore.h"
 #include "core/Log.h"
 #include "core/Paths.h"
@@ -135,6 +136,10 @@ void AppShell::makePieces()
     connect(m_tray, &TrayIcon::openRecordingsRequested, m_library.get(),
             &ClipLibrary::revealFolder);
     connect(m_tray, &TrayIcon::quitRequested, qApp, &QCoreApplication::quit, Qt::QueuedConnection);
+    m_windowHome = new WindowHome(*m_arming, this);
+    connect(m_windowHome, &WindowHome::windowWanted, this, &AppShell::showWindow);
+    connect(m_windowHome, &WindowHome::quitRequested, qApp, &QCoreApplication::quit,
+            Qt::QueuedConnection);
     m_notifications = new ClipNotifications(*m_saver, *m_model, *m_library, this);
 }
 
@@ -188,6 +193,7 @@ void AppShell::showWindow()
         });
         connect(qApp, &QCoreApplication::aboutToQuit, m_window, &DashboardWindow::saveFrame);
         m_notifications->setWindow(m_window);
+        m_windowHome->watch(m_window);
     }
     m_window->bringForward();
 }

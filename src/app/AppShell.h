@@ -19,6 +19,7 @@ class QMenuBar;
 class ShareActions;
 class SingleInstance;
 class TrayIcon;
+class WindowHome;
 
 // The program from launch to quit. It makes and owns the pieces of the shell and connects them:
 //
@@ -68,6 +69,7 @@ public:
     DashboardActions *actions() const { return m_actions; }
     LinkRouter *links() const { return m_links; }
     TrayIcon *tray() const { return m_tray; }
+    WindowHome *windowHome() const { return m_windowHome; }
     QMenuBar *mainMenu() const;
     DashboardWindow *window() const;
 
@@ -85,6 +87,7 @@ private:
     DashboardActions *m_actions = nullptr;
     LinkRouter *m_links = nullptr;
     TrayIcon *m_tray = nullptr;
+    WindowHome *m_windowHome = nullptr;
     ClipNotifications *m_notifications = nullptr;
     QPointer<QMenuBar> m_mainMenu;
     QPointer<DashboardWindow> m_window;

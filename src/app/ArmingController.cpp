@@ -63,7 +63,7 @@ QString ArmingController::armedStatus() const
 {
     const HotkeyManager &hotkeys = HotkeyManager::shared();
     return StatusTexts::armed(ClipHotkey::displayName(), int(m_model.clipLength()),
-                              hotkeys.worksInOtherApps(), hotkeys.desktopShortcutDeclined());
+                              hotkeys.worksInOtherApps(), StatusTexts::keyRemedy(hotkeys));
 }
 
 QString ArmingController::idleStatus() const

@@ -193,6 +193,9 @@ void HomePage::refreshKey()
     m_saveKey->setText(m_model.hotkeyName());
     m_keyNoticeTitle->setText(m_model.hotkeyName() + QStringLiteral(" only works in this window"));
     m_keyNotice->setVisible(!m_model.hotkeyWorksEverywhere());
+    // Worded for this desktop: a key of its own where it has no global shortcuts.
+    if (auto *text = m_keyNotice->findChild<QLabel *>(QStringLiteral("keyNoticeText")))
+        text->setText(StatusTexts::keyAccessHint(StatusTexts::keyRemedy(HotkeyManager::shared())));
     if (m_model.hotkeyWorksEverywhere())
         m_keyHelp->hide();
 }

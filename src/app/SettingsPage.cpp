@@ -8,6 +8,7 @@
 #include "app/StatusTexts.h"
 #include "core/ClipSettings.h"
 #include "core/Palette.h"
+#include "input/HotkeyManager.h"
 
 #include <QHBoxLayout>
 #include <QPushButton>
@@ -214,8 +215,10 @@ void SettingsPage::refreshKey()
     m_keyChip->setText(capturing ? QStringLiteral("Press a key…") : m_model.hotkeyName());
     m_change->setText(capturing ? QStringLiteral("Cancel") : QStringLiteral("Change"));
     // The same words as Home's notice, so the two never tell different stories.
-    m_keyNote->setText(m_model.hotkeyWorksEverywhere() ? QStringLiteral("Works in any app.")
-                                                       : StatusTexts::keyAccessHint());
+    m_keyNote->setText(
+        m_model.hotkeyWorksEverywhere()
+            ? QStringLiteral("Works in any app.")
+            : StatusTexts::keyAccessHint(StatusTexts::keyRemedy(HotkeyManager::shared())));
 }
 
 void SettingsPage::refreshToggles()

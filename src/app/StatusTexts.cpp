@@ -1,22 +1,49 @@
 #include "app/StatusTexts.h"
 
 #include "input/ClipHotkey.h"
+#include "input/HotkeyManager.h"
+#include "input/PermissionTexts.h"
 #include "media/RecorderError.h"
 
 #include <QFileInfo>
 
 namespace StatusTexts {
 
-QString armed(const QString &key, int seconds, bool worksEverywhere, bool desktopShortcutDeclined)
+namespace {
+
+QString withoutDesktopShortcuts()
+{
+    return PermissionTexts::withoutDesktopShortcuts(qEnvironmentVariable("XDG_CURRENT_DESKTOP"));
+}
+
+} // namespace
+
+KeyRemedy keyRemedy(const HotkeyManager &hotkeys)
+{
+    if (hotkeys.desktopShortcutDeclined())
+        return KeyRemedy::allowShortcut;
+    return hotkeys.desktopLacksShortcuts() ? KeyRemedy::desktopKey : KeyRemedy::inputGroup;
+}
+
+QString armed(const QString &key, int seconds, bool worksEverywhere, KeyRemedy remedy)
 {
     if (worksEverywhere)
         return QStringLiteral("Recording. %1 saves the last %2 seconds from any app.")
             .arg(key)
             .arg(seconds);
-    const QString remedy = desktopShortcutDeclined
-        ? QStringLiteral("Allow Vantrel's shortcut in your desktop's settings.")
-        : QStringLiteral("Add yourself to the input group to use it everywhere.");
-    return QStringLiteral("Recording, but %1 only works in this window. %2").arg(key, remedy);
+    QString what;
+    switch (remedy) {
+    case KeyRemedy::allowShortcut:
+        what = QStringLiteral("Allow Vantrel's shortcut in your desktop's settings.");
+        break;
+    case KeyRemedy::desktopKey:
+        what = withoutDesktopShortcuts();
+        break;
+    case KeyRemedy::inputGroup:
+        what = QStringLiteral("Add yourself to the input group to use it everywhere.");
+        break;
+    }
+    return QStringLiteral("Recording, but %1 only works in this window. %2").arg(key, what);
 }
 
 QString idle(const QString &key, int seconds)
@@ -92,8 +119,10 @@ QString forSession(const SessionOutcome &session)
     return {};
 }
 
-QString keyAccessHint()
+QString keyAccessHint(KeyRemedy remedy)
 {
+    if (remedy == KeyRemedy::desktopKey)
+        return withoutDesktopShortcuts();
     return QStringLiteral("Under Wayland, Vantrel needs to read the keyboard: add yourself to the "
                           "input group, then log in again.");
 }

@@ -8,12 +8,21 @@
 
 // The status line's sentences: arming, saving and what the capture pipeline reports. Everything the
 // shell says about recording is worded here, so that a new sentence has one place to go.
+class HotkeyManager;
+
 namespace StatusTexts {
 
+// What would make the clip key work in other applications when it works only in our window.
+enum class KeyRemedy {
+    inputGroup, // read the keyboards
+    allowShortcut, // the desktop offers a global shortcut that is not bound
+    desktopKey, // the desktop has no global shortcuts: a key of its own that runs our link
+};
+KeyRemedy keyRemedy(const HotkeyManager &hotkeys);
+
 // Armed: what the clip key does, where it works and, when only in our window, what would make it
-// work everywhere (`desktopShortcutDeclined`: the desktop offers a global shortcut that is not
-// bound). `seconds` is the clip length.
-QString armed(const QString &key, int seconds, bool worksEverywhere, bool desktopShortcutDeclined);
+// work everywhere. `seconds` is the clip length.
+QString armed(const QString &key, int seconds, bool worksEverywhere, KeyRemedy remedy);
 // Not armed.
 QString idle(const QString &key, int seconds);
 
@@ -40,8 +49,9 @@ QString forSession(const SessionOutcome &session);
 QString forFallingBehind(double heldFps, int fps, int height);
 
 // What gives the clip key every application where it only works in our window. On X11 the key
-// already reaches every program through the X server; under Wayland it needs read access to
-// the keyboards, which the "input" group gives.
-QString keyAccessHint();
+// already reaches every program through the X server; under Wayland it needs the desktop's
+// global shortcut or read access to the keyboards, which the "input" group gives; a desktop
+// without global shortcuts can run our link on a key of its own.
+QString keyAccessHint(KeyRemedy remedy = KeyRemedy::inputGroup);
 
 } // namespace StatusTexts

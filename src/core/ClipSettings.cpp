@@ -1,5 +1,6 @@
 #include "core/ClipSettings.h"
 
+#include "core/LengthKeys.h"
 #include "core/Preferences.h"
 
 #include <algorithm>
@@ -13,9 +14,12 @@ const QString recordModeKey = QStringLiteral("recordMode");
 const QString armOnLaunchKey = QStringLiteral("armOnLaunch");
 const QString keepRunningKey = QStringLiteral("keepRunning");
 const QString qualityKey = QStringLiteral("captureQuality");
+const QString clearAfterSaveKey = QStringLiteral("clearAfterSave");
 
 // The clip length as last read or written; not a length at all until then.
 std::atomic<double> keptLength {-1};
+// What the replay keeps, the same way.
+std::atomic<double> keptReplay {-1};
 
 double offeredOr30(double seconds)
 {
@@ -93,11 +97,32 @@ void setMaxDuration(double seconds)
 {
     write(clipLengthKey, seconds);
     keptLength.store(offeredOr30(seconds), std::memory_order_relaxed);
+    keptReplay.store(-1, std::memory_order_relaxed);
 }
 
 void reload()
 {
     keptLength.store(-1, std::memory_order_relaxed);
+    keptReplay.store(-1, std::memory_order_relaxed);
+}
+
+double keptDuration()
+{
+    const double kept = keptReplay.load(std::memory_order_relaxed);
+    if (kept > 0)
+        return kept;
+    const double longest = std::max(maxDuration(), double(LengthKeys::longestBound()));
+    keptReplay.store(longest, std::memory_order_relaxed);
+    return longest;
+}
+
+bool clearAfterSave()
+{
+    return readBool(clearAfterSaveKey, false);
+}
+void setClearAfterSave(bool on)
+{
+    write(clearAfterSaveKey, on);
 }
 
 bool captureMic()

@@ -69,6 +69,18 @@ double maxDuration();
 void setMaxDuration(double seconds);
 void reload();
 
+// What the replay keeps, in seconds: the longest length anyone can ask for with a key, which is
+// the clip length or the longest length that has a key of its own (LengthKeys), whichever is
+// longer. Kept in memory like the clip length, and read afresh by reload() (which a new or
+// cleared length key calls). A save of a longer length (the tray offers every length) gets what
+// the replay holds, and says so.
+double keptDuration();
+
+// After each save the replay starts empty, so the next clip never repeats the last one; the
+// session file is not affected. False when missing.
+bool clearAfterSave();
+void setClearAfterSave(bool on);
+
 bool captureMic(); // false when missing
 void setCaptureMic(bool on);
 

@@ -341,6 +341,9 @@ void ClipEngine::addOutputs(Capture &capture, bool mic, const StreamConfiguratio
                                                 return;
                                         }
                                         ++m_framesIn;
+                                        if (m_keyFrameWanted.load(std::memory_order_relaxed) &&
+                                            m_keyFrameWanted.exchange(false))
+                                            m_encoder->requestKeyFrame();
                                         m_encoder->encode(std::move(frame));
                                     });
     capture.stream->addAudioOutput(StreamOutputType::audio, *capture.audioQueue,
@@ -540,7 +543,12 @@ void ClipEngine::logCaptureCounts(const QString &when) const
 
 QFuture<WrittenFile> ClipEngine::saveClip()
 {
-    return SharedPool::task<WrittenFile>([this] {
+    return saveClip(ClipSettings::maxDuration());
+}
+
+QFuture<WrittenFile> ClipEngine::saveClip(double seconds)
+{
+    return SharedPool::task<WrittenFile>([this, seconds] {
         if (!m_armed)
             throw RecorderError::notArmed();
         log(QString::asprintf("saveClip buffer=%.1fs videos=%d audio=%d",
@@ -551,6 +559,7 @@ QFuture<WrittenFile> ClipEngine::saveClip()
         logCaptureCounts(QStringLiteral("save started"));
         // The session file's AAC of this arming, which the clip copies instead of encoding again.
         ClipExport::Options options;
+        options.lengthSeconds = seconds;
         options.framesIn = m_framesIn.load();
         options.framesEncoded = m_framesEncoded.load();
         {
@@ -560,16 +569,37 @@ QFuture<WrittenFile> ClipEngine::saveClip()
                 options.micHistory = m_sessionRecorder->micHistory();
             }
         }
+        const bool clear = ClipSettings::clearAfterSave();
+        const ReplayBuffer::Snapshot snapshot = m_buffer.snapshot();
+        // The frame after the snapshot opens the next clip, so it must be a key frame; asked
+        // for now, it is the next one encoded. (If this save fails, the key frame is merely
+        // one more.)
+        if (clear)
+            m_keyFrameWanted = true;
         // Both answer from their own queues, not from the pool.
         WrittenFile clip;
         {
             const auto written =
                 qScopeGuard([this] { logCaptureCounts(QStringLiteral("save written")); });
-            clip = ClipExport::exportClip(m_buffer.snapshot(), options).result();
+            clip = ClipExport::exportClip(snapshot, options).result();
+        }
+        if (clear) {
+            m_buffer.dropThrough(snapshot);
+            log(QStringLiteral("replay cleared after the save"));
         }
         if (!clip.shortfall.isComplete())
             log(QStringLiteral("clip %1 is missing %2").arg(clip.path, clip.shortfall.text()));
         clip.path = ClipFinish::publish(clip.path).result();
         return clip;
     });
+}
+
+int64_t ClipEngine::replayBytes(double seconds, bool mic)
+{
+    // The buffer keeps up to a key-frame interval beyond the length, so that it opens on one.
+    const double held = seconds + 2.0;
+    const double videoBytesPerSecond = double(VideoEncoder::averageBitRate) / 8;
+    const double audioBytesPerSecond =
+        double(AudioDefaults::sampleRate) * AudioDefaults::channels * sizeof(float);
+    return int64_t(held * (videoBytesPerSecond + audioBytesPerSecond * (mic ? 2 : 1)));
 }

@@ -82,8 +82,21 @@ public:
     // and its result, whatever `saveSession` each passed; the result stays until the next
     // start().
     QFuture<SessionOutcome> stop(bool saveSession = true);
-    // Exports the buffer's last seconds and answers the published clip with what it lacks.
+    // Exports the buffer's last seconds, the clip length chosen in the settings, and answers the
+    // published clip with what it lacks.
     QFuture<WrittenFile> saveClip();
+    // The same for a length of `seconds` (a length key, the tray). When the buffer holds less,
+    // the clip is all it holds and the answer says so (WrittenFile::isShorterThanAsked). With
+    // "clear after save" on, a saved clip's frames and audio leave the buffer, and the encoder
+    // makes the next frame a key frame, so the next clip opens right after this one and never
+    // repeats it; a save that fails leaves the buffer as it was.
+    QFuture<WrittenFile> saveClip(double seconds);
+
+    // What the replay costs in memory, in bytes, when it keeps `seconds` (ClipSettings::
+    // keptDuration) with the microphone or not: the video at the encoder's average rate and the
+    // audio as captured (48 kHz stereo float), with the two seconds the buffer may keep beyond
+    // the length to start on a key frame. A busy screen costs this much; a still one much less.
+    static int64_t replayBytes(double seconds, bool mic);
 
     double bufferedDuration() const { return m_buffer.bufferedDuration(); }
     bool isArmed() const { return m_armed.load(); }
@@ -171,6 +184,8 @@ private:
     std::atomic<std::chrono::milliseconds> m_startLimit {std::chrono::milliseconds(8000)};
     std::atomic<int64_t> m_framesIn {0};
     std::atomic<int64_t> m_framesEncoded {0};
+    // A save emptied the buffer: the video queue asks the encoder for a key frame.
+    std::atomic<bool> m_keyFrameWanted {false};
 
     // m_stopLock guards m_inflightStop, and orders start()'s reset of m_ignoringStreamStop with
     // it. Held only to read or replace them; nothing is awaited or called while it is held.

@@ -2,7 +2,6 @@
 
 #include "core/Preferences.h"
 
-#include <limits>
 #include <linux/input-event-codes.h>
 #include <map>
 
@@ -14,18 +13,9 @@ const QString keyCodeKey = QStringLiteral("clipHotkeyKeyCode");
 const QString modifiersKey = QStringLiteral("clipHotkeyModifiers");
 const QString displayKey = QStringLiteral("clipHotkeyDisplay");
 
-// A stored integer that another program may have written: anything that is not a whole number
-// from 0 to 2^32-1 is unusable.
 std::optional<uint32_t> storedUint32(const QString &key)
 {
-    const auto store = Preferences::open();
-    if (!store->contains(key))
-        return std::nullopt;
-    bool ok = false;
-    const qlonglong value = store->value(key).toLongLong(&ok);
-    if (!ok || value < 0 || value > qlonglong(std::numeric_limits<uint32_t>::max()))
-        return std::nullopt;
-    return uint32_t(value);
+    return Preferences::storedUint32(*Preferences::open(), key);
 }
 
 struct ModifierRow

@@ -1,6 +1,8 @@
 #include "input/HotkeyManager.h"
 
+#include "core/ClipSettings.h"
 #include "core/DisplaySession.h"
+#include "core/LengthKeys.h"
 #include "core/Log.h"
 #include "input/ClipHotkey.h"
 #include "input/InputAccess.h"
@@ -92,15 +94,57 @@ HotkeyManager::HotkeyManager()
         installAll();
         refreshGlobalState();
     });
-    connect(
-        this, &HotkeyManager::pressAccepted, this,
-        [this] {
-            if (onPress)
-                onPress();
-        },
-        Qt::QueuedConnection);
-    connect(&ClipHotkey::notifier(), &ClipHotkeyNotifier::clipHotkeyChanged, this,
+    connect(this, &HotkeyManager::pressAccepted, this, &HotkeyManager::deliver,
+            Qt::QueuedConnection);
+    connect(&ClipHotkey::notifier(), &ClipHotkeyNotifier::clipHotkeyChanged, this, [this] {
+        // A key saves one thing: a length that had the new clip key loses it (which comes back
+        // here through its own notice).
+        if (const auto length =
+                LengthKeys::lengthOf(ClipHotkey::keyCode(), ClipHotkey::modifiers()))
+            LengthKeys::clear(*length);
+        bindingChanged();
+    });
+    connect(&LengthKeys::notifier(), &LengthKeysNotifier::lengthKeyChanged, this,
             &HotkeyManager::bindingChanged);
+    reloadKeys();
+}
+
+size_t HotkeyManager::slotOf(int lengthSeconds)
+{
+    for (size_t i = 0; i < LengthKeys::lengths.size(); ++i) {
+        if (LengthKeys::lengths[i] == lengthSeconds)
+            return i + 1;
+    }
+    return 0;
+}
+
+void HotkeyManager::reloadKeys()
+{
+    auto keys = std::make_shared<BoundKeys>();
+    const BoundKey clip {ClipHotkey::keyCode(), ClipHotkey::modifiers(), 0,
+                         ClipHotkey::displayName()};
+    keys->push_back(clip);
+    for (int seconds : LengthKeys::lengths) {
+        const auto binding = LengthKeys::binding(seconds);
+        if (binding && !(binding->keyCode == clip.keyCode && binding->modifiers == clip.modifiers))
+            keys->push_back({binding->keyCode, binding->modifiers, seconds, binding->displayName});
+    }
+    std::scoped_lock lock(m_keysLock);
+    m_keys = std::move(keys);
+}
+
+std::shared_ptr<const HotkeyManager::BoundKeys> HotkeyManager::keys() const
+{
+    std::scoped_lock lock(m_keysLock);
+    return m_keys;
+}
+
+void HotkeyManager::deliver(int lengthSeconds)
+{
+    if (onSave)
+        onSave(lengthSeconds > 0 ? double(lengthSeconds) : ClipSettings::maxDuration());
+    else if (lengthSeconds == 0 && onPress)
+        onPress();
 }
 
 HotkeyManager::~HotkeyManager()
@@ -110,6 +154,7 @@ HotkeyManager::~HotkeyManager()
 
 void HotkeyManager::registerHotkey()
 {
+    reloadKeys();
     installGrab();
     if (isEnabled(Path::window)) {
         if (!m_localMonitor)
@@ -147,10 +192,11 @@ void HotkeyManager::setArmed(bool armed)
     if (!armed) {
         stopPermissionPoll();
         std::scoped_lock lock(stateLock);
-        clipKeyHeld = false;
+        keyHeld.fill(false);
         return;
     }
     PermissionOnce::noticeClipKeyIfNeeded();
+    reloadKeys();
     installAll();
     startPermissionPoll();
     refreshGlobalState();
@@ -163,11 +209,11 @@ void HotkeyManager::installAll()
     installRawMonitor();
 }
 
-void HotkeyManager::logStatus(const char *what, int status, int *lastLogged)
+void HotkeyManager::logStatus(const QString &what, int status, int *lastLogged)
 {
     // Retries run every 1.5 s; the log gets each new outcome once, not every attempt.
     if (status != *lastLogged && status != 0)
-        Log::system(QStringLiteral("%1 %2").arg(QLatin1String(what)).arg(status));
+        Log::system(QStringLiteral("%1 %2").arg(what).arg(status));
     *lastLogged = status;
 }
 
@@ -181,14 +227,22 @@ void HotkeyManager::installGrab()
             [this] { pathLost(Path::x11Grab); });
     if (!m_grab->isConnected()) {
         const int status = m_grab->connect();
-        logStatus("hotkey handler", status, &m_loggedHandlerStatus);
+        logStatus(QStringLiteral("hotkey handler"), status, &m_loggedHandlerStatus);
         if (status != 0)
             return;
     }
-    // While capturing, our window must see every key, the clip key included.
-    if (!m_grab->isGrabbed() && !isCapturing()) {
-        const int status = m_grab->grab(ClipHotkey::keyCode(), ClipHotkey::modifiers());
-        logStatus("hotkey", status, &m_loggedGrabStatus);
+    // While capturing, our window must see every key, the bound ones included.
+    if (isCapturing())
+        return;
+    // Each key on its own: one that another client holds is retried by the poll, the others
+    // work meanwhile.
+    for (const BoundKey &key : *keys()) {
+        if (m_grab->isGrabbed(key.keyCode, key.modifiers))
+            continue;
+        const int status = m_grab->add(key.keyCode, key.modifiers);
+        logStatus(key.lengthSeconds ? QStringLiteral("hotkey %1s").arg(key.lengthSeconds)
+                                    : QStringLiteral("hotkey"),
+                  status, &m_loggedGrabStatus[slotOf(key.lengthSeconds)]);
     }
 }
 
@@ -223,17 +277,44 @@ void HotkeyManager::installPortalShortcut()
     if (!isEnabled(Path::portalShortcut) || m_portalShortcut || !DisplaySession::isWayland())
         return;
     m_portalShortcut = std::make_unique<PortalShortcut>();
-    m_portalShortcut->onPressed = [this] {
-        handleKey(Path::portalShortcut,
-                  {ClipHotkey::keyCode(), KeyInput::Action::press, ClipHotkey::modifiers()});
+    // The desktop's shortcut stands for the key it was bound for, whatever keys it really is.
+    const auto keyFor = [this](const QString &id) -> std::optional<BoundKey> {
+        for (const BoundKey &key : *keys()) {
+            if (id ==
+                (key.lengthSeconds ? PortalShortcut::lengthId(key.lengthSeconds)
+                                   : PortalShortcut::clipId))
+                return key;
+        }
+        return std::nullopt;
     };
-    m_portalShortcut->onReleased = [this] {
-        handleKey(Path::portalShortcut,
-                  {ClipHotkey::keyCode(), KeyInput::Action::release, ClipHotkey::modifiers()});
+    m_portalShortcut->onPressed = [this, keyFor](const QString &id) {
+        if (const auto key = keyFor(id))
+            handleKey(Path::portalShortcut,
+                      {key->keyCode, KeyInput::Action::press, key->modifiers});
+    };
+    m_portalShortcut->onReleased = [this, keyFor](const QString &id) {
+        if (const auto key = keyFor(id))
+            handleKey(Path::portalShortcut,
+                      {key->keyCode, KeyInput::Action::release, key->modifiers});
     };
     m_portalShortcut->onStateChanged = [this] { refreshGlobalState(); };
     // Without the interface the object stays, unavailable, so that it is not asked again.
-    m_portalShortcut->install(ClipHotkey::displayName());
+    m_portalShortcut->install(portalShortcuts());
+}
+
+QList<PortalShortcut::Shortcut> HotkeyManager::portalShortcuts() const
+{
+    QList<PortalShortcut::Shortcut> shortcuts;
+    for (const BoundKey &key : *keys()) {
+        if (key.lengthSeconds == 0)
+            shortcuts.append({PortalShortcut::clipId,
+                              QStringLiteral("Save a clip of the last seconds"), key.displayName});
+        else
+            shortcuts.append({PortalShortcut::lengthId(key.lengthSeconds),
+                              QStringLiteral("Save the last %1 seconds").arg(key.lengthSeconds),
+                              key.displayName});
+    }
+    return shortcuts;
 }
 
 void HotkeyManager::pathLost(Path path)
@@ -259,9 +340,13 @@ bool HotkeyManager::isPathInstalled(Path path) const
     switch (path) {
     case Path::keyboards:
         return m_tap && m_tap->isRunning();
-    case Path::x11Grab:
-        // A grab let go for capture mode comes back when capture ends.
-        return m_grab && m_grab->isConnected() && (m_grab->isGrabbed() || isCapturing());
+    case Path::x11Grab: {
+        // The clip key's grab; one let go for capture mode comes back when capture ends.
+        const auto bound = keys();
+        const BoundKey &clip = bound->front(); // reloadKeys() always puts the clip key first
+        return m_grab && m_grab->isConnected() &&
+            (m_grab->isGrabbed(clip.keyCode, clip.modifiers) || isCapturing());
+    }
     case Path::xinputRaw:
         return m_globalMonitor && m_globalMonitor->isInstalled();
     case Path::window:
@@ -319,10 +404,18 @@ QString HotkeyManager::keyNotice() const
     // waits in the desktop's settings.
     if (desktopShortcutDeclined())
         return QStringLiteral("Allow Vantrel's shortcut in your desktop's settings.");
+    if (desktopLacksShortcuts())
+        return PermissionTexts::withoutDesktopShortcuts(
+            qEnvironmentVariable("XDG_CURRENT_DESKTOP"));
     if (DisplaySession::isWayland())
         return QStringLiteral("Under Wayland, Vantrel needs to read the keyboard: add yourself to "
                               "the input group, then log in again.");
     return QStringLiteral("Add yourself to the input group to use it everywhere.");
+}
+
+bool HotkeyManager::desktopLacksShortcuts() const
+{
+    return m_portalShortcut && m_portalShortcut->state() == PortalShortcut::State::unavailable;
 }
 
 bool HotkeyManager::desktopShortcutDeclined() const
@@ -350,11 +443,12 @@ void HotkeyManager::retryPaths()
 void HotkeyManager::bindingChanged()
 {
     // A new binding from anywhere (capture mode, settings) is grabbed at once.
+    reloadKeys();
     if (m_grab && m_grab->isGrabbed())
         m_grab->ungrab();
     installGrab();
     if (m_portalShortcut && m_portalShortcut->state() != PortalShortcut::State::unavailable)
-        m_portalShortcut->install(ClipHotkey::displayName());
+        m_portalShortcut->install(portalShortcuts());
     refreshGlobalState();
 }
 
@@ -367,18 +461,30 @@ void HotkeyManager::handleKey(Path path, const KeyInput &key)
             m_volumeKeysDown[pathIndex(path)] |= bit;
         return;
     }
-    if (key.keyCode != ClipHotkey::keyCode())
+    const auto bound = keys();
+    bool ours = false;
+    const BoundKey *match = nullptr;
+    for (const BoundKey &candidate : *bound) {
+        if (candidate.keyCode != key.keyCode)
+            continue;
+        ours = true;
+        if (candidate.modifiers == key.modifiers)
+            match = &candidate;
+    }
+    if (!ours)
         return;
     if (key.action == KeyInput::Action::release) {
+        // The modifiers may have been let go first: a release of the code ends every key on it.
         std::scoped_lock lock(stateLock);
-        clipKeyHeld = false;
+        for (const BoundKey &candidate : *bound) {
+            if (candidate.keyCode == key.keyCode)
+                keyHeld[slotOf(candidate.lengthSeconds)] = false;
+        }
         return;
     }
-    if (!isArmed() || isCapturing())
+    if (!isArmed() || isCapturing() || !match)
         return;
-    if (key.modifiers != ClipHotkey::modifiers())
-        return;
-    noteClipKeyDown(key.action == KeyInput::Action::repeat);
+    noteKeyDown(match->lengthSeconds, key.action == KeyInput::Action::repeat);
 }
 
 bool HotkeyManager::anyVolumeKeyDown() const
@@ -389,22 +495,23 @@ bool HotkeyManager::anyVolumeKeyDown() const
     return false;
 }
 
-void HotkeyManager::noteClipKeyDown(bool isRepeat)
+void HotkeyManager::noteKeyDown(int lengthSeconds, bool isRepeat)
 {
     if (isRepeat || anyVolumeKeyDown())
         return;
     {
         std::scoped_lock lock(stateLock);
         const Clock::time_point now = m_now ? m_now() : Clock::now();
-        if (clipKeyHeld && lastFire && now - *lastFire < kHeldTimeout)
+        bool &held = keyHeld[slotOf(lengthSeconds)];
+        if (held && lastFire && now - *lastFire < kHeldTimeout)
             return;
-        clipKeyHeld = true;
+        held = true;
         const auto interval = std::max(m_minInterval, kSamePressWindow);
         if (lastFire && now - *lastFire < interval)
             return;
         lastFire = now;
     }
-    emit pressAccepted();
+    emit pressAccepted(lengthSeconds);
 }
 
 bool HotkeyManager::claimsShortcut(const WindowKeyFilter::Key &key) const
@@ -419,26 +526,57 @@ bool HotkeyManager::handleWindowKey(const WindowKeyFilter::Key &key)
     const uint32_t code = key.input.keyCode;
     if (isCapturing() && key.input.action == KeyInput::Action::press) {
         if (code == KEY_ESC) {
-            finishCapture(false);
+            finishCapture(false, LengthCapture::cancelled);
             return true;
         }
         // Volume keys, Ctrl+Q (quit keeps working) and modifiers pressed on the way to a
         // combination pass through; capture goes on.
         if (!claimsShortcut(key))
             return false;
-        const uint32_t modifiers = key.input.modifiers;
-        ClipHotkey::save(code, modifiers, ClipHotkey::displayName(code, modifiers, key.characters));
-        finishCapture(true);
+        saveCapturedKey(key);
         return true;
     }
     handleKey(Path::window, key.input);
     return false;
 }
 
+void HotkeyManager::saveCapturedKey(const WindowKeyFilter::Key &key)
+{
+    const uint32_t code = key.input.keyCode;
+    const uint32_t modifiers = key.input.modifiers;
+    const QString display = ClipHotkey::displayName(code, modifiers, key.characters);
+    const int length = m_captureLength;
+    if (length == 0) {
+        ClipHotkey::save(code, modifiers, display);
+        finishCapture(true, LengthCapture::saved);
+        return;
+    }
+    if (code == ClipHotkey::keyCode() && modifiers == ClipHotkey::modifiers()) {
+        finishCapture(false, LengthCapture::clipKey);
+        return;
+    }
+    LengthKeys::save(length, {code, modifiers, display});
+    finishCapture(true, LengthCapture::saved);
+}
+
 void HotkeyManager::beginCapture(std::function<void(bool saved)> handler)
 {
     m_isCapturing = true;
+    m_captureLength = 0;
     m_captureHandler = std::move(handler);
+    m_lengthCaptureHandler = nullptr;
+    if (m_grab)
+        m_grab->ungrab();
+}
+
+void HotkeyManager::beginLengthCapture(int seconds, std::function<void(LengthCapture)> handler)
+{
+    if (!LengthKeys::isLength(seconds))
+        return;
+    m_isCapturing = true;
+    m_captureLength = seconds;
+    m_captureHandler = nullptr;
+    m_lengthCaptureHandler = std::move(handler);
     if (m_grab)
         m_grab->ungrab();
 }
@@ -446,19 +584,27 @@ void HotkeyManager::beginCapture(std::function<void(bool saved)> handler)
 void HotkeyManager::cancelCapture()
 {
     m_isCapturing = false;
+    m_captureLength = 0;
     m_captureHandler = nullptr;
+    m_lengthCaptureHandler = nullptr;
     installGrab();
 }
 
-void HotkeyManager::finishCapture(bool saved)
+void HotkeyManager::finishCapture(bool saved, LengthCapture outcome)
 {
     m_isCapturing = false;
+    m_captureLength = 0;
     std::function<void(bool)> handler = std::exchange(m_captureHandler, nullptr);
+    std::function<void(LengthCapture)> lengthHandler =
+        std::exchange(m_lengthCaptureHandler, nullptr);
     installGrab();
     refreshGlobalState();
     if (handler)
         QMetaObject::invokeMethod(
             this, [handler, saved] { handler(saved); }, Qt::QueuedConnection);
+    if (lengthHandler)
+        QMetaObject::invokeMethod(
+            this, [lengthHandler, outcome] { lengthHandler(outcome); }, Qt::QueuedConnection);
 }
 
 void HotkeyManager::setClockForTesting(std::function<Clock::time_point()> now)

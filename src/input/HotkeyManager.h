@@ -2,6 +2,7 @@
 
 #include "input/EvdevHotkeyTap.h"
 #include "input/KeyInput.h"
+#include "input/PortalShortcut.h"
 #include "input/WindowKeyFilter.h"
 
 #include <QObject>
@@ -14,14 +15,15 @@
 #include <memory>
 #include <mutex>
 #include <optional>
+#include <vector>
 
-class PortalShortcut;
 class QTimer;
 class X11HotkeyGrab;
 class XInputKeyMonitor;
 
-// Turns a press of the clip key into exactly one call of `onPress`, from whatever application
-// the user is in, and binds a new clip key when the user presses one in our window.
+// Turns a press of the clip key, or of the key of one length (LengthKeys), into exactly one save
+// request (`onSave`), from whatever application the user is in, and binds a new key when the user
+// presses one in our window.
 //
 // One press usually arrives on several paths at once, each a class of its own:
 //   - the X11 passive grab of the clip key (no permission needed; takes the key from other
@@ -32,7 +34,8 @@ class XInputKeyMonitor;
 //   - the event filter on our own windows (also does capture mode),
 //   - in a Wayland session, the desktop's global shortcut through the portal (GlobalShortcuts),
 //     where the desktop offers one: a key pressed anywhere without reading the keyboards.
-// A small debounce under `stateLock` collapses them into one fire.
+// Every path listens for all the keys. A small debounce under `stateLock`, one for all the keys,
+// collapses the copies of a press into one fire, and lets at most one fire through in any 1.5 s.
 //
 // Threads: every public operation, `onPress`, `onBecameGlobal` and the capture handler run on
 // the main thread; the keyboard reader's thread only reads the binding, reads the atomics below
@@ -53,10 +56,24 @@ public:
     };
     static constexpr unsigned allPaths = 31;
 
+    // What capturing a key for a length came to.
+    enum class LengthCapture {
+        saved,
+        cancelled, // Esc
+        // The key pressed is the clip key, which stays the clip key; the length keeps the key it
+        // had.
+        clipKey,
+    };
+
     // Created on first use, which must be on the main thread.
     static HotkeyManager &shared();
 
-    // Called on the main thread once per accepted clip-key press.
+    // Called on the main thread once per accepted press of any of the keys, with the length to
+    // save in seconds: the clip length chosen in the settings (read at the press) for the clip
+    // key, the key's own length for a length key.
+    std::function<void(double seconds)> onSave;
+    // For a shell that saves only the chosen length: when `onSave` is not set, a press of the
+    // clip key calls this instead (and the length keys do nothing).
     std::function<void()> onPress;
     // Called on the main thread when `worksInOtherApps` turns true.
     std::function<void()> onBecameGlobal;
@@ -79,6 +96,12 @@ public:
     // is called once, true for a new binding, false when Esc cancelled. While capturing, the X
     // grab is let go so that the current clip key, too, reaches our window.
     void beginCapture(std::function<void(bool saved)> handler);
+    // The same for the key of one length (one of LengthKeys::lengths): the next suitable key
+    // pressed in our window becomes that length's key (taking it from any other length that had
+    // it); the clip key is refused. `handler` is called once.
+    void beginLengthCapture(int seconds, std::function<void(LengthCapture)> handler);
+    // The length the running capture is for; 0 for the clip key (or no capture).
+    int captureLength() const { return m_captureLength; }
     // Leaves capture mode without calling the handler.
     void cancelCapture();
 
@@ -100,6 +123,9 @@ public:
     // The desktop offers its global shortcut, but the clip key is not bound there (the user
     // declined, or the desktop failed).
     bool desktopShortcutDeclined() const;
+    // A Wayland desktop whose portal has no global shortcuts (GNOME before 48, most wlroots
+    // desktops): only the keyboards or our window hear the clip key there.
+    bool desktopLacksShortcuts() const;
 
     // For tests and benchmarks: the clock of the debounce, its minimum interval between fires,
     // the paths that may be installed, and how keyboards are recognised.
@@ -110,20 +136,41 @@ public:
 
 signals:
     void worksInOtherAppsChanged(bool worksInOtherApps);
-    // Emitted on the thread that accepted a press (the keyboard reader's, or the main thread);
-    // `onPress` is called from its queued connection on the main thread. A queued signal, rather
-    // than a posted closure, keeps the hand-over inside Qt, where ThreadSanitizer does not look.
-    void pressAccepted();
+    // Emitted on the thread that accepted a press (the keyboard reader's, or the main thread),
+    // with the key's length (0 for the clip key); `onSave` is called from its queued connection
+    // on the main thread. A queued signal, rather than a posted closure, keeps the hand-over
+    // inside Qt, where ThreadSanitizer does not look.
+    void pressAccepted(int lengthSeconds);
 
 private:
+    // One key the paths listen for.
+    struct BoundKey
+    {
+        uint32_t keyCode = 0;
+        uint32_t modifiers = 0;
+        int lengthSeconds = 0; // 0: the clip key
+        QString displayName;
+    };
+    using BoundKeys = std::vector<BoundKey>;
+    // The clip key and the four lengths' keys each have their held flag.
+    static constexpr size_t keySlots = 5;
+    static size_t slotOf(int lengthSeconds);
+
     HotkeyManager();
     ~HotkeyManager() override;
+
+    // Reads the bindings from the settings into `m_keys` (main thread); a length key that is the
+    // clip key's is left out (the clip key wins).
+    void reloadKeys();
+    std::shared_ptr<const BoundKeys> keys() const;
+    void deliver(int lengthSeconds);
 
     bool isEnabled(Path path) const { return m_enabledPaths & unsigned(path); }
     void installGrab();
     void installKeyboardReader();
     void installRawMonitor();
     void installPortalShortcut();
+    QList<PortalShortcut::Shortcut> portalShortcuts() const;
     void installAll();
     void refreshGlobalState();
     void startPermissionPoll();
@@ -135,10 +182,11 @@ private:
     void handleKey(Path path, const KeyInput &key);
     bool handleWindowKey(const WindowKeyFilter::Key &key);
     bool claimsShortcut(const WindowKeyFilter::Key &key) const;
-    void noteClipKeyDown(bool isRepeat);
+    void saveCapturedKey(const WindowKeyFilter::Key &key);
+    void noteKeyDown(int lengthSeconds, bool isRepeat);
     bool anyVolumeKeyDown() const;
-    void finishCapture(bool saved);
-    void logStatus(const char *what, int status, int *lastLogged);
+    void finishCapture(bool saved, LengthCapture outcome);
+    void logStatus(const QString &what, int status, int *lastLogged);
 
     std::atomic<bool> m_isArmed = false;
     bool m_worksInOtherApps = false;
@@ -151,14 +199,21 @@ private:
     std::unique_ptr<PortalShortcut> m_portalShortcut;
     QTimer *m_pollTimer = nullptr;
 
-    // stateLock guards clipKeyHeld, lastFire, m_now and m_minInterval.
+    // stateLock guards keyHeld, lastFire, m_now and m_minInterval. One debounce for all the
+    // keys: any fire counts for the interval, each key has its own held flag.
     std::mutex stateLock;
-    bool clipKeyHeld = false;
+    std::array<bool, keySlots> keyHeld {};
     std::optional<Clock::time_point> lastFire; // none: the distant past
     std::function<Clock::time_point()> m_now;
     std::chrono::duration<double> m_minInterval {1.5};
 
     std::function<void(bool)> m_captureHandler;
+    std::function<void(LengthCapture)> m_lengthCaptureHandler;
+    int m_captureLength = 0; // main thread
+
+    // m_keysLock guards m_keys, which the main thread replaces and every path reads.
+    mutable std::mutex m_keysLock;
+    std::shared_ptr<const BoundKeys> m_keys = std::make_shared<const BoundKeys>();
 
     // Volume keys down, one bit per key, as each path last saw them (a path that missed a
     // release cannot clear another's).
@@ -168,5 +223,5 @@ private:
     EvdevHotkeyTap::KeyboardProbe m_keyboardProbe;
     QString m_loggedPaths;
     int m_loggedHandlerStatus = 0;
-    int m_loggedGrabStatus = 0;
+    std::array<int, keySlots> m_loggedGrabStatus {};
 };

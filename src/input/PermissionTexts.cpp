@@ -68,4 +68,18 @@ PermissionNotice hotkeyHelp(bool keyboardsReadable, bool x11KeysWork)
             QStringLiteral("Clip key in other applications"), text};
 }
 
+QString withoutDesktopShortcuts(const QString &currentDesktop)
+{
+    // XDG_CURRENT_DESKTOP is a list ("ubuntu:GNOME").
+    if (currentDesktop.split(QLatin1Char(':'))
+            .contains(QStringLiteral("GNOME"), Qt::CaseInsensitive))
+        return QStringLiteral("GNOME gives apps shortcuts of their own only from version 48: add "
+                              "one in Settings › Keyboard › View and Customize Shortcuts › Custom "
+                              "Shortcuts with the command vantrel vantrel://clip, or add yourself "
+                              "to the input group.");
+    return QStringLiteral("This desktop gives apps no shortcuts of their own: bind a key to the "
+                          "command vantrel vantrel://clip in its keyboard settings, or add "
+                          "yourself to the input group.");
+}
+
 } // namespace PermissionTexts

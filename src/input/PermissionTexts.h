@@ -18,4 +18,9 @@ PermissionNotice x11Keys(bool isFirstPrompt, bool keyboardsReadable);
 // other applications.
 PermissionNotice hotkeyHelp(bool keyboardsReadable, bool x11KeysWork);
 
+// What to do for the clip key in other applications on a Wayland desktop whose portal has no
+// global shortcuts, in the words of the desktop named by `currentDesktop` (XDG_CURRENT_DESKTOP):
+// a key of the desktop's own that runs the link that saves a clip, or the input group.
+QString withoutDesktopShortcuts(const QString &currentDesktop);
+
 } // namespace PermissionTexts

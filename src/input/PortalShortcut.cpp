@@ -15,18 +15,17 @@
 namespace {
 
 const QString globalShortcuts = QStringLiteral("org.freedesktop.portal.GlobalShortcuts");
-const QString shortcutId = QStringLiteral("save-clip");
 // The desktop may show a dialog for the binding; the user gets this long to answer it.
 constexpr int answerTimeMs = 120000;
 
 // One entry of BindShortcuts' a(sa{sv}).
-struct Shortcut
+struct BusShortcut
 {
     QString id;
     QVariantMap properties;
 };
 
-QDBusArgument &operator<<(QDBusArgument &argument, const Shortcut &shortcut)
+QDBusArgument &operator<<(QDBusArgument &argument, const BusShortcut &shortcut)
 {
     argument.beginStructure();
     argument << shortcut.id << shortcut.properties;
@@ -34,7 +33,7 @@ QDBusArgument &operator<<(QDBusArgument &argument, const Shortcut &shortcut)
     return argument;
 }
 
-const QDBusArgument &operator>>(const QDBusArgument &argument, Shortcut &shortcut)
+const QDBusArgument &operator>>(const QDBusArgument &argument, BusShortcut &shortcut)
 {
     argument.beginStructure();
     argument >> shortcut.id >> shortcut.properties;
@@ -44,14 +43,38 @@ const QDBusArgument &operator>>(const QDBusArgument &argument, Shortcut &shortcu
 
 } // namespace
 
-Q_DECLARE_METATYPE(Shortcut)
+Q_DECLARE_METATYPE(BusShortcut)
+
+namespace {
+
+// The a(sa{sv}) that CreateSession's "shortcuts" option and BindShortcuts both take.
+QList<BusShortcut> busShortcuts(const QList<PortalShortcut::Shortcut> &asked)
+{
+    QList<BusShortcut> shortcuts;
+    for (const PortalShortcut::Shortcut &shortcut : asked) {
+        QVariantMap properties {{QStringLiteral("description"), shortcut.description}};
+        if (!shortcut.displayText.isEmpty())
+            properties.insert(QStringLiteral("preferred_trigger"), shortcut.displayText);
+        shortcuts.append({shortcut.id, properties});
+    }
+    return shortcuts;
+}
+
+} // namespace
+
+const QString PortalShortcut::clipId = QStringLiteral("save-clip");
+
+QString PortalShortcut::lengthId(int seconds)
+{
+    return QStringLiteral("save-last-%1s").arg(seconds);
+}
 
 PortalShortcut::PortalShortcut(QObject *parent)
     : QObject(parent)
     , m_bus(DesktopPortal::connect(QStringLiteral("shortcuts")))
 {
-    qDBusRegisterMetaType<Shortcut>();
-    qDBusRegisterMetaType<QList<Shortcut>>();
+    qDBusRegisterMetaType<BusShortcut>();
+    qDBusRegisterMetaType<QList<BusShortcut>>();
     for (const char *signal : {"Activated", "Deactivated"}) {
         const bool listening = m_bus.connect(DesktopPortal::service, DesktopPortal::objectPath,
                                              globalShortcuts, QLatin1String(signal), this,
@@ -92,17 +115,28 @@ QString PortalShortcut::preferredTrigger(const QString &displayText)
 
 bool PortalShortcut::install(const QString &displayText)
 {
+    return install({{clipId, QStringLiteral("Save a clip of the last seconds"), displayText}});
+}
+
+bool PortalShortcut::install(const QList<Shortcut> &shortcuts)
+{
     if (!DesktopPortal::interfaceVersion(m_bus, globalShortcuts)) {
         setState(State::unavailable,
                  QStringLiteral("the desktop portal offers no GlobalShortcuts"));
         return false;
     }
-    m_preferred = preferredTrigger(displayText);
+    m_shortcuts = shortcuts;
+    for (Shortcut &shortcut : m_shortcuts)
+        shortcut.displayText = preferredTrigger(shortcut.displayText);
     closeSession();
     const int generation = ++m_generation;
     setState(State::binding);
+    // The shortcuts go to CreateSession as well as to BindShortcuts: Plasma before 6.1 registers
+    // only those given to CreateSession and ignores BindShortcuts' list, and a desktop that
+    // honours both binds the same ids twice, which changes nothing.
     request(QStringLiteral("CreateSession"), {},
-            {{QStringLiteral("session_handle_token"), DesktopPortal::newToken()}},
+            {{QStringLiteral("session_handle_token"), DesktopPortal::newToken()},
+             {QStringLiteral("shortcuts"), QVariant::fromValue(busShortcuts(m_shortcuts))}},
             [this, generation](uint code, const QVariantMap &results) {
                 if (generation != m_generation)
                     return;
@@ -119,14 +153,10 @@ bool PortalShortcut::install(const QString &displayText)
 void PortalShortcut::bind()
 {
     const int generation = m_generation;
-    const QList<Shortcut> shortcuts {
-        {shortcutId,
-         {{QStringLiteral("description"), QStringLiteral("Save a clip of the last seconds")},
-          {QStringLiteral("preferred_trigger"), m_preferred}}}};
     request(
         QStringLiteral("BindShortcuts"),
-        {QVariant::fromValue(QDBusObjectPath(m_session)), QVariant::fromValue(shortcuts),
-         QString()},
+        {QVariant::fromValue(QDBusObjectPath(m_session)),
+         QVariant::fromValue(busShortcuts(m_shortcuts)), QString()},
         {}, [this, generation](uint code, const QVariantMap &results) {
             if (generation != m_generation)
                 return;
@@ -134,15 +164,15 @@ void PortalShortcut::bind()
                 setState(State::refused, QStringLiteral("BindShortcuts answered %1").arg(code));
                 return;
             }
-            QList<Shortcut> bound;
+            QList<BusShortcut> bound;
             const QVariant list = results.value(QStringLiteral("shortcuts"));
             if (list.canConvert<QDBusArgument>())
                 list.value<QDBusArgument>() >> bound;
-            for (const Shortcut &shortcut : bound) {
-                if (shortcut.id == shortcutId)
-                    m_trigger =
-                        shortcut.properties.value(QStringLiteral("trigger_description")).toString();
-            }
+            m_triggers.clear();
+            for (const BusShortcut &shortcut : bound)
+                m_triggers.insert(
+                    shortcut.id,
+                    shortcut.properties.value(QStringLiteral("trigger_description")).toString());
             setState(State::bound);
         });
 }
@@ -162,7 +192,7 @@ void PortalShortcut::closeSession()
                                               QStringLiteral("org.freedesktop.portal.Session"),
                                               QStringLiteral("Close")));
     m_session.clear();
-    m_trigger.clear();
+    m_triggers.clear();
 }
 
 void PortalShortcut::setState(State state, const QString &failure)
@@ -171,12 +201,19 @@ void PortalShortcut::setState(State state, const QString &failure)
     if (state == m_state)
         return;
     m_state = state;
-    if (state == State::bound)
-        Log::system(
-            QStringLiteral("global shortcut bound through the desktop portal: %1 (asked %2)")
-                .arg(m_trigger.isEmpty() ? QStringLiteral("no trigger yet") : m_trigger,
-                     m_preferred));
-    else if (!failure.isEmpty())
+    if (state == State::bound) {
+        QStringList bound;
+        for (const Shortcut &shortcut : m_shortcuts) {
+            const QString trigger = m_triggers.value(shortcut.id);
+            bound << QStringLiteral("%1 %2 (asked %3)")
+                         .arg(shortcut.id,
+                              trigger.isEmpty() ? QStringLiteral("no trigger yet") : trigger,
+                              shortcut.displayText.isEmpty() ? QStringLiteral("nothing")
+                                                             : shortcut.displayText);
+        }
+        Log::system(QStringLiteral("global shortcut bound through the desktop portal: %1")
+                        .arg(bound.join(QStringLiteral(", "))));
+    } else if (!failure.isEmpty())
         Log::system(QStringLiteral("global shortcut: %1").arg(failure));
     if (onStateChanged)
         onStateChanged();
@@ -217,22 +254,28 @@ void PortalShortcut::request(const QString &method, QList<QVariant> arguments, Q
             });
 }
 
-bool PortalShortcut::isOurs(const QDBusMessage &message) const
+QString PortalShortcut::ourShortcut(const QDBusMessage &message) const
 {
     const QList<QVariant> arguments = message.arguments();
-    return arguments.size() >= 2 && !m_session.isEmpty() &&
-        arguments[0].value<QDBusObjectPath>().path() == m_session &&
-        arguments[1].toString() == shortcutId;
+    if (arguments.size() < 2 || m_session.isEmpty() ||
+        arguments[0].value<QDBusObjectPath>().path() != m_session)
+        return {};
+    const QString id = arguments[1].toString();
+    for (const Shortcut &shortcut : m_shortcuts) {
+        if (shortcut.id == id)
+            return id;
+    }
+    return {};
 }
 
 void PortalShortcut::activated(const QDBusMessage &message)
 {
-    if (isOurs(message) && onPressed)
-        onPressed();
+    if (const QString id = ourShortcut(message); !id.isEmpty() && onPressed)
+        onPressed(id);
 }
 
 void PortalShortcut::deactivated(const QDBusMessage &message)
 {
-    if (isOurs(message) && onReleased)
-        onReleased();
+    if (const QString id = ourShortcut(message); !id.isEmpty() && onReleased)
+        onReleased(id);
 }

@@ -2,6 +2,8 @@
 
 #include <QDBusConnection>
 #include <QDBusMessage>
+#include <QList>
+#include <QMap>
 #include <QObject>
 #include <QString>
 #include <QVariantMap>
@@ -10,9 +12,10 @@
 
 // The clip key as a global shortcut of the desktop, through the desktop portal's GlobalShortcuts
 // interface: the Wayland way to hear a key pressed in other programs without reading the
-// keyboards. install() opens a session and binds one shortcut, "save-clip", with the clip key as
-// the preferred trigger; the desktop may ask the user, and decides the trigger in the end. Each
-// activation of the shortcut is one press, each deactivation its release.
+// keyboards. install() opens a session and binds the shortcuts, "save-clip" with the clip key as
+// the preferred trigger and one more for each length that has a key of its own
+// ("save-last-60s"); the desktop may ask the user, and decides the triggers in the end. Each
+// activation of a shortcut is one press, each deactivation its release.
 //
 // Asynchronous and on the main thread: nothing here blocks on the desktop, except the short check
 // whether the portal offers the interface at all.
@@ -31,24 +34,41 @@ public:
         refused,
     };
 
+    // One shortcut to bind.
+    struct Shortcut
+    {
+        QString id; // "save-clip"
+        QString description; // what the desktop shows the user
+        QString displayText; // the key we would like, as the binding's display text
+    };
+
+    // The clip key's shortcut.
+    static const QString clipId;
+    // The shortcut of the key that saves `seconds` ("save-last-60s").
+    static QString lengthId(int seconds);
+
     explicit PortalShortcut(QObject *parent = nullptr);
     ~PortalShortcut() override; // closes the session
 
-    // Called on the main thread.
-    std::function<void()> onPressed;
-    std::function<void()> onReleased;
+    // Called on the main thread with the shortcut's id.
+    std::function<void(const QString &id)> onPressed;
+    std::function<void(const QString &id)> onReleased;
     // The state changed (bound, refused, unavailable).
     std::function<void()> onStateChanged;
 
-    // Binds `trigger` (the binding's display text, "Ctrl+Shift+F12"); again with a new trigger
-    // after the binding changed. Returns false, and does nothing, when the portal lacks the
-    // interface.
+    // Binds the shortcuts, each with its display text as the preferred trigger; again with new
+    // ones after a binding changed (the earlier session is closed). Returns false, and does
+    // nothing, when the portal lacks the interface.
+    bool install(const QList<Shortcut> &shortcuts);
+    // The clip key alone: "save-clip" with the binding's display text ("Ctrl+Shift+F12").
     bool install(const QString &displayText);
     void uninstall();
 
     State state() const { return m_state; }
-    // What the desktop says the trigger is ("Ctrl+Shift+F12", "F12"), once bound.
-    QString triggerDescription() const { return m_trigger; }
+    // What the desktop says the clip key's trigger is ("Ctrl+Shift+F12", "F12"), once bound.
+    QString triggerDescription() const { return triggerDescription(clipId); }
+    // The same for any of the shortcuts bound; empty for one the desktop gave no trigger.
+    QString triggerDescription(const QString &id) const { return m_triggers.value(id); }
     QString failure() const { return m_failure; }
 
     // "Ctrl+Shift+F12" written the way the XDG shortcut format wants a trigger
@@ -66,13 +86,14 @@ private:
     void bind();
     void setState(State state, const QString &failure = {});
     void closeSession();
-    bool isOurs(const QDBusMessage &message) const;
+    // The id of one of our shortcuts that the signal is about; empty when it is not ours.
+    QString ourShortcut(const QDBusMessage &message) const;
 
     QDBusConnection m_bus;
     State m_state = State::idle;
     QString m_session;
-    QString m_preferred;
-    QString m_trigger;
+    QList<Shortcut> m_shortcuts; // as asked for, each with its preferred trigger
+    QMap<QString, QString> m_triggers; // id -> what the desktop says the trigger is
     QString m_failure;
     int m_generation = 0; // answers for an older install() are dropped
 };

@@ -8,6 +8,7 @@
 #include <xcb/xkb.h>
 #undef explicit
 
+#include <algorithm>
 #include <array>
 
 namespace {
@@ -60,7 +61,7 @@ int X11HotkeyGrab::connect()
     m_reader = std::make_unique<XcbEventReader>(
         m_connection.get(), [this](const xcb_generic_event_t &event) { handle(event); },
         [this] {
-            m_grabbedKeyCode = 0;
+            m_grabs.clear();
             m_down.clear();
             if (m_onLost)
                 m_onLost();
@@ -79,8 +80,21 @@ void X11HotkeyGrab::disconnect()
         ungrab();
     m_reader.reset();
     m_connection.reset();
-    m_grabbedKeyCode = 0;
+    m_grabs.clear();
     m_down.clear();
+}
+
+std::optional<X11HotkeyGrab::Grab> X11HotkeyGrab::grabOf(uint32_t keyCode, uint32_t modifiers)
+{
+    if (keyCode + kXKeyCodeOffset > 255)
+        return std::nullopt;
+    return Grab {uint8_t(keyCode + kXKeyCodeOffset), ClipHotkey::x11Modifiers(modifiers)};
+}
+
+bool X11HotkeyGrab::isGrabbed(uint32_t keyCode, uint32_t modifiers) const
+{
+    const auto wanted = grabOf(keyCode, modifiers);
+    return wanted && std::find(m_grabs.begin(), m_grabs.end(), *wanted) != m_grabs.end();
 }
 
 int X11HotkeyGrab::grab(uint32_t keyCode, uint32_t modifiers)
@@ -88,15 +102,24 @@ int X11HotkeyGrab::grab(uint32_t keyCode, uint32_t modifiers)
     if (!isConnected())
         return -1;
     ungrab();
-    if (keyCode + kXKeyCodeOffset > 255)
+    return add(keyCode, modifiers);
+}
+
+int X11HotkeyGrab::add(uint32_t keyCode, uint32_t modifiers)
+{
+    if (!isConnected())
+        return -1;
+    const auto wanted = grabOf(keyCode, modifiers);
+    if (!wanted)
         return XCB_VALUE;
-    const auto xKeyCode = uint8_t(keyCode + kXKeyCodeOffset);
-    const uint16_t mask = ClipHotkey::x11Modifiers(modifiers);
+    if (isGrabbed(keyCode, modifiers))
+        return 0;
     std::array<xcb_void_cookie_t, 4> cookies;
-    const auto variants = lockVariants(mask);
+    const auto variants = lockVariants(wanted->mask);
     for (size_t i = 0; i < variants.size(); ++i)
-        cookies[i] = xcb_grab_key_checked(m_connection.get(), 0, m_root, variants[i], xKeyCode,
-                                          XCB_GRAB_MODE_ASYNC, XCB_GRAB_MODE_ASYNC);
+        cookies[i] =
+            xcb_grab_key_checked(m_connection.get(), 0, m_root, variants[i], wanted->xKeyCode,
+                                 XCB_GRAB_MODE_ASYNC, XCB_GRAB_MODE_ASYNC);
     int status = 0;
     for (const auto &cookie : cookies) {
         Xcb::Error error(xcb_request_check(m_connection.get(), cookie));
@@ -107,22 +130,22 @@ int X11HotkeyGrab::grab(uint32_t keyCode, uint32_t modifiers)
     m_reader->drainQueued();
     if (status != 0) {
         // Some variants may have succeeded; a half grab would fire with NumLock but not without.
-        ungrabVariants(xKeyCode, mask);
+        ungrabVariants(wanted->xKeyCode, wanted->mask);
         xcb_flush(m_connection.get());
         return status;
     }
-    m_grabbedKeyCode = xKeyCode;
-    m_grabbedModifiers = mask;
+    m_grabs.push_back(*wanted);
     return 0;
 }
 
 void X11HotkeyGrab::ungrab()
 {
-    if (!m_grabbedKeyCode || !isConnected())
+    if (m_grabs.empty() || !isConnected())
         return;
-    ungrabVariants(m_grabbedKeyCode, m_grabbedModifiers);
+    for (const Grab &grab : m_grabs)
+        ungrabVariants(grab.xKeyCode, grab.mask);
     xcb_flush(m_connection.get());
-    m_grabbedKeyCode = 0;
+    m_grabs.clear();
 }
 
 void X11HotkeyGrab::ungrabVariants(uint8_t xKeyCode, uint16_t modifiers)

@@ -6,17 +6,20 @@
 #include <cstdint>
 #include <functional>
 #include <memory>
+#include <optional>
 #include <set>
+#include <vector>
 
 class XcbEventReader;
 
 // The clip key path that needs no permission: a passive grab of the key on the X root window,
 // through a connection of its own. The server then sends the clip key to this connection alone,
 // whichever window has the focus; other keys are untouched. The grab covers the binding's exact
-// modifiers, with and without NumLock and CapsLock.
+// modifiers, with and without NumLock and CapsLock. Several keys can be grabbed at once (the clip
+// key and the keys of each length).
 //
-// Main thread only. The sink runs on the main thread for the grabbed key's presses, repeats and
-// releases (and for any key the server sends while the grab is active).
+// Main thread only. The sink runs on the main thread for the grabbed keys' presses, repeats and
+// releases (and for any key the server sends while a grab is active).
 class X11HotkeyGrab
 {
 public:
@@ -39,20 +42,32 @@ public:
     // another client holds the key; 2, BadValue, for a code X cannot name); nothing stays grabbed
     // after a refusal.
     int grab(uint32_t keyCode, uint32_t modifiers);
+    // Grabs one more key, keeping the others; the same status as grab(). A key already grabbed
+    // is 0 at once.
+    int add(uint32_t keyCode, uint32_t modifiers);
+    // Lets go of every key.
     void ungrab();
-    bool isGrabbed() const { return m_grabbedKeyCode != 0; }
+    bool isGrabbed() const { return !m_grabs.empty(); }
+    bool isGrabbed(uint32_t keyCode, uint32_t modifiers) const;
 
 private:
+    struct Grab
+    {
+        uint8_t xKeyCode = 0;
+        uint16_t mask = 0; // X modifiers
+        friend bool operator==(const Grab &, const Grab &) = default;
+    };
+
     void handle(const xcb_generic_event_t &event);
     void ungrabVariants(uint8_t xKeyCode, uint16_t modifiers);
+    static std::optional<Grab> grabOf(uint32_t keyCode, uint32_t modifiers);
 
     const Sink m_sink;
     const std::function<void()> m_onLost;
     Xcb::Connection m_connection;
     xcb_window_t m_root = 0;
     std::unique_ptr<XcbEventReader> m_reader;
-    uint8_t m_grabbedKeyCode = 0; // X key code, 0 when nothing is grabbed
-    uint16_t m_grabbedModifiers = 0; // X mask
+    std::vector<Grab> m_grabs;
     // X key codes seen down on this connection: a second press without a release is the
     // server's auto-repeat (detectable auto-repeat is asked for).
     std::set<uint8_t> m_down;

@@ -49,6 +49,11 @@ struct FormatContextFree
 {
     void operator()(AVFormatContext *context) const { avformat_free_context(context); }
 };
+// An input context with its file, as avformat_open_input made them.
+struct InputClose
+{
+    void operator()(AVFormatContext *context) const { avformat_close_input(&context); }
+};
 
 using CodecContextPtr = std::unique_ptr<AVCodecContext, CodecContextFree>;
 using CodecParametersPtr = std::unique_ptr<AVCodecParameters, CodecParametersFree>;
@@ -58,6 +63,7 @@ using BufferPtr = std::unique_ptr<AVBufferRef, BufferUnref>;
 using SwrPtr = std::unique_ptr<SwrContext, SwrFree>;
 using AudioFifoPtr = std::unique_ptr<AVAudioFifo, AudioFifoFree>;
 using FormatContextPtr = std::unique_ptr<AVFormatContext, FormatContextFree>;
+using InputPtr = std::unique_ptr<AVFormatContext, InputClose>;
 
 // av_strerror's text for an FFmpeg error code ("No space left on device").
 QString errorText(int code);

@@ -78,6 +78,21 @@ bool hasChromaInfo(uint8_t profile)
     return profile != 66 && profile != 77 && profile != 88;
 }
 
+// Exp-Golomb codes read from `unit` past its first `skip` bytes.
+std::optional<uint32_t> golombAt(Unit unit, size_t skip, int index)
+{
+    if (unit.size() <= skip)
+        return std::nullopt;
+    BitReader reader(unit.subspan(skip));
+    std::optional<uint32_t> value;
+    for (int i = 0; i <= index; ++i) {
+        value = reader.unsignedGolomb();
+        if (!value)
+            return std::nullopt;
+    }
+    return value;
+}
+
 std::optional<ChromaInfo> readChromaInfo(Unit sps)
 {
     BitReader reader(sps.subspan(4)); // past the NAL header, profile, constraints and level
@@ -184,6 +199,82 @@ std::vector<uint8_t> avcC(std::span<const Unit> units)
         }
     }
     return out;
+}
+
+std::vector<Unit> avcCUnits(std::span<const uint8_t> avcC)
+{
+    std::vector<Unit> units;
+    if (avcC.size() < 7 || avcC[0] != 1)
+        return {};
+    size_t at = 5;
+    // The SPS count's five bits, then the PPS count's eight.
+    for (const uint8_t countMask : {uint8_t(0x1f), uint8_t(0xff)}) {
+        if (at >= avcC.size())
+            return {};
+        const size_t count = avcC[at++] & countMask;
+        for (size_t i = 0; i < count; ++i) {
+            if (at + 2 > avcC.size())
+                return {};
+            const size_t size = size_t(avcC[at]) << 8 | avcC[at + 1];
+            at += 2;
+            if (size == 0 || at + size > avcC.size())
+                return {};
+            units.push_back(avcC.subspan(at, size));
+            at += size;
+        }
+    }
+    return units;
+}
+
+int avcCLengthSize(std::span<const uint8_t> avcC)
+{
+    if (avcC.size() < 7 || avcC[0] != 1)
+        return 0;
+    const int size = (avcC[4] & 3) + 1;
+    return size == 3 ? 0 : size;
+}
+
+std::vector<Unit> sampleUnits(std::span<const uint8_t> sample, int lengthSize)
+{
+    std::vector<Unit> units;
+    size_t at = 0;
+    while (at < sample.size()) {
+        if (at + size_t(lengthSize) > sample.size())
+            return {};
+        size_t size = 0;
+        for (int i = 0; i < lengthSize; ++i)
+            size = size << 8 | sample[at + size_t(i)];
+        at += size_t(lengthSize);
+        if (size == 0 || size > sample.size() - at)
+            return {};
+        units.push_back(sample.subspan(at, size));
+        at += size;
+    }
+    return units;
+}
+
+std::optional<uint32_t> parameterSetId(Unit unit)
+{
+    switch (nalType(unit)) {
+    case nalSps:
+        return golombAt(unit, 4, 0); // past the header, profile, constraints and level
+    case nalPps:
+        return golombAt(unit, 1, 0);
+    default:
+        return std::nullopt;
+    }
+}
+
+std::optional<uint32_t> ppsSpsId(Unit pps)
+{
+    return nalType(pps) == nalPps ? golombAt(pps, 1, 1) : std::nullopt;
+}
+
+std::optional<uint32_t> slicePpsId(Unit slice)
+{
+    // first_mb_in_slice, slice_type, pic_parameter_set_id.
+    const uint8_t type = nalType(slice);
+    return type == 1 || type == nalIdr ? golombAt(slice, 1, 2) : std::nullopt;
 }
 
 } // namespace H264Bitstream

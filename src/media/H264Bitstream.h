@@ -3,6 +3,7 @@
 #include "media/Bytes.h"
 
 #include <cstdint>
+#include <optional>
 #include <span>
 #include <vector>
 
@@ -31,5 +32,20 @@ Bytes lengthPrefixed(std::span<const Unit> units, BytesArena *arena = nullptr);
 // Empty when there is no usable SPS or no PPS. For the High profiles it carries the chroma format
 // and bit depths read from the SPS, as ISO/IEC 14496-15 asks.
 std::vector<uint8_t> avcC(std::span<const Unit> units);
+
+// The SPS and PPS units an avcC record carries, in its order; empty when it is malformed.
+std::vector<Unit> avcCUnits(std::span<const uint8_t> avcC);
+// The bytes of each NAL unit length of an avcC record (1, 2 or 4); 0 when it is malformed.
+int avcCLengthSize(std::span<const uint8_t> avcC);
+
+// The units of an MP4 sample whose lengths take `lengthSize` bytes; empty when it is malformed.
+std::vector<Unit> sampleUnits(std::span<const uint8_t> sample, int lengthSize = 4);
+
+// The id an SPS or a PPS gives itself (seq_parameter_set_id, pic_parameter_set_id).
+std::optional<uint32_t> parameterSetId(Unit unit);
+// The SPS a PPS refers to.
+std::optional<uint32_t> ppsSpsId(Unit pps);
+// The PPS a slice (an IDR or non-IDR picture's) refers to.
+std::optional<uint32_t> slicePpsId(Unit slice);
 
 } // namespace H264Bitstream

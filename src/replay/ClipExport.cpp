@@ -73,6 +73,25 @@ void holdLastPictureToTheEnd(ReplayBuffer::EncodedFrame &last,
     }
 }
 
+// Where a clip of `lengthSeconds` opens: the last key frame at or before that long before the
+// last frame, or the first key frame when the snapshot holds less (or no length is asked for).
+// The snapshot's size when it holds no key frame.
+template<typename List> size_t clipStart(const List &video, double lengthSeconds)
+{
+    size_t first = 0;
+    while (first < video.size() && !video[first].isKey)
+        ++first;
+    if (first == video.size() || lengthSeconds <= 0)
+        return first;
+    const MediaTime cutoff = video.back().pts - MediaTime::fromSeconds(lengthSeconds, 600);
+    size_t start = first;
+    for (size_t i = first; i < video.size() && !(cutoff < video[i].pts); ++i) {
+        if (video[i].isKey)
+            start = i;
+    }
+    return start;
+}
+
 QFuture<WrittenFile> failedFuture(const RecorderError &error)
 {
     QPromise<WrittenFile> promise;
@@ -118,9 +137,7 @@ QString newClipPath()
 QFuture<WrittenFile> exportClip(const ReplayBuffer::Snapshot &snapshot, Options options)
 {
     const auto &video = snapshot.video;
-    size_t first = 0;
-    while (first < video.size() && !video[first].isKey)
-        ++first;
+    const size_t first = clipStart(video, options.lengthSeconds);
     const size_t frameCount = video.size() - first;
     int64_t keys = 0;
     for (size_t i = first; i < video.size(); ++i)
@@ -148,6 +165,12 @@ QFuture<WrittenFile> exportClip(const ReplayBuffer::Snapshot &snapshot, Options 
     plan.mic = shiftedAudio(snapshot.mic, base);
     plan.micFormat = snapshot.micFormat;
     holdLastPictureToTheEnd(plan.frames.back(), {endOf(plan.audio), endOf(plan.mic)});
+    plan.askedSeconds = options.lengthSeconds;
+    plan.seconds = (plan.frames.back().pts + plan.frames.back().duration).seconds();
+    if (plan.askedSeconds > 0 && plan.seconds + 0.5 < plan.askedSeconds)
+        Log::system(QStringLiteral("export holds %1 s of the %2 s asked for")
+                        .arg(plan.seconds, 0, 'f', 1)
+                        .arg(plan.askedSeconds));
     plan.sourceBase = base;
     plan.audioHistory = {std::move(options.audioHistory), endOf(snapshot.audio)};
     plan.micHistory = {std::move(options.micHistory), endOf(snapshot.mic)};

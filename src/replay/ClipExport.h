@@ -20,6 +20,10 @@ namespace ClipExport {
 
 struct Options
 {
+    // The length to save, in seconds: the clip opens on the last key frame at least this long
+    // before the snapshot's last frame (or on its first key frame, when it holds less, and the
+    // answer says so). 0: everything the snapshot holds.
+    double lengthSeconds = 0;
     // How long the writer may take before the caller is told "Timed out saving the clip.".
     std::chrono::milliseconds timeLimit {60'000};
     // Runs on the export queue when the export's last callback is over (its writer finished or

@@ -255,7 +255,8 @@ void ClipExportJob::onWriterFinished()
             const QString moveError = FileMove::moveReplacing(m_plan.tempPath, m_plan.finalPath);
             QFile::remove(m_plan.tempPath);
             if (moveError.isEmpty())
-                m_promise.addResult(WrittenFile {m_plan.finalPath, shortfall()});
+                m_promise.addResult(WrittenFile {m_plan.finalPath, shortfall(), m_plan.askedSeconds,
+                                                 m_plan.seconds});
             else
                 m_promise.setException(RecorderError::writerFailed(moveError));
             SharedPool::finishAndRelease(m_promise);

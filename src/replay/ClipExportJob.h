@@ -50,6 +50,9 @@ public:
         Reuse micHistory;
         std::chrono::milliseconds timeLimit {60'000};
         std::function<void()> onWriterDone;
+        // The length asked for and the length of the video, in seconds, for the answer.
+        double askedSeconds = 0;
+        double seconds = 0;
     };
 
     // Writes `plan` on `queue` and answers `promise` (already started).

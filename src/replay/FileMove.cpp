@@ -79,15 +79,34 @@ QString failure(const QString &destination, int error)
              QString::fromStdString(std::generic_category().message(error)));
 }
 
-} // namespace
+// Puts `from` at `to`, replacing what is there or not; 0 or the errno.
+int place(const QByteArray &from, const QByteArray &to, bool replace)
+{
+    if (replace)
+        return ::rename(from.constData(), to.constData()) == 0 ? 0 : errno;
+    if (::renameat2(AT_FDCWD, from.constData(), AT_FDCWD, to.constData(), RENAME_NOREPLACE) == 0)
+        return 0;
+    if (errno != EINVAL && errno != ENOSYS)
+        return errno;
+    // A file system without the flag: a hard link fails the same way on a name that is taken.
+    if (::link(from.constData(), to.constData()) != 0)
+        return errno;
+    ::unlink(from.constData());
+    return 0;
+}
 
-QString moveReplacing(const QString &source, const QString &destination)
+QString move(const QString &source, const QString &destination, bool replace, bool *taken)
 {
     const QByteArray from = QFile::encodeName(source);
     const QByteArray to = QFile::encodeName(destination);
-    if (::rename(from.constData(), to.constData()) == 0)
+    const int moveError = place(from, to, replace);
+    if (moveError == 0)
         return {};
-    const int moveError = errno;
+    if (moveError == EEXIST && !replace) {
+        if (taken)
+            *taken = true;
+        return failure(destination, moveError);
+    }
 
     const QString hidden =
         QFileInfo(destination)
@@ -96,15 +115,31 @@ QString moveReplacing(const QString &source, const QString &destination)
                           .arg(QUuid::createUuid().toString(QUuid::WithoutBraces).toUpper()));
     const QByteArray partial = QFile::encodeName(hidden);
     int copyError = copyFile(from, partial);
-    if (copyError == 0 && ::rename(partial.constData(), to.constData()) != 0)
-        copyError = errno;
+    if (copyError == 0)
+        copyError = place(partial, to, replace);
     if (copyError != 0) {
         ::unlink(partial.constData());
+        if (copyError == EEXIST && !replace && taken)
+            *taken = true;
         // Across file systems the rename's own complaint says nothing useful; the copy's does.
         return failure(destination, moveError == EXDEV ? copyError : moveError);
     }
     ::unlink(from.constData());
     return {};
+}
+
+} // namespace
+
+QString moveReplacing(const QString &source, const QString &destination)
+{
+    return move(source, destination, true, nullptr);
+}
+
+QString moveWithoutReplacing(const QString &source, const QString &destination, bool *taken)
+{
+    if (taken)
+        *taken = false;
+    return move(source, destination, false, taken);
 }
 
 } // namespace FileMove

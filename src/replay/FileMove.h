@@ -13,4 +13,9 @@ namespace FileMove {
 // otherwise what went wrong, in a sentence for the user.
 QString moveReplacing(const QString &source, const QString &destination);
 
+// The same, except that a file already at `destination` is never replaced: then nothing moves,
+// `*taken` is set and the answer is a sentence saying so. (Across file systems the copy goes to
+// its hidden name first and is linked into place.)
+QString moveWithoutReplacing(const QString &source, const QString &destination, bool *taken);
+
 } // namespace FileMove

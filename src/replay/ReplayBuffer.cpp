@@ -52,7 +52,7 @@ void ReplayBuffer::appendAudioPacket(const AudioSampleBuffer &sample, bool isMic
         return;
     AudioPacket packet {std::move(bytes), sample.pts, duration, n, sample.format};
 
-    const double maxDuration = ClipSettings::maxDuration();
+    const double kept = ClipSettings::keptDuration();
     std::shared_ptr<const AudioCallback> callback;
     {
         std::scoped_lock lock(m_lock);
@@ -60,7 +60,7 @@ void ReplayBuffer::appendAudioPacket(const AudioSampleBuffer &sample, bool isMic
         if (!format)
             format = packet.format;
         (isMic ? m_mic : m_audio).push_back(packet);
-        trimLocked(maxDuration);
+        trimLocked(kept);
         callback = isMic ? m_onMicPacket : m_onAudioPacket;
     }
     if (callback)
@@ -74,7 +74,7 @@ void ReplayBuffer::appendVideo(EncodedFrame frame, VideoFormatPtr keyFormat)
     if (!frame.duration.isValid() || frame.duration.isZero())
         frame.duration = MediaTime::make(1, ClipSettings::fps);
 
-    const double maxDuration = ClipSettings::maxDuration();
+    const double kept = ClipSettings::keptDuration();
     std::shared_ptr<const VideoCallback> callback;
     EncodedFrame last;
     VideoFormatPtr format;
@@ -83,7 +83,7 @@ void ReplayBuffer::appendVideo(EncodedFrame frame, VideoFormatPtr keyFormat)
         if (frame.isKey && keyFormat)
             m_videoFormat = std::move(keyFormat);
         m_video.push_back(std::move(frame));
-        trimLocked(maxDuration);
+        trimLocked(kept);
         last = m_video.back();
         format = m_videoFormat;
         callback = m_onVideoFrame;
@@ -94,11 +94,11 @@ void ReplayBuffer::appendVideo(EncodedFrame frame, VideoFormatPtr keyFormat)
         (*callback)(last, format);
 }
 
-void ReplayBuffer::trimLocked(double maxDurationSeconds)
+void ReplayBuffer::trimLocked(double keptSeconds)
 {
     if (m_video.empty())
         return;
-    const MediaTime window = MediaTime::make(std::llround(maxDurationSeconds * 600), 600);
+    const MediaTime window = MediaTime::make(std::llround(keptSeconds * 600), 600);
     const MediaTime cutoff = m_video.back().pts - window;
 
     size_t inWindow = 0;
@@ -166,6 +166,25 @@ size_t ReplayBuffer::heldBytes() const
     for (size_t i = 0; i < m_mic.size(); ++i)
         total += m_mic[i].data.size();
     return total;
+}
+
+void ReplayBuffer::dropThrough(const Snapshot &snapshot)
+{
+    // Records are appended in time order and only ever dropped from the front, so what the
+    // snapshot holds that is still here is a prefix of each list.
+    const auto dropUpTo = [](auto &list, const MediaTime &last) {
+        size_t count = 0;
+        while (count < list.size() && !(last < list[count].pts))
+            ++count;
+        list.erasePrefix(count);
+    };
+    std::scoped_lock lock(m_lock);
+    if (!snapshot.video.empty())
+        dropUpTo(m_video, snapshot.video.back().pts);
+    if (!snapshot.audio.empty())
+        dropUpTo(m_audio, snapshot.audio.back().pts);
+    if (!snapshot.mic.empty())
+        dropUpTo(m_mic, snapshot.mic.back().pts);
 }
 
 ReplayBuffer::Snapshot ReplayBuffer::snapshot() const

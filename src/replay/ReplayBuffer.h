@@ -19,8 +19,9 @@
 #include <vector>
 
 // The most recent stretch of the capture, in memory: compressed video frames as they leave the
-// encoder and audio packets as captured. Trimmed on every append to the clip length (read from
-// the settings at that moment) back to a key frame, with the audio trimmed against the video.
+// encoder and audio packets as captured. Trimmed on every append to what the settings keep at
+// that moment (ClipSettings::keptDuration: the longest length a key or the clip length asks for)
+// back to a key frame, with the audio trimmed against the video.
 // It knows nothing of encoding or of files: the encoder's output is appended to it, and the
 // export takes a snapshot and writes it elsewhere.
 class ReplayBuffer
@@ -81,10 +82,16 @@ public:
     // the replay costs in memory, over `bufferedDuration` seconds of it.
     size_t heldBytes() const;
     Snapshot snapshot() const;
+    // Drops every record `snapshot` holds that is still here, and whatever came before it, so
+    // that what is left begins with the first record stored after the snapshot was taken (the
+    // replay "starts empty" after a save). The formats stay. What is left may open on a frame
+    // that is not a key frame; clips skip to the first key frame, and trimming cuts at key frames
+    // after it as usual.
+    void dropThrough(const Snapshot &snapshot);
 
 private:
     void appendAudioPacket(const AudioSampleBuffer &sample, bool isMic);
-    void trimLocked(double maxDurationSeconds);
+    void trimLocked(double keptSeconds);
 
     // m_lock guards every member below it. It is held only for a list update with its trim, the
     // read-outs, the clearing and the snapshot; never while calling out (callbacks, encoder,

@@ -17,6 +17,7 @@ extern "C" {
 #include <algorithm>
 #include <cstdlib>
 #include <limits>
+#include <utility>
 
 namespace {
 
@@ -41,9 +42,20 @@ MediaTime oneFrame()
 } // namespace
 
 VideoEncoder::VideoEncoder(int64_t width, int64_t height, Output output)
+    : VideoEncoder(width, height, std::move(output), std::nullopt)
+{
+}
+
+VideoEncoder::VideoEncoder(int64_t width, int64_t height, Output output, int parameterSetId)
+    : VideoEncoder(width, height, std::move(output), std::optional<int>(parameterSetId))
+{
+}
+
+VideoEncoder::VideoEncoder(int64_t width, int64_t height, Output output,
+                           std::optional<int> parameterSetId)
     : m_output(std::move(output))
 {
-    open(width, height);
+    open(width, height, parameterSetId);
     m_packet.reset(av_packet_alloc());
     if (!m_packet)
         failToStart(AVERROR(ENOMEM), FFmpeg::errorText(AVERROR(ENOMEM)));
@@ -51,7 +63,7 @@ VideoEncoder::VideoEncoder(int64_t width, int64_t height, Output output)
 
 VideoEncoder::~VideoEncoder() = default;
 
-void VideoEncoder::open(int64_t width, int64_t height)
+void VideoEncoder::open(int64_t width, int64_t height, std::optional<int> parameterSetId)
 {
     constexpr int64_t maxSide = std::numeric_limits<int32_t>::max();
     if (width < 1 || height < 1 || width > maxSide || height > maxSide ||
@@ -62,11 +74,21 @@ void VideoEncoder::open(int64_t width, int64_t height)
     m_height = int(height);
 
     const char *forcedName = std::getenv("VANTREL_ENCODER");
-    const std::string forced = forcedName ? forcedName : "";
+    const std::string forced = parameterSetId ? "libx264" : forcedName ? forcedName : "";
     QStringList passedOver;
     int status = AVERROR_ENCODER_NOT_FOUND;
     VideoEncoderBackends::Opened opened;
+    if (parameterSetId) {
+        std::string reason;
+        status =
+            VideoEncoderBackends::openSoftware(m_width, m_height, *parameterSetId, opened, reason);
+        if (status != 0)
+            failToStart(status, QStringLiteral("libx264: %1").arg(QString::fromStdString(reason)));
+        m_name = "libx264";
+    }
     for (const auto &family : VideoEncoderBackends::families()) {
+        if (!m_name.empty())
+            break;
         if (!forced.empty() && forced != family.name)
             continue;
         std::string reason;
@@ -82,8 +104,9 @@ void VideoEncoder::open(int64_t width, int64_t height)
             passedOver << QStringLiteral("%1: no such encoder").arg(QString::fromStdString(forced));
         failToStart(status, passedOver.join(QStringLiteral("; ")));
     }
-    QString why =
-        forced.empty() ? passedOver.join(QStringLiteral("; ")) : QStringLiteral("VANTREL_ENCODER");
+    QString why = parameterSetId ? QStringLiteral("parameter sets %1").arg(*parameterSetId)
+        : forced.empty()         ? passedOver.join(QStringLiteral("; "))
+                                 : QStringLiteral("VANTREL_ENCODER");
     m_choice = QStringLiteral("%1 at %2x%3%4")
                    .arg(QString::fromStdString(m_name))
                    .arg(m_width)
@@ -232,7 +255,8 @@ void VideoEncoder::submit(AVFrame &picture, MediaTime pts, MediaTime duration, i
 
     // Frames may come further apart than 1/60 s (a still screen sends fewer), so the frame
     // count alone would let key frames drift further apart than two seconds.
-    const bool forceKey = !m_lastKeyPts.isValid() || pts - m_lastKeyPts >= keyFrameInterval;
+    const bool forceKey = !m_lastKeyPts.isValid() || pts - m_lastKeyPts >= keyFrameInterval ||
+        std::exchange(m_keyFrameRequested, false);
 
     AVFrame *toSend = &picture;
     if (m_hwFrames) {
@@ -265,6 +289,12 @@ void VideoEncoder::submit(AVFrame &picture, MediaTime pts, MediaTime duration, i
     if (m_timings.size() > maxTimings)
         m_timings.pop_front();
     receivePackets();
+}
+
+void VideoEncoder::finish()
+{
+    if (avcodec_send_frame(m_context.get(), nullptr) == 0)
+        receivePackets();
 }
 
 void VideoEncoder::receivePackets()

@@ -12,6 +12,7 @@
 #include <deque>
 #include <functional>
 #include <memory>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -34,6 +35,9 @@
 class VideoEncoder
 {
 public:
+    // The average rate every family is held to, in bits per second.
+    static constexpr int64_t averageBitRate = VideoEncoderBackends::averageBitRate;
+
     // `keyFormat` is set at key frames (once the encoder has produced its SPS/PPS).
     using Output = std::function<void(EncodedFrame frame, VideoFormatPtr keyFormat)>;
 
@@ -42,6 +46,10 @@ public:
     // RecorderError::writerFailed("Could not start the video encoder (<status>): <why>.") with
     // the last family's libav status and what each family said.
     VideoEncoder(int64_t width, int64_t height, Output output);
+    // libx264 alone, with the same settings, its SPS and PPS numbered `parameterSetId` (1 to 31)
+    // so that they can sit beside another stream's in one file: a trimmed copy's re-encoded
+    // start. Fails as the other does.
+    VideoEncoder(int64_t width, int64_t height, Output output, int parameterSetId);
     ~VideoEncoder();
     VideoEncoder(const VideoEncoder &) = delete;
     VideoEncoder &operator=(const VideoEncoder &) = delete;
@@ -57,6 +65,13 @@ public:
     // The same for a picture already in the encoder's input format (inputFormat(), at the
     // encoder's size), taken as it is: a file's or another converter's frames.
     void encode(const AVFrame &picture, MediaTime pts, MediaTime duration);
+
+    // Hands out the frames the encoder still holds; nothing can be encoded after this.
+    void finish();
+
+    // The next frame encoded is a key frame (the first of a new clip when the replay was emptied
+    // after a save). Call on the thread that encodes.
+    void requestKeyFrame() { m_keyFrameRequested = true; }
 
     // The libavcodec encoder in use ("libx264").
     const std::string &name() const { return m_name; }
@@ -77,7 +92,8 @@ private:
         MediaTime duration;
     };
 
-    void open(int64_t width, int64_t height);
+    VideoEncoder(int64_t width, int64_t height, Output output, std::optional<int> parameterSetId);
+    void open(int64_t width, int64_t height, std::optional<int> parameterSetId);
     // The picture conversions write into; made once, and again only while the encoder still
     // holds on to the last one (hardware encoders read their input later).
     AVFrame *writablePicture();
@@ -114,4 +130,5 @@ private:
     int64_t m_lastEncoderPts = 0;
     bool m_anySubmitted = false;
     MediaTime m_lastKeyPts; // invalid until the first frame
+    bool m_keyFrameRequested = false;
 };

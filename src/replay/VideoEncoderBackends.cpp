@@ -15,13 +15,13 @@ extern "C" {
 #include <string>
 #include <unistd.h>
 #include <utility>
+#include <vector>
 
 namespace VideoEncoderBackends {
 
 namespace {
 
-// The fixed settings every family is held to.
-constexpr int64_t averageBitRate = 18'000'000;
+// The fixed settings every family is held to (and averageBitRate, in the header).
 // At most 8,000,000 bytes in any one second: a peak rate of that many bytes per second with a
 // one-second buffer.
 constexpr int64_t peakBitRate = 8'000'000 * 8;
@@ -42,7 +42,7 @@ std::string errorText(int status)
     return FFmpeg::errorText(status).toStdString();
 }
 
-using Options = std::initializer_list<std::pair<const char *, const char *>>;
+using Options = std::vector<std::pair<const char *, const char *>>;
 
 void applyCommonSettings(AVCodecContext *context, int width, int height, AVPixelFormat format)
 {
@@ -68,7 +68,7 @@ void applyCommonSettings(AVCodecContext *context, int width, int height, AVPixel
     context->color_trc = AVCOL_TRC_IEC61966_2_1;
 }
 
-int openCodec(const char *name, int width, int height, AVPixelFormat format, Options options,
+int openCodec(const char *name, int width, int height, AVPixelFormat format, const Options &options,
               Opened &opened, std::string &reason, BufferPtr hwFrames = {})
 {
     const AVCodec *codec = avcodec_find_encoder_by_name(name);
@@ -176,7 +176,7 @@ int openQsv(int width, int height, Opened &opened, std::string &reason)
                      reason);
 }
 
-int openX264(int width, int height, Opened &opened, std::string &reason)
+int openX264WithId(int width, int height, int parameterSetId, Opened &opened, std::string &reason)
 {
     // ultrafast because 1080p60 must hold beside the game on a small machine: it took 8.7 ms of
     // CPU per frame against superfast's 13.3 ms (bench/encoder), and at 18 Mbit/s the quality
@@ -184,14 +184,18 @@ int openX264(int width, int height, Opened &opened, std::string &reason)
     // writes a Constrained Baseline SPS; the 8x8 transform makes the stream High profile.
     // A forced key frame (the two-second rule) must be an IDR so the buffer can cut there.
     const std::string threads = std::to_string(x264Threads);
-    return openCodec("libx264", width, height, AV_PIX_FMT_YUV420P,
-                     {{"preset", "ultrafast"},
-                      {"tune", "zerolatency"},
-                      {"profile", "high"},
-                      {"8x8dct", "1"},
-                      {"forced-idr", "1"},
-                      {"threads", threads.c_str()}},
-                     opened, reason);
+    const std::string ids = "sps-id=" + std::to_string(parameterSetId);
+    Options options {{"preset", "ultrafast"}, {"tune", "zerolatency"},
+                     {"profile", "high"},     {"8x8dct", "1"},
+                     {"forced-idr", "1"},     {"threads", threads.c_str()}};
+    if (parameterSetId != 0)
+        options.push_back({"x264-params", ids.c_str()});
+    return openCodec("libx264", width, height, AV_PIX_FMT_YUV420P, options, opened, reason);
+}
+
+int openX264(int width, int height, Opened &opened, std::string &reason)
+{
+    return openX264WithId(width, height, 0, opened, reason);
 }
 
 // Set while this thread opens an encoder: libav's error lines are collected here.
@@ -234,17 +238,37 @@ std::span<const Family> families()
     return allFamilies;
 }
 
-int open(const Family &family, int width, int height, Opened &opened, std::string &reason)
+namespace {
+
+// Runs `opener` with libav's error lines collected into `reason`.
+template<typename Opener> int collectingErrors(std::string &reason, Opener opener)
 {
     static std::once_flag installed;
     std::call_once(installed, [] { av_log_set_callback(logCallback); });
     std::string errors;
     collectedErrors = &errors;
-    const int status = family.open(width, height, opened, reason);
+    const int status = opener();
     collectedErrors = nullptr;
     if (status != 0 && !errors.empty())
         reason = errors + " (" + reason + ")";
     return status;
+}
+
+} // namespace
+
+int open(const Family &family, int width, int height, Opened &opened, std::string &reason)
+{
+    return collectingErrors(reason, [&] { return family.open(width, height, opened, reason); });
+}
+
+int openSoftware(int width, int height, int parameterSetId, Opened &opened, std::string &reason)
+{
+    if (parameterSetId < 0 || parameterSetId > 31) {
+        reason = "no such parameter set id";
+        return AVERROR(EINVAL);
+    }
+    return collectingErrors(
+        reason, [&] { return openX264WithId(width, height, parameterSetId, opened, reason); });
 }
 
 } // namespace VideoEncoderBackends

@@ -28,6 +28,15 @@ struct WrittenFile
 {
     QString path;
     Shortfall shortfall;
+    // For a clip: the length asked for, and the length of the video written (from its first
+    // frame to the end of its last), in seconds; both 0 for other files.
+    double askedSeconds = 0;
+    double seconds = 0;
+
+    // The replay held less than the length asked for (a length longer than it keeps, or a save
+    // soon after arming): the clip is all it held. Half a second of slack, since clips start on
+    // a key frame.
+    bool isShorterThanAsked() const { return askedSeconds > 0 && seconds + 0.5 < askedSeconds; }
 
     friend bool operator==(const WrittenFile &, const WrittenFile &) = default;
 };

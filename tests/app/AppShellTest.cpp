@@ -8,19 +8,26 @@
 #include "app/ClipLibrary.h"
 #include "app/ClipSaver.h"
 #include "app/DashboardActions.h"
+#include "app/DashboardWindow.h"
 #include "app/TrayIcon.h"
+#include "app/WindowHome.h"
+#include "core/Paths.h"
+#include "core/Preferences.h"
 #include "engine/ClipEngine.h"
 
 #include "support/TestEnvironment.h"
 #include "support/WidgetTesting.h"
 
 #include <QAction>
+#include <QCheckBox>
 #include <QCoreApplication>
 #include <QDir>
 #include <QElapsedTimer>
 #include <QFile>
 #include <QFileInfo>
 #include <QMenu>
+#include <QMessageBox>
+#include <QPushButton>
 
 #include <functional>
 
@@ -207,5 +214,71 @@ TEST_F(AppShellTest, EachStartFailureSaysWhy)
     shell.arming()->start();
     EXPECT_TRUE(waitUntil([&] { return shell.model().isClipping(); }, 20000))
         << statuses.join(QLatin1Char('|')).toStdString();
+    shell.shutDown();
+}
+
+// Without a tray the window is the only sign of the program: closing it asks, Cancel keeps it,
+// keeping on hides it while recording goes on (once "Don't ask again" is ticked, without asking),
+// and Quit quits. With a tray, closing only hides.
+TEST_F(AppShellTest, WithoutATrayClosingTheWindowAsksWhetherToKeepRecording)
+{
+    AppShell shell;
+    ASSERT_TRUE(shell.launch({}));
+    ASSERT_TRUE(waitUntil([&] { return shell.model().isClipping(); }, 20000));
+    WindowHome &home = *shell.windowHome();
+    DashboardWindow *window = shell.window();
+    ASSERT_NE(window, nullptr);
+    home.trayAvailable = [] { return false; };
+    int quits = 0;
+    QObject::connect(&home, &WindowHome::quitRequested, &home, [&] { ++quits; });
+
+    const auto closeAndAnswer = [&](const QString &button, bool dontAsk) {
+        EXPECT_FALSE(window->close());
+        EXPECT_TRUE(window->isVisible());
+        QMessageBox *question = home.question();
+        if (!question) {
+            ADD_FAILURE() << "no question";
+            return;
+        }
+        EXPECT_EQ(question->text(), QStringLiteral("Keep recording in the background?"));
+        EXPECT_TRUE(question->informativeText().contains(
+            QStringLiteral("open Vantrel from your applications or run vantrel vantrel://open")));
+        question->checkBox()->setChecked(dontAsk);
+        for (QAbstractButton *each : question->buttons()) {
+            if (each->text() == button)
+                each->click();
+        }
+        pump(50);
+    };
+    closeAndAnswer(QStringLiteral("Cancel"), false);
+    EXPECT_TRUE(window->isVisible());
+    EXPECT_EQ(home.question(), nullptr);
+
+    closeAndAnswer(QStringLiteral("Keep Recording"), true);
+    EXPECT_FALSE(window->isVisible());
+    EXPECT_TRUE(shell.model().isClipping());
+    EXPECT_TRUE(
+        readTextFile(Paths::logFile())
+            .contains(QStringLiteral("window closed without a tray: Vantrel keeps running")));
+    EXPECT_TRUE(
+        Preferences::open()->value(QString::fromLatin1(WindowHome::keepRunningKey)).toBool());
+
+    // Asked not to ask: closing hides at once.
+    shell.showWindow();
+    EXPECT_TRUE(window->close());
+    EXPECT_EQ(home.question(), nullptr);
+    EXPECT_FALSE(window->isVisible());
+
+    // A tray needs no question.
+    Preferences::open()->remove(QString::fromLatin1(WindowHome::keepRunningKey));
+    home.trayAvailable = [] { return true; };
+    shell.showWindow();
+    EXPECT_TRUE(window->close());
+    EXPECT_EQ(home.question(), nullptr);
+
+    home.trayAvailable = [] { return false; };
+    shell.showWindow();
+    closeAndAnswer(QStringLiteral("Quit Vantrel"), false);
+    EXPECT_EQ(quits, 1);
     shell.shutDown();
 }

@@ -1,4 +1,5 @@
 #include "core/ClipSettings.h"
+#include "core/LengthKeys.h"
 #include "core/Log.h"
 #include "core/Paths.h"
 #include "core/Preferences.h"
@@ -132,4 +133,69 @@ TEST_F(Settings, FoldersThatCannotBeMadeAreSurvived)
     EXPECT_FALSE(QFileInfo(Paths::recordings()).isDir());
     Log::appendLine(Paths::logFile(), QStringLiteral("goes nowhere"));
     EXPECT_FALSE(QFileInfo::exists(Paths::logFile()));
+}
+
+TEST_F(Settings, LengthKeysDecideWhatTheReplayKeeps)
+{
+    int argc = 0;
+    QCoreApplication application(argc, nullptr);
+    std::vector<int> announced;
+    QObject::connect(&LengthKeys::notifier(), &LengthKeysNotifier::lengthKeyChanged,
+                     [&](int seconds) { announced.push_back(seconds); });
+
+    EXPECT_EQ(ClipSettings::keptDuration(), 30.0);
+    for (int seconds : LengthKeys::lengths)
+        EXPECT_FALSE(LengthKeys::binding(seconds).has_value()) << seconds;
+    EXPECT_EQ(LengthKeys::longestBound(), 0);
+
+    // A key of its own for the last two minutes: the replay keeps two minutes from now on.
+    LengthKeys::save(120, {67, 0x1000, QStringLiteral("Ctrl+F9")});
+    EXPECT_EQ(ClipSettings::keptDuration(), 120.0);
+    const auto held = LengthKeys::binding(120);
+    ASSERT_TRUE(held.has_value());
+    EXPECT_EQ(held->keyCode, 67u);
+    EXPECT_EQ(held->modifiers, 0x1000u);
+    EXPECT_EQ(held->displayName, QStringLiteral("Ctrl+F9"));
+    EXPECT_EQ(LengthKeys::lengthOf(67, 0x1000), 120);
+    EXPECT_FALSE(LengthKeys::lengthOf(67, 0).has_value()) << "the modifiers count";
+    const QString text = readTextFile(Preferences::open()->fileName());
+    EXPECT_TRUE(text.contains(QStringLiteral("clipHotkey120sKeyCode=67"))) << text.toStdString();
+    EXPECT_TRUE(text.contains(QStringLiteral("clipHotkey120sDisplay=Ctrl+F9")));
+
+    // The same key for another length moves it there.
+    announced.clear();
+    LengthKeys::save(60, {67, 0x1000, QStringLiteral("Ctrl+F9")});
+    EXPECT_EQ(announced, (std::vector<int> {60, 120}));
+    EXPECT_FALSE(LengthKeys::binding(120).has_value());
+    EXPECT_EQ(ClipSettings::keptDuration(), 60.0);
+    // The clip length counts as much as a key: whichever is longer is kept.
+    ClipSettings::setMaxDuration(120);
+    EXPECT_EQ(ClipSettings::keptDuration(), 120.0);
+    ClipSettings::setMaxDuration(15);
+    EXPECT_EQ(ClipSettings::keptDuration(), 60.0);
+    LengthKeys::clear(60);
+    EXPECT_EQ(ClipSettings::keptDuration(), 15.0);
+
+    // Lengths that are not offered have no key; unusable stored values are no key.
+    LengthKeys::save(45, {67, 0, QStringLiteral("F9")});
+    LengthKeys::save(30, {0, 0, QStringLiteral("nothing")});
+    EXPECT_FALSE(LengthKeys::binding(45).has_value());
+    EXPECT_FALSE(LengthKeys::binding(30).has_value());
+    {
+        const auto store = Preferences::open();
+        store->setValue(QStringLiteral("clipHotkey15sKeyCode"), QStringLiteral("F9"));
+        store->setValue(QStringLiteral("clipHotkey30sKeyCode"), 68);
+        store->setValue(QStringLiteral("clipHotkey30sModifiers"), -1);
+        store->setValue(QStringLiteral("clipHotkey60sKeyCode"), 69);
+    }
+    ClipSettings::reload();
+    EXPECT_FALSE(LengthKeys::binding(15).has_value());
+    EXPECT_FALSE(LengthKeys::binding(30).has_value());
+    ASSERT_TRUE(LengthKeys::binding(60).has_value()) << "no modifiers stored: none held";
+    EXPECT_EQ(LengthKeys::binding(60)->modifiers, 0u);
+    EXPECT_EQ(ClipSettings::keptDuration(), 60.0);
+
+    EXPECT_FALSE(ClipSettings::clearAfterSave());
+    ClipSettings::setClearAfterSave(true);
+    EXPECT_TRUE(ClipSettings::clearAfterSave());
 }

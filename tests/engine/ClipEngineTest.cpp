@@ -271,6 +271,58 @@ TEST_F(ClipEngineTest, SavesTheLastSecondsAndKeepsTheSessionOnStop)
     EXPECT_EQ(decodeErrors(*session), QString());
 }
 
+// Clear after save: the second clip starts where the first ended, shares no frame with it and
+// loses at most the frame being encoded at the save; a length longer than the replay holds saves
+// all it holds and says so; the session file has every frame of both.
+TEST_F(ClipEngineTest, ClearAfterSaveStartsTheNextClipEmpty)
+{
+    ClipSettings::setMaxDuration(15);
+    ClipSettings::setClearAfterSave(true);
+    auto motion = startMotion();
+    ASSERT_TRUE(motion);
+    auto tone = playTone();
+    ASSERT_TRUE(tone && tone->running());
+
+    WrittenFile first, second;
+    std::optional<WrittenFile> session;
+    {
+        ClipEngine engine;
+        engine.start().waitForFinished();
+        ASSERT_TRUE(waitUntil([&] { return engine.bufferedDuration() >= 4; }, 30000));
+        first = engine.saveClip(60).result();
+        EXPECT_LT(engine.bufferedDuration(), 1.0);
+        ASSERT_TRUE(waitUntil([&] { return engine.bufferedDuration() >= 3; }, 30000));
+        second = engine.saveClip(15).result();
+        session = engine.stop(true).result().file;
+    }
+    EXPECT_TRUE(first.isShorterThanAsked());
+    EXPECT_EQ(first.askedSeconds, 60.0);
+    EXPECT_GE(first.seconds, 3.5);
+    EXPECT_LT(first.seconds, 10);
+    EXPECT_TRUE(second.isShorterThanAsked());
+    EXPECT_GE(second.seconds, 2.5);
+    EXPECT_LT(second.seconds, 6) << "the second clip started empty";
+    EXPECT_TRUE(logText().contains(QStringLiteral("replay cleared after the save")));
+
+    const QStringList a = probe::packetHashes(first.path, QStringLiteral("v:0"));
+    const QStringList b = probe::packetHashes(second.path, QStringLiteral("v:0"));
+    ASSERT_FALSE(a.isEmpty());
+    ASSERT_FALSE(b.isEmpty());
+    for (const QString &hash : b)
+        ASSERT_FALSE(a.contains(hash)) << "a frame in both clips";
+    ASSERT_TRUE(session.has_value());
+    const QStringList whole = probe::packetHashes(session->path, QStringLiteral("v:0"));
+    const qsizetype lastOfFirst = whole.indexOf(a.back());
+    const qsizetype firstOfSecond = whole.indexOf(b.front());
+    ASSERT_GE(lastOfFirst, 0) << "the session file has the first clip's frames";
+    ASSERT_GE(firstOfSecond, 0) << "and the second's";
+    EXPECT_GT(firstOfSecond, lastOfFirst);
+    EXPECT_LE(firstOfSecond - lastOfFirst, 3) << "frames lost between the two clips";
+    EXPECT_EQ(decodeErrors(first.path), QString());
+    EXPECT_EQ(decodeErrors(second.path), QString());
+    EXPECT_EQ(decodeErrors(session->path), QString());
+}
+
 // The X server going away mid-capture is a stop by the system: the engine cleans up, drops the
 // session file and tells its owner why.
 TEST_F(ClipEngineTest, LosingTheDisplayServerStopsAndDropsTheSession)

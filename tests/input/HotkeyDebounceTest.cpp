@@ -1,3 +1,5 @@
+#include "core/ClipSettings.h"
+#include "core/LengthKeys.h"
 #include "input/ClipHotkey.h"
 
 #include "input/EvdevRecords.h"
@@ -170,6 +172,82 @@ TEST_F(WindowDebounceTest, CaptureBindsTheNextKeyAndLetsQuitVolumeAndModifiersTh
     EXPECT_FALSE(manager().isCapturing());
     spinFor(50);
     EXPECT_EQ(results.size(), 2u);
+}
+
+// The clip key and the keys of each length share one debounce; each says which length to save.
+TEST_F(WindowDebounceTest, LengthKeysShareTheDebounceAndSaveTheirOwnLength)
+{
+    std::vector<double> saved;
+    manager().onSave = [&](double seconds) { saved.push_back(seconds); };
+    ClipSettings::setMaxDuration(60);
+    LengthKeys::save(15, {KEY_F9, 0, QStringLiteral("F9")});
+    LengthKeys::save(30, {KEY_F10, 0, QStringLiteral("F10")});
+    LengthKeys::save(120, {KEY_F9, ClipHotkey::controlKey, QStringLiteral("Ctrl+F9")});
+    const auto tap = [&](uint32_t code, int qtKey, Qt::KeyboardModifiers modifiers = {}) {
+        window.tap(code, qtKey, modifiers);
+        spinFor(20);
+    };
+
+    tap(KEY_F9, Qt::Key_F9);
+    clock.advance(1.0s);
+    tap(KEY_F12, Qt::Key_F12); // too soon after any fire
+    clock.advance(0.6s);
+    tap(KEY_F12, Qt::Key_F12); // the clip key saves the chosen length
+    clock.advance(2s);
+    tap(KEY_F9, Qt::Key_F9, Qt::ControlModifier);
+    EXPECT_EQ(saved, (std::vector<double> {15, 60, 120}));
+
+    // A key held down (its release lost) holds back only itself.
+    clock.advance(2s);
+    window.sendKey(QEvent::KeyPress, KEY_F9, Qt::Key_F9);
+    clock.advance(2s);
+    window.sendKey(QEvent::KeyPress, KEY_F9, Qt::Key_F9);
+    tap(KEY_F10, Qt::Key_F10);
+    EXPECT_EQ(saved, (std::vector<double> {15, 60, 120, 15, 30}));
+    window.sendKey(QEvent::KeyRelease, KEY_F9, Qt::Key_F9);
+
+    // Capturing a length's key: the clip key is refused, a key of another length moves over.
+    std::vector<HotkeyManager::LengthCapture> outcomes;
+    const auto handler = [&](HotkeyManager::LengthCapture outcome) { outcomes.push_back(outcome); };
+    manager().beginLengthCapture(30, handler);
+    EXPECT_EQ(manager().captureLength(), 30);
+    window.sendKey(QEvent::KeyPress, KEY_F12, Qt::Key_F12);
+    ASSERT_TRUE(spinUntil([&] { return outcomes.size() == 1; }));
+    EXPECT_EQ(outcomes[0], HotkeyManager::LengthCapture::clipKey);
+    EXPECT_EQ(LengthKeys::binding(30)->keyCode, uint32_t(KEY_F10));
+    manager().beginLengthCapture(30, handler);
+    window.sendKey(QEvent::KeyPress, KEY_F9, Qt::Key_F9, {}, false, QStringLiteral("F9"));
+    ASSERT_TRUE(spinUntil([&] { return outcomes.size() == 2; }));
+    EXPECT_EQ(outcomes[1], HotkeyManager::LengthCapture::saved);
+    EXPECT_EQ(LengthKeys::binding(30)->displayName, QStringLiteral("F9"));
+    EXPECT_FALSE(LengthKeys::binding(15).has_value());
+    window.sendKey(QEvent::KeyRelease, KEY_F9, Qt::Key_F9);
+    manager().beginLengthCapture(60, handler);
+    window.sendKey(QEvent::KeyPress, KEY_ESC, Qt::Key_Escape);
+    ASSERT_TRUE(spinUntil([&] { return outcomes.size() == 3; }));
+    EXPECT_EQ(outcomes[2], HotkeyManager::LengthCapture::cancelled);
+    EXPECT_FALSE(LengthKeys::binding(60).has_value());
+    clock.advance(2s);
+    tap(KEY_F9, Qt::Key_F9);
+    EXPECT_EQ(saved.back(), 30.0);
+
+    // The clip key taken from a length: that length loses it.
+    std::vector<bool> results;
+    manager().beginCapture([&](bool done) { results.push_back(done); });
+    window.sendKey(QEvent::KeyPress, KEY_F9, Qt::Key_F9, Qt::ControlModifier);
+    ASSERT_TRUE(spinUntil([&] { return results.size() == 1; }));
+    EXPECT_EQ(ClipHotkey::displayName(), QStringLiteral("Ctrl+F9"));
+    EXPECT_FALSE(LengthKeys::binding(120).has_value());
+    window.sendKey(QEvent::KeyRelease, KEY_F9, Qt::Key_F9, Qt::ControlModifier);
+
+    // A shell that only knows the clip key hears only the clip key.
+    manager().onSave = nullptr;
+    clock.advance(2s);
+    tap(KEY_F9, Qt::Key_F9);
+    EXPECT_EQ(fires, 0);
+    clock.advance(2s);
+    tap(KEY_F9, Qt::Key_F9, Qt::ControlModifier);
+    EXPECT_EQ(fires, 1);
 }
 
 // FIFOs standing in for keyboards; no display at all.

@@ -1,3 +1,5 @@
+#include "core/ClipSettings.h"
+#include "core/LengthKeys.h"
 #include "input/ClipHotkey.h"
 #include "input/X11HotkeyGrab.h"
 
@@ -150,6 +152,54 @@ TEST_F(AllPathsTest, CaptureRebindsEveryPathAndUnregisterRemovesThemAll)
     xdotool({"key", "ctrl+a"});
     window.tap(KEY_A, Qt::Key_A, Qt::ControlModifier);
     EXPECT_EQ(firesAfterPress(), 1);
+}
+
+// The keys of each length on the X grab alone: each press is one save of its own length, every
+// key is ours alone while bound, and a key that changes is grabbed anew at once.
+TEST_F(HotkeyManagerTest, EachLengthKeySavesItsLengthThroughTheXGrab)
+{
+    ClipSettings::setMaxDuration(30);
+    LengthKeys::save(15, {KEY_F5, 0, QStringLiteral("F5")});
+    LengthKeys::save(30, {KEY_F6, ClipHotkey::controlKey, QStringLiteral("Ctrl+F6")});
+    LengthKeys::save(60, {KEY_F7, ClipHotkey::shiftKey, QStringLiteral("Shift+F7")});
+    LengthKeys::save(120, {KEY_F8, ClipHotkey::altKey, QStringLiteral("Alt+F8")});
+    std::vector<double> saved;
+    manager().onSave = [&](double seconds) { saved.push_back(seconds); };
+    manager().setEnabledPathsForTesting(unsigned(HotkeyManager::Path::x11Grab));
+    manager().registerHotkey();
+    manager().setArmed(true);
+    ASSERT_EQ(manager().installedPathsText(), QStringLiteral("x11 grab"));
+
+    const std::vector<std::pair<const char *, double>> presses {
+        {"F5", 15}, {"ctrl+F6", 30}, {"shift+F7", 60}, {"alt+F8", 120}, {"F12", 30}};
+    for (const auto &[key, seconds] : presses) {
+        clock.advance(2s);
+        const size_t before = saved.size();
+        xdotool({QStringLiteral("key"), QLatin1String(key)});
+        ASSERT_TRUE(spinUntil([&] { return saved.size() > before; })) << key;
+        EXPECT_EQ(saved.back(), seconds) << key;
+    }
+    // The wrong modifiers are some other key.
+    clock.advance(2s);
+    xdotool({"key", "F6"});
+    xdotool({"key", "ctrl+F7"});
+    EXPECT_EQ(settledFires(300), 0);
+    EXPECT_EQ(saved.size(), presses.size());
+
+    X11HotkeyGrab rival([](const KeyInput &) {}, {});
+    ASSERT_EQ(rival.connect(), 0);
+    EXPECT_EQ(rival.grab(KEY_F5, 0), 10);
+    EXPECT_EQ(rival.grab(KEY_F8, ClipHotkey::altKey), 10);
+    EXPECT_EQ(rival.grab(KEY_F12, 0), 10);
+
+    LengthKeys::save(60, {KEY_F9, 0, QStringLiteral("F9")});
+    EXPECT_EQ(rival.grab(KEY_F7, ClipHotkey::shiftKey), 0) << "the old key was let go";
+    rival.ungrab();
+    EXPECT_EQ(rival.grab(KEY_F9, 0), 10);
+    clock.advance(2s);
+    xdotool({"key", "F9"});
+    ASSERT_TRUE(spinUntil([&] { return saved.size() == presses.size() + 1; }));
+    EXPECT_EQ(saved.back(), 60.0);
 }
 
 TEST_F(HotkeyManagerTest, AGrabHeldByAnotherClientIsRetriedByThePermissionPoll)

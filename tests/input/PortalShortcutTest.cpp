@@ -3,6 +3,8 @@
 // interface, the fall-back and what the user is told.
 
 #include "input/PortalShortcut.h"
+#include "core/ClipSettings.h"
+#include "core/LengthKeys.h"
 #include "input/ClipHotkey.h"
 #include "input/HotkeyManager.h"
 
@@ -39,12 +41,11 @@ void processFor(std::chrono::milliseconds span)
 
 // What the desktop does when the user presses the bound keys: the backend's Activated and
 // Deactivated. Answers how many sessions had the shortcut bound.
-int pressOnTheDesktop()
+int pressOnTheDesktop(const std::string &shortcut = "save-clip")
 {
-    ChildProcess busctl({"busctl", "--user", "call",
-                         "org.freedesktop.impl.portal.desktop.vantreltest",
-                         "/org/freedesktop/portal/desktop", "org.vantrel.TestShortcuts", "Press",
-                         "s", "save-clip"});
+    ChildProcess busctl(
+        {"busctl", "--user", "call", "org.freedesktop.impl.portal.desktop.vantreltest",
+         "/org/freedesktop/portal/desktop", "org.vantrel.TestShortcuts", "Press", "s", shortcut});
     const std::optional<std::string> answer = busctl.readLine(10s);
     busctl.wait();
     return answer && answer->rfind("u ", 0) == 0 ? std::stoi(answer->substr(2)) : -1;
@@ -111,6 +112,45 @@ TEST_F(PortalShortcutTest, AnActivationIsExactlyOnePress)
     manager.unregister();
 }
 
+// One shortcut per length that has a key: each saves its length, the clip key the chosen one,
+// and a length whose key goes is no longer bound.
+TEST_F(PortalShortcutTest, EachLengthKeyIsAShortcutOfItsOwn)
+{
+    ClipSettings::setMaxDuration(15);
+    LengthKeys::save(60, {67, 0, QStringLiteral("F9")});
+    LengthKeys::save(120, {68, ClipHotkey::controlKey, QStringLiteral("Ctrl+F10")});
+    HotkeyManager &manager = HotkeyManager::shared();
+    manager.setEnabledPathsForTesting(unsigned(HotkeyManager::Path::portalShortcut) |
+                                      unsigned(HotkeyManager::Path::window));
+    // Presses a little apart still fire each (the debounce itself is tested elsewhere).
+    manager.setMinIntervalForTesting(300ms);
+    std::vector<double> saved;
+    manager.onSave = [&](double seconds) { saved.push_back(seconds); };
+    manager.registerHotkey();
+    manager.setArmed(true);
+    ASSERT_TRUE(processUntil(
+        [&] { return manager.isPathInstalled(HotkeyManager::Path::portalShortcut); }, 10s));
+
+    for (const auto &[shortcut, seconds] : std::vector<std::pair<std::string, double>> {
+             {"save-last-60s", 60}, {"save-last-120s", 120}, {"save-clip", 15}}) {
+        const size_t before = saved.size();
+        ASSERT_EQ(pressOnTheDesktop(shortcut), 1) << shortcut;
+        ASSERT_TRUE(processUntil([&] { return saved.size() > before; }, 5s)) << shortcut;
+        EXPECT_EQ(saved.back(), seconds) << shortcut;
+        processFor(400ms);
+    }
+    EXPECT_EQ(pressOnTheDesktop("save-last-30s"), 0) << "no key, no shortcut";
+
+    LengthKeys::clear(120);
+    EXPECT_TRUE(processUntil([&] { return pressOnTheDesktop("save-last-120s") == 0; }, 10s));
+    EXPECT_TRUE(processUntil(
+        [&] { return manager.isPathInstalled(HotkeyManager::Path::portalShortcut); }, 10s));
+    ASSERT_EQ(pressOnTheDesktop("save-last-60s"), 1);
+    EXPECT_TRUE(processUntil([&] { return saved.size() == 4; }, 5s));
+    EXPECT_EQ(saved.back(), 60.0);
+    manager.unregister();
+}
+
 // The portal without GlobalShortcuts (a bus of our own, the real front end with no backend):
 // the manager keeps to its other paths and tells the user what to do.
 TEST_F(PortalShortcutTest, WithoutTheInterfaceTheKeyFallsBackAndSaysSo)
@@ -159,8 +199,17 @@ TEST_F(PortalShortcutTest, WithoutTheInterfaceTheKeyFallsBackAndSaysSo)
     EXPECT_FALSE(manager.worksInOtherApps());
     EXPECT_EQ(manager.installedPathsText(), QStringLiteral("window"));
     EXPECT_FALSE(manager.desktopShortcutDeclined());
+    EXPECT_TRUE(manager.desktopLacksShortcuts());
+    // The way round it in the words of the desktop the user has.
     EXPECT_EQ(manager.keyNotice(),
-              QStringLiteral("Under Wayland, Vantrel needs to read the keyboard: add yourself to "
-                             "the input group, then log in again."));
+              QStringLiteral("This desktop gives apps no shortcuts of their own: bind a key to the "
+                             "command vantrel vantrel://clip in its keyboard settings, or add "
+                             "yourself to the input group."));
+    qputenv("XDG_CURRENT_DESKTOP", "ubuntu:GNOME");
+    EXPECT_TRUE(manager.keyNotice().startsWith(
+        QStringLiteral("GNOME gives apps shortcuts of their own only from version 48: add one in "
+                       "Settings › Keyboard › View and Customize Shortcuts › Custom Shortcuts "
+                       "with the command vantrel vantrel://clip")))
+        << manager.keyNotice().toStdString();
     manager.unregister();
 }

@@ -1,5 +1,6 @@
 #include "ClipExportSupport.h"
 
+#include "core/LengthKeys.h"
 #include "core/Paths.h"
 #include "replay/ClipExport.h"
 #include "replay/SessionRecorder.h"
@@ -31,6 +32,37 @@ double firstAbove(const std::vector<float> &samples, float level)
     const auto loud = std::find_if(samples.begin(), samples.end(),
                                    [&](float sample) { return std::fabs(sample) > level; });
     return loud == samples.end() ? -1.0 : double(loud - samples.begin()) / 48000;
+}
+
+// A save of a given length opens on the last key frame at least that long before the end; one
+// longer than the buffer holds is all of it, and the answer says so.
+TEST_F(ClipExportTest, SavesTheLengthAskedForOrAllItHolds)
+{
+    LengthKeys::save(120, {67, 0, QStringLiteral("F9")});
+    ReplayBuffer buffer;
+    const int64_t frames = 70 * 60 + 25;
+    storeFrames(buffer, 0, frames);
+    for (const double length : {15.0, 60.0, 120.0, 0.0}) {
+        ClipExport::Options options;
+        options.lengthSeconds = length;
+        const WrittenFile clip = ClipExport::exportClip(buffer.snapshot(), options).result();
+        // Key frames every 120 frames: the last one at or before `length` from the last frame.
+        const int64_t cutoff = frames - 1 - int64_t(length) * 60;
+        const int64_t start = length > 0 && cutoff >= 0 ? cutoff / 120 * 120 : 0;
+        const double expected = double(frames - start) / 60;
+        EXPECT_NEAR(clip.seconds, expected, 1e-6) << length;
+        EXPECT_EQ(clip.askedSeconds, length);
+        EXPECT_EQ(clip.isShorterThanAsked(), length == 120) << length;
+        const QJsonObject info = probe::ffprobe(clip.path);
+        const QJsonArray streams = probe::streams(info, QStringLiteral("video"));
+        ASSERT_EQ(streams.size(), 1);
+        EXPECT_NEAR(probe::number(streams[0].toObject().value(QStringLiteral("duration"))),
+                    expected, 0.001)
+            << length;
+        EXPECT_EQ(streams[0].toObject().value(QStringLiteral("nb_frames")).toString().toInt(),
+                  std::lround(expected * 60))
+            << length;
+    }
 }
 
 // A full save: one second of frames before the first key frame, ten seconds after it, system

@@ -1,5 +1,6 @@
 #include "replay/ReplayBuffer.h"
 #include "core/ClipSettings.h"
+#include "core/LengthKeys.h"
 
 #include "replay/ReplayBufferSupport.h"
 #include "support/TestEnvironment.h"
@@ -203,4 +204,43 @@ TEST_F(ReplayBufferTest, ASnapshotSharesPayloadsAndOutlivesTrimsAndClears)
     EXPECT_EQ(snap.video.front().data.data()[0], firstByte);
     EXPECT_EQ(snap.video.size(), live.video.size());
     EXPECT_EQ(snap.audio.size(), 1u);
+}
+
+TEST_F(ReplayBufferTest, KeepsTheLongestLengthAKeyAsksForAndDropsWhatASaveTook)
+{
+    ClipSettings::setMaxDuration(15);
+    LengthKeys::save(60, {67, 0, QStringLiteral("F9")});
+    ReplayBuffer buffer;
+    AudioFeed audio;
+    int64_t next = 0;
+    for (int second = 0; second < 70; ++second) {
+        next = feedVideo(buffer, next, 1.0);
+        for (int p = 0; p < 100; ++p)
+            buffer.appendAudio(audio.at(second + p * 0.01));
+    }
+    EXPECT_GE(buffer.bufferedDuration(), 60);
+    EXPECT_LE(buffer.bufferedDuration(), 62);
+
+    // What a save took goes; what came while it was written stays, and opens the replay.
+    const ReplayBuffer::Snapshot saved = buffer.snapshot();
+    next = feedVideo(buffer, next, 0.5, 15);
+    buffer.appendAudio(audio.at(70.0));
+    buffer.dropThrough(saved);
+    const ReplayBuffer::Snapshot left = buffer.snapshot();
+    ASSERT_EQ(left.video.size(), 30u);
+    EXPECT_EQ(left.video.front().pts, frameTime(next - 30));
+    ASSERT_EQ(left.audio.size(), 1u);
+    EXPECT_EQ(left.audio.front().pts, nanos(70.0));
+    EXPECT_TRUE(left.videoFormat && left.audioFormat) << "the formats stay";
+
+    // Dropped again with nothing new, it is empty; then it fills and trims as ever.
+    buffer.dropThrough(buffer.snapshot());
+    EXPECT_EQ(buffer.videoCount(), 0);
+    EXPECT_EQ(buffer.audioCount(), 0);
+    EXPECT_EQ(buffer.bufferedDuration(), 0.0);
+    LengthKeys::clear(60);
+    feedVideo(buffer, next, 20);
+    EXPECT_GE(buffer.bufferedDuration(), 15);
+    EXPECT_LE(buffer.bufferedDuration(), 17);
+    EXPECT_TRUE(buffer.snapshot().video.front().isKey);
 }

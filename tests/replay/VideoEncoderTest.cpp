@@ -329,6 +329,17 @@ TEST_F(VideoEncoderTest, KeyFramesComeEveryTwoSecondsHoweverSparseTheFrames)
     }
     EXPECT_GE(keys, 6);
     EXPECT_LE(keys, 8) << "key frames should not come more often than needed";
+
+    // Asked for (the replay was emptied by a save), the very next frame is a key frame.
+    pipeline.encodeInStep(pictures.frame(40, replay_test::nanos(112.1)));
+    pipeline.encoder->requestKeyFrame();
+    pipeline.encodeInStep(pictures.frame(41, replay_test::nanos(112.2)));
+    pipeline.encodeInStep(pictures.frame(42, replay_test::nanos(112.3)));
+    const auto after = pipeline.buffer.snapshot();
+    ASSERT_EQ(after.video.size(), 43u);
+    EXPECT_FALSE(after.video[40].isKey);
+    EXPECT_TRUE(after.video[41].isKey);
+    EXPECT_FALSE(after.video[42].isKey);
 }
 
 TEST_F(VideoEncoderTest, EncodesOnlyNewPicturesOfItsSizeAndNothingOnceClosed)

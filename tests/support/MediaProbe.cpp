@@ -75,11 +75,15 @@ std::vector<float> decodeAudio(const QString &path, int index)
 
 QStringList audioPacketHashes(const QString &path, int index)
 {
+    return packetHashes(path, QStringLiteral("a:%1").arg(index));
+}
+
+QStringList packetHashes(const QString &path, const QString &streams)
+{
     const QJsonObject info =
         ffprobe(path,
-                {QStringLiteral("-select_streams"), QStringLiteral("a:%1").arg(index),
-                 QStringLiteral("-show_packets"), QStringLiteral("-show_data_hash"),
-                 QStringLiteral("MD5")});
+                {QStringLiteral("-select_streams"), streams, QStringLiteral("-show_packets"),
+                 QStringLiteral("-show_data_hash"), QStringLiteral("MD5")});
     QStringList hashes;
     for (const QJsonValue &packet : info.value(QStringLiteral("packets")).toArray())
         hashes << packet.toObject().value(QStringLiteral("data_hash")).toString();
@@ -95,12 +99,14 @@ QByteArray grayFrame(const QString &path, double seconds)
 {
     QProcess ffmpeg;
     ffmpeg.setStandardErrorFile(QProcess::nullDevice());
-    ffmpeg.start(QStringLiteral("ffmpeg"),
-                 {QStringLiteral("-v"), QStringLiteral("error"), QStringLiteral("-ss"),
-                  QString::number(seconds), QStringLiteral("-i"), path, QStringLiteral("-frames:v"),
-                  QStringLiteral("1"), QStringLiteral("-vf"),
-                  QStringLiteral("scale=160:90,format=gray"), QStringLiteral("-f"),
-                  QStringLiteral("rawvideo"), QStringLiteral("-")});
+    QStringList arguments {QStringLiteral("-v"), QStringLiteral("error")};
+    // An image cannot be sought in, not even to its start.
+    if (seconds > 0)
+        arguments << QStringLiteral("-ss") << QString::number(seconds);
+    arguments << QStringLiteral("-i") << path << QStringLiteral("-frames:v") << QStringLiteral("1")
+              << QStringLiteral("-vf") << QStringLiteral("scale=160:90,format=gray")
+              << QStringLiteral("-f") << QStringLiteral("rawvideo") << QStringLiteral("-");
+    ffmpeg.start(QStringLiteral("ffmpeg"), arguments);
     ffmpeg.waitForFinished(30000);
     return ffmpeg.readAllStandardOutput();
 }

@@ -26,6 +26,8 @@ std::vector<float> decodeAudio(const QString &path, int index);
 
 // A hash of each packet of audio stream `index`, in file order: equal hashes, equal bytes.
 QStringList audioPacketHashes(const QString &path, int index);
+// The same for the streams ffprobe's `-select_streams` picks ("v:0").
+QStringList packetHashes(const QString &path, const QString &streams);
 
 // One decoded video frame at `seconds`, as 8-bit gray at 160×90; empty when it cannot be had.
 QByteArray grayFrame(const QString &path, double seconds);

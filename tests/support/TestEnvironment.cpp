@@ -23,6 +23,7 @@ void TempHomeTest::useHome(const QString &path)
     setenv("XDG_CONFIG_HOME", (home + "/.config").constData(), 1);
     setenv("XDG_STATE_HOME", (home + "/.local/state").constData(), 1);
     setenv("XDG_DATA_HOME", (home + "/.local/share").constData(), 1);
+    setenv("XDG_CACHE_HOME", (home + "/.cache").constData(), 1);
     unsetenv("XDG_VIDEOS_DIR");
     // No session bus unless the test makes one: neither the developer's own (and their secret
     // store) nor one that D-Bus would start for an X display behind the test's back. The headless

@@ -6,11 +6,19 @@
 
 #include <gtest/gtest.h>
 
+#include <ostream>
 #include <string>
 
-// Gives the test a home of its own: HOME, XDG_CONFIG_HOME, XDG_STATE_HOME, TMPDIR and the videos
-// folder all point into a fresh temporary folder that is removed afterwards. Every test case runs
-// in a process of its own (ctest), so the program's once-per-process paths see this home.
+// GoogleTest prints Qt's strings as text.
+inline void PrintTo(const QString &text, std::ostream *out)
+{
+    *out << '"' << text.toStdString() << '"';
+}
+
+// Gives the test a home of its own: HOME, the XDG config, state, data and cache folders, TMPDIR
+// and the videos folder all point into a fresh temporary folder that is removed afterwards. Every
+// test case runs in a process of its own (ctest), so the program's once-per-process paths see
+// this home.
 class TempHomeTest : public ::testing::Test
 {
 protected:
