@@ -8,7 +8,9 @@
 #include "service/ReleaseVersion.h"
 #include "service/Secrets.h"
 #include "service/ServeCommand.h"
+#include "service/ServiceAccount.h"
 #include "service/ServiceContext.h"
+#include "service/SettingsFile.h"
 #include "service/SqliteRecordStore.h"
 #include "service/TextRules.h"
 
@@ -250,20 +252,40 @@ namespace ServiceCommands {
 
 std::string usage()
 {
-    return R"(Usage:
-  vantrel-service serve --data DIR --listen 127.0.0.1:8443 --public-url https://HOST
-                        [--tls-cert FILE --tls-key FILE] [--max-upload 2G]
-                        [--code-lifetime 600] [--poll-rate 60] [--token-rate 300]
-                        [--threads 64] [--trusted-proxy ADDRESS]...
-                        [--max-connections 1000] [--connections-per-address 32]
-                        [--handshake-timeout 10] [--head-timeout 10]
-                        [--poster-memory 512M] [--quiet]
-  vantrel-service user add EMAIL --name NAME --data DIR      (password on standard input)
-  vantrel-service token issue EMAIL --data DIR               (prints a new token)
-  vantrel-service token revoke TOKEN|- --data DIR            (or --all EMAIL)
-  vantrel-service release add VERSION ARCHIVE --notes TEXT --signature FILE --data DIR
-  vantrel-service clip delete ID --data DIR                  (its link then says it was deleted)
-  vantrel-service ads set FILE --data DIR
+    return R"(Usage: vantrel-service COMMAND [OPTIONS]
+
+The web service Vantrel signs in to and shares clips through.
+
+Commands:
+  serve --data DIR --public-url https://HOST [--listen 127.0.0.1:8443]
+        [--tls-cert FILE --tls-key FILE] [--max-upload 2G]
+        [--code-lifetime 600] [--poll-rate 60] [--token-rate 300]
+        [--threads 64] [--trusted-proxy ADDRESS]...
+        [--max-connections 1000] [--connections-per-address 32]
+        [--handshake-timeout 10] [--head-timeout 10]
+        [--poster-memory 512M] [--quiet] [--settings FILE]
+      serve until stopped (SIGTERM or SIGINT)
+  user add EMAIL --name NAME --data DIR
+      add an account (the password comes on standard input)
+  token issue EMAIL --data DIR
+      print a new token for the account
+  token revoke TOKEN|- --data DIR   (or --all EMAIL)
+      revoke one token ("-" reads it from standard input), or every token of an account
+  release add VERSION ARCHIVE --notes TEXT --signature FILE --data DIR
+      publish a signed release archive as the newest version
+  clip delete ID --data DIR
+      delete a clip; its link then says it was deleted
+  ads set FILE --data DIR
+      replace the sponsor cards with those of a JSON file
+
+Settings file:
+  --settings FILE reads options from FILE, one "name = value" a line, each a long option
+  without its dashes ("listen = 127.0.0.1:8443", "trusted-proxy = 127.0.0.1" once per
+  address, "quiet = true" for a flag); lines starting with # are comments. Options on the
+  command line come after the file's and win. Every command but serve takes only "data" from
+  it, and without --data or --settings they read /etc/vantrel-service/vantrel-service.conf
+  when it exists. A command run as root on a data folder that belongs to another user (the
+  installed service's) works as that user.
 )";
 }
 
@@ -278,8 +300,14 @@ int run(const std::vector<std::string> &arguments)
                 return false;
         return true;
     };
+    // serve takes every setting of the settings file; the other commands only its data folder.
+    std::string settings;
     const auto rest = [&](size_t from) {
-        return Arguments(arguments.begin() + long(from), arguments.end());
+        Arguments tail(arguments.begin() + long(from), arguments.end());
+        tail =
+            starts({"serve"}) ? SettingsFile::expand(tail, settings) : SettingsFile::dataOnly(tail);
+        ServiceAccount::becomeDataOwner(tail);
+        return tail;
     };
     // Whatever the service writes (the records, clips, the lock) is for its own account only.
     ::umask(077);
@@ -290,7 +318,7 @@ int run(const std::vector<std::string> &arguments)
             return ServeCommand::run(rest(1));
         // Not for people: the server runs this to check an upload in a process of its own.
         if (starts({"inspect-clip"}))
-            return ClipInspection::child(rest(1));
+            return ClipInspection::child(Arguments(arguments.begin() + 1, arguments.end()));
         if (starts({"user", "add"}))
             return userAdd(rest(2));
         if (starts({"token", "issue"}))
@@ -311,6 +339,9 @@ int run(const std::vector<std::string> &arguments)
         return 2;
     } catch (const CommandLine::Error &e) {
         std::fprintf(stderr, "vantrel-service: %s\n", e.what());
+        if (!settings.empty())
+            std::fprintf(stderr, "vantrel-service: (the settings of %s count as options)\n",
+                         settings.c_str());
         return 2;
     } catch (const std::exception &e) {
         std::fprintf(stderr, "vantrel-service: %s\n", e.what());
