@@ -269,7 +269,7 @@ Commands:
       add an account (the password comes on standard input)
   token issue EMAIL --data DIR
       print a new token for the account
-  token revoke TOKEN|- --data DIR   (or --all EMAIL)
+  token revoke TOKEN|- --data DIR (or --all EMAIL)
       revoke one token ("-" reads it from standard input), or every token of an account
   release add VERSION ARCHIVE --notes TEXT --signature FILE --data DIR
       publish a signed release archive as the newest version
@@ -279,13 +279,13 @@ Commands:
       replace the sponsor cards with those of a JSON file
 
 Settings file:
-  --settings FILE reads options from FILE, one "name = value" a line, each a long option
-  without its dashes ("listen = 127.0.0.1:8443", "trusted-proxy = 127.0.0.1" once per
-  address, "quiet = true" for a flag); lines starting with # are comments. Options on the
-  command line come after the file's and win. Every command but serve takes only "data" from
-  it, and without --data or --settings they read /etc/vantrel-service/vantrel-service.conf
-  when it exists. A command run as root on a data folder that belongs to another user (the
-  installed service's) works as that user.
+The file named by --settings holds options, one "name = value" a line, each a long option
+without its dashes ("listen = 127.0.0.1:8443", "trusted-proxy = 127.0.0.1" once per address,
+"quiet = true" for a flag); lines starting with # are comments. Options on the command line
+come after the file's and win. Every command but serve takes only "data" from it, and without
+--data or --settings they read /etc/vantrel-service/vantrel-service.conf when it exists. A
+command run as root on a data folder that belongs to another user (the installed service's)
+works as that user.
 )";
 }
 
