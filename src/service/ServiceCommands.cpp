@@ -7,7 +7,10 @@
 #include "service/ReleaseVersion.h"
 #include "service/Secrets.h"
 #include "service/ServeCommand.h"
+#include "service/ServiceAccount.h"
 #include "service/ServiceContext.h"
+#include "service/SettingsFile.h"
+#include "service/SqliteRecordStore.h"
 #include "service/StoreOptions.h"
 #include "service/TextRules.h"
 
@@ -253,27 +256,51 @@ namespace ServiceCommands {
 
 std::string usage()
 {
-    return R"(Usage:
-  vantrel-service serve --data DIR --listen 127.0.0.1:8443 --public-url https://HOST
-                        [--database postgresql://USER@HOST/DB] [--files s3://BUCKET/PREFIX]
-                        [--s3-endpoint URL] [--s3-region NAME] [--s3-access-key ID]
-                        [--s3-secret-key-file FILE]
-                        [--tls-cert FILE --tls-key FILE] [--max-upload 2G]
-                        [--code-lifetime 600] [--poll-rate 60] [--token-rate 300]
-                        [--threads 64] [--trusted-proxy ADDRESS]...
-                        [--max-connections 1000] [--connections-per-address 32]
-                        [--handshake-timeout 10] [--head-timeout 10]
-                        [--poster-memory 512M] [--orphan-grace 3600] [--quiet]
-  vantrel-service user add EMAIL --name NAME --data DIR      (password on standard input)
-  vantrel-service token issue EMAIL --data DIR               (prints a new token)
-  vantrel-service token revoke TOKEN|- --data DIR            (or --all EMAIL)
-  vantrel-service release add VERSION ARCHIVE --notes TEXT --signature FILE --data DIR
-  vantrel-service clip delete ID --data DIR                  (its link then says it was deleted)
-  vantrel-service ads set FILE --data DIR
-  vantrel-service migrate --data DIR --to postgresql://USER@HOST/DB [--files s3://BUCKET/PREFIX]
-The commands that change records take --database (and --files, --s3-…) as serve does, in place
+    return R"(Usage: vantrel-service COMMAND [OPTIONS]
+
+The web service Vantrel signs in to and shares clips through.
+
+Commands:
+  serve --data DIR --public-url https://HOST [--listen 127.0.0.1:8443]
+        [--database postgresql://USER@HOST/DB] [--files s3://BUCKET/PREFIX]
+        [--s3-endpoint URL] [--s3-region NAME] [--s3-access-key ID]
+        [--s3-secret-key-file FILE]
+        [--tls-cert FILE --tls-key FILE] [--max-upload 2G]
+        [--code-lifetime 600] [--poll-rate 60] [--token-rate 300]
+        [--threads 64] [--trusted-proxy ADDRESS]...
+        [--max-connections 1000] [--connections-per-address 32]
+        [--handshake-timeout 10] [--head-timeout 10]
+        [--poster-memory 512M] [--orphan-grace 3600] [--quiet] [--settings FILE]
+      serve until stopped (SIGTERM or SIGINT)
+  user add EMAIL --name NAME --data DIR
+      add an account (the password comes on standard input)
+  token issue EMAIL --data DIR
+      print a new token for the account
+  token revoke TOKEN|- --data DIR (or --all EMAIL)
+      revoke one token ("-" reads it from standard input), or every token of an account
+  release add VERSION ARCHIVE --notes TEXT --signature FILE --data DIR
+      publish a signed release archive as the newest version
+  clip delete ID --data DIR
+      delete a clip; its link then says it was deleted
+  ads set FILE --data DIR
+      replace the sponsor cards with those of a JSON file
+  migrate --data DIR --to postgresql://USER@HOST/DB [--files s3://BUCKET/PREFIX]
+      copy an installation on SQLite and a folder to PostgreSQL (and S3), check every file,
+      and leave the old data as it was
+
+Shared stores:
+The commands that change records take --database (and --files, --s3-...) as serve does, in place
 of or beside --data. S3 keys may also come from AWS_ACCESS_KEY_ID and AWS_SECRET_ACCESS_KEY, the
 endpoint from AWS_ENDPOINT_URL, the region from AWS_REGION.
+
+Settings file:
+The file named by --settings holds options, one "name = value" a line, each a long option
+without its dashes ("listen = 127.0.0.1:8443", "trusted-proxy = 127.0.0.1" once per address,
+"quiet = true" for a flag); lines starting with # are comments. Options on the command line
+come after the file's and win. Every command but serve takes only "data" from it, and without
+--data or --settings they read /etc/vantrel-service/vantrel-service.conf when it exists. A
+command run as root on a data folder that belongs to another user (the installed service's)
+works as that user.
 )";
 }
 
@@ -288,8 +315,14 @@ int run(const std::vector<std::string> &arguments)
                 return false;
         return true;
     };
+    // serve takes every setting of the settings file; the other commands only its data folder.
+    std::string settings;
     const auto rest = [&](size_t from) {
-        return Arguments(arguments.begin() + long(from), arguments.end());
+        Arguments tail(arguments.begin() + long(from), arguments.end());
+        tail =
+            starts({"serve"}) ? SettingsFile::expand(tail, settings) : SettingsFile::dataOnly(tail);
+        ServiceAccount::becomeDataOwner(tail);
+        return tail;
     };
     // Whatever the service writes (the records, clips, the lock) is for its own account only.
     ::umask(077);
@@ -300,7 +333,7 @@ int run(const std::vector<std::string> &arguments)
             return ServeCommand::run(rest(1));
         // Not for people: the server runs this to check an upload in a process of its own.
         if (starts({"inspect-clip"}))
-            return ClipInspection::child(rest(1));
+            return ClipInspection::child(Arguments(arguments.begin() + 1, arguments.end()));
         if (starts({"user", "add"}))
             return userAdd(rest(2));
         if (starts({"token", "issue"}))
@@ -323,6 +356,9 @@ int run(const std::vector<std::string> &arguments)
         return 2;
     } catch (const CommandLine::Error &e) {
         std::fprintf(stderr, "vantrel-service: %s\n", e.what());
+        if (!settings.empty())
+            std::fprintf(stderr, "vantrel-service: (the settings of %s count as options)\n",
+                         settings.c_str());
         return 2;
     } catch (const std::exception &e) {
         std::fprintf(stderr, "vantrel-service: %s\n", e.what());

@@ -133,6 +133,21 @@ QString runningRoot()
     return root;
 }
 
+QString packageMarker(const QString &executable)
+{
+    const QDir bin = QFileInfo(executable).dir();
+    return QFileInfo(bin.absolutePath()).absolutePath() +
+        QStringLiteral("/share/vantrel/package-managed");
+}
+
+bool managedByPackage(const QString &executable)
+{
+    const QString program = executable.isEmpty()
+        ? QFileInfo(QStringLiteral("/proc/self/exe")).canonicalFilePath()
+        : executable;
+    return !program.isEmpty() && QFileInfo(packageMarker(program)).isFile();
+}
+
 QString defaultRoot()
 {
     const QString prefix = qEnvironmentVariable("VANTREL_PREFIX");

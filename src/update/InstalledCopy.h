@@ -17,6 +17,14 @@ namespace InstalledCopy {
 // build tree, a distribution package), which must never replace itself.
 QString runningRoot();
 
+// True when the program at `executable` was installed by the system's package manager: the .deb
+// ships a marker beside it (PREFIX/share/vantrel/package-managed for PREFIX/bin/vantrel). Such a
+// copy belongs to dpkg, which would not know of files swapped behind its back, so it never
+// replaces itself. Without an argument, the running program.
+bool managedByPackage(const QString &executable = {});
+// The marker's path for the program at `executable`.
+QString packageMarker(const QString &executable);
+
 // Where `vantrel --install` and scripts/install put a copy: $VANTREL_PREFIX, or
 // ~/.local/opt/Vantrel.
 QString defaultRoot();

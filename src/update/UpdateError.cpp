@@ -33,6 +33,12 @@ QString UpdateError::notInstalledCopy()
         "This copy of Vantrel is not the installed release; update it the way you installed it.");
 }
 
+QString UpdateError::installedByPackage()
+{
+    return QStringLiteral("Vantrel was installed with your package manager; update it there "
+                          "(install the newer vantrel package, for example with apt).");
+}
+
 QString UpdateError::insecureAddress(const QString &address)
 {
     return QStringLiteral(

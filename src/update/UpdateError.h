@@ -22,6 +22,7 @@ public:
     static QString cannotOpenArchive();
     static QString noAppInside();
     static QString notInstalledCopy();
+    static QString installedByPackage();
     // An archive offered at an address that is neither https nor on this machine.
     static QString insecureAddress(const QString &address);
     static QString tooLarge();

@@ -94,6 +94,7 @@ QString installedVersion(const QString &root)
 UpdateStore::UpdateStore(QObject *parent)
     : QObject(parent)
     , m_installedRoot(InstalledCopy::runningRoot())
+    , m_packageManaged(InstalledCopy::managedByPackage())
 {
 }
 
@@ -206,6 +207,7 @@ QString UpdateStore::whyCannotUpdateItself() const
 {
     // One check per reason, the first that holds is told.
     const std::pair<bool, QString (*)()> reasons[] = {
+        {m_packageManaged, &UpdateError::installedByPackage},
         {m_installedRoot.isEmpty(), &UpdateError::notInstalledCopy},
     };
     for (const auto &[holds, text] : reasons) {

@@ -74,6 +74,9 @@ public:
     // from where the program runs; tests point it at a copy of their own.
     const QString &installedRoot() const { return m_installedRoot; }
     void setInstalledRoot(const QString &root) { m_installedRoot = root; }
+    // Whether the package manager installed this copy (see InstalledCopy::managedByPackage).
+    bool packageManaged() const { return m_packageManaged; }
+    void setPackageManaged(bool managed) { m_packageManaged = managed; }
     // The pause before the new copy starts (one second; tests shorten it).
     void setRelaunchDelay(std::chrono::milliseconds delay) { m_relaunchDelay = delay; }
 
@@ -96,5 +99,6 @@ private:
     QString m_status;
     bool m_busy = false;
     QString m_installedRoot;
+    bool m_packageManaged = false;
     std::chrono::milliseconds m_relaunchDelay {std::chrono::seconds(1)};
 };

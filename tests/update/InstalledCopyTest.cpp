@@ -97,4 +97,21 @@ TEST_F(InstalledCopyTest, AKilledInstallLeavesARunnableCopyAndTheNextOneCleansUp
     EXPECT_EQ(leftovers(), QStringList());
 }
 
+TEST_F(InstalledCopyTest, OnlyACopyWithThePackagesMarkerBelongsToThePackageManager)
+{
+    const QString prefix = home() + QStringLiteral("/usr");
+    const QString program = prefix + QStringLiteral("/bin/vantrel");
+    QDir().mkpath(prefix + QStringLiteral("/bin"));
+    QFile(program).open(QIODevice::WriteOnly);
+    EXPECT_FALSE(InstalledCopy::managedByPackage(program));
+    // The marker must be a file where the .deb puts it, beside the program's own prefix.
+    QDir().mkpath(prefix + QStringLiteral("/share/vantrel/package-managed"));
+    EXPECT_FALSE(InstalledCopy::managedByPackage(program));
+    QDir(prefix + QStringLiteral("/share/vantrel/package-managed")).removeRecursively();
+    QFile(prefix + QStringLiteral("/share/vantrel/package-managed")).open(QIODevice::WriteOnly);
+    EXPECT_TRUE(InstalledCopy::managedByPackage(program));
+    // The test program itself runs from a build folder.
+    EXPECT_FALSE(InstalledCopy::managedByPackage());
+}
+
 } // namespace

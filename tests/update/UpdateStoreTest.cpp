@@ -93,6 +93,19 @@ TEST_F(UpdateStoreTest, InstallDoesNothingWithoutAReleaseWhileBusyOrFromAnotherC
     EXPECT_FALSE(other.busy());
     EXPECT_EQ(other.status(), UpdateError::notInstalledCopy());
     EXPECT_EQ(server.hits("/download/Vantrel-1.2.0-linux-x86_64.tar.gz"), 1);
+
+    // Nor does one the package manager installed, even with a copy of its own at hand; the
+    // newer release is still shown, with the way to get it.
+    UpdateStore packaged;
+    packaged.setInstalledRoot(root);
+    packaged.setPackageManaged(true);
+    QCoro::waitFor(packaged.load());
+    EXPECT_TRUE(packaged.updateAvailable());
+    EXPECT_EQ(packaged.whyCannotUpdateItself(), UpdateError::installedByPackage());
+    packaged.install();
+    EXPECT_FALSE(packaged.busy());
+    EXPECT_EQ(packaged.status(), UpdateError::installedByPackage());
+    EXPECT_EQ(server.hits("/download/Vantrel-1.2.0-linux-x86_64.tar.gz"), 1);
 }
 
 TEST_F(UpdateStoreTest, EveryFailedInstallKeepsTheCopyWholeAndLeavesNothing)
