@@ -226,6 +226,15 @@ void PulseAudioCapture::startLocked()
             throw std::runtime_error("The audio server did not answer within 5 seconds.");
         pa_threaded_mainloop_wait(m_loop.get());
     }
+    // One application's recording needs to know where that application plays first.
+    if (m_application) {
+        m_application->watchLocked(context, m_loop.get());
+        while (!m_application->knowsLocked()) {
+            if (m_timedOut || pa_context_get_state(context) != PA_CONTEXT_READY)
+                throw std::runtime_error("The audio server did not list its playback streams.");
+            pa_threaded_mainloop_wait(m_loop.get());
+        }
+    }
 
     for (const auto &recording : m_recordings)
         connectLocked(*recording);
