@@ -130,9 +130,10 @@ TEST(AppSoundSourceTest, RecordsOnlyTheChosenApplicationAndFollowsItByName)
     ASSERT_TRUE(waitUntil([&] { return level(after(log.packets(), restartedAt), 660) > 0.05; }))
         << "the application was not followed when it played again";
     const size_t followedAt = log.packets().size();
-    ASSERT_TRUE(log.waitFor(followedAt + 12));
+    ASSERT_TRUE(log.waitFor(followedAt + 25));
+    // A second of it (a loaded machine may drop a little), and none of the other program.
     const std::vector<AudioRecord> again = after(log.packets(), followedAt);
-    EXPECT_GT(level(again, 660), 0.05);
+    EXPECT_GT(level(again, 660), 0.03);
     EXPECT_LT(level(again, 1500), 0.01);
     capture.stop();
     EXPECT_FALSE(capture.failure());
