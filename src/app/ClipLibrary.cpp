@@ -1,6 +1,7 @@
 #include "app/ClipLibrary.h"
 
 #include "app/AppModel.h"
+#include "app/ClipFileMime.h"
 #include "app/DesktopOpener.h"
 #include "input/ClipHotkey.h"
 
@@ -138,14 +139,7 @@ void ClipLibrary::copyClip(const QUrl &url)
 
 QMimeData *ClipLibrary::fileForClipboard(const QUrl &url)
 {
-    auto *data = new QMimeData;
-    // text/uri-list: KDE's file manager, browsers and chat programs paste it as the file.
-    data->setUrls({url});
-    // GNOME's file manager and those built like it (Nemo, Caja, Thunar) paste only this.
-    data->setData(QStringLiteral("x-special/gnome-copied-files"), "copy\n" + url.toEncoded());
-    // A text field gets the path.
-    data->setText(url.toLocalFile());
-    return data;
+    return new ClipFileMime(url);
 }
 
 void ClipLibrary::revealFolder()

@@ -42,8 +42,8 @@ public:
     // folder opened).
     static void revealFile(const QString &path, QObject *context = nullptr,
                            std::function<void(bool shown)> done = {});
-    // A clip file as the clipboard offers it: as a file to file managers and chat programs, as
-    // its path to text fields.
+    // A clip file as the clipboard offers it: as a file to file managers and chat programs, its
+    // bytes to programs that ask for a video, its path to text fields (ClipFileMime).
     static QMimeData *fileForClipboard(const QUrl &url);
     // Moves a clip to the Trash and says so; true when it went.
     bool deleteClip(const QUrl &url);

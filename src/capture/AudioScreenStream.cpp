@@ -21,9 +21,12 @@ void AudioScreenStream::addAudioOutput(StreamOutputType type, SerialQueue &queue
     const bool microphone = type == StreamOutputType::microphone;
     if (microphone ? !m_audioConfig.captureMicrophone : !m_audioConfig.capturesAudio)
         return;
-    if (!m_audio)
+    if (!m_audio) {
         m_audio = std::make_unique<PulseAudioCapture>(
             m_audioConfig.sampleRate, m_audioConfig.channelCount, m_audioConfig.onNotice);
+        if (!m_audioConfig.soundSource.empty())
+            m_audio->recordApplication(m_audioConfig.soundSource);
+    }
     m_audio->addOutput(microphone ? PulseAudioCapture::Source::microphone
                                   : PulseAudioCapture::Source::system,
                        queue, std::move(handler));

@@ -45,6 +45,9 @@ struct StreamConfiguration
     int sampleRate = AudioDefaults::sampleRate;
     int channelCount = AudioDefaults::channels;
     bool captureMicrophone = false;
+    // The `application.name` whose sound alone is the system audio; empty for everything the
+    // default output plays.
+    std::string soundSource = {};
     // Sentences for the user's log (the audio followed the user to another device), on any
     // thread.
     std::function<void(const std::string &)> onNotice = nullptr;

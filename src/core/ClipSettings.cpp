@@ -15,6 +15,7 @@ const QString armOnLaunchKey = QStringLiteral("armOnLaunch");
 const QString keepRunningKey = QStringLiteral("keepRunning");
 const QString qualityKey = QStringLiteral("captureQuality");
 const QString clearAfterSaveKey = QStringLiteral("clearAfterSave");
+const QString soundSourceKey = QStringLiteral("soundSource");
 
 // The clip length as last read or written; not a length at all until then.
 std::atomic<double> keptLength {-1};
@@ -123,6 +124,15 @@ bool clearAfterSave()
 void setClearAfterSave(bool on)
 {
     write(clearAfterSaveKey, on);
+}
+
+QString soundSource()
+{
+    return Preferences::open()->value(soundSourceKey).toString();
+}
+void setSoundSource(const QString &applicationName)
+{
+    write(soundSourceKey, applicationName);
 }
 
 bool captureMic()

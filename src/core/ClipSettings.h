@@ -81,6 +81,12 @@ double keptDuration();
 bool clearAfterSave();
 void setClearAfterSave(bool on);
 
+// Where the system audio comes from: empty for "All system sound" (the default output, as a
+// whole), otherwise the `application.name` of the one application to record (see AppSoundSource).
+// Read at each arming. Empty when missing.
+QString soundSource();
+void setSoundSource(const QString &applicationName);
+
 bool captureMic(); // false when missing
 void setCaptureMic(bool on);
 

@@ -249,6 +249,7 @@ void ClipEngine::arm()
     config.sampleRate = AudioDefaults::sampleRate;
     config.channelCount = AudioDefaults::channels;
     config.captureMicrophone = mic;
+    config.soundSource = ClipSettings::soundSource().toStdString();
     config.onNotice = [](const std::string &text) { log(QString::fromStdString(text)); };
 
     auto recorder = std::make_shared<SessionRecorder>(mic);

@@ -25,6 +25,7 @@
 #include <complex>
 #include <csignal>
 #include <cstdlib>
+#include <functional>
 #include <future>
 #include <numbers>
 #include <string>
@@ -69,6 +70,20 @@ double toneShare(const std::vector<float> &samples, double hertz, int rate = 480
     const double amplitude = 2 * std::abs(sum) / double(samples.size());
     const double share = amplitude / std::numbers::sqrt2 / total;
     return share * share;
+}
+
+// What each tenth of a second of the clip's sound is, from `skipSeconds` on, as `kind` calls it
+// (a tenth is a whole number of periods of the tones used here).
+std::string tenths(const QString &clip, int skipSeconds,
+                   const std::function<char(const std::vector<float> &)> &kind)
+{
+    const std::vector<float> audio = probe::decodeAudio(clip, 0);
+    constexpr size_t window = 4800;
+    std::string heard;
+    for (size_t from = size_t(skipSeconds) * 48000; from + window <= audio.size(); from += window)
+        heard += kind(
+            std::vector<float>(audio.begin() + long(from), audio.begin() + long(from + window)));
+    return heard;
 }
 
 double durationSeconds(const QJsonObject &info)
@@ -137,6 +152,20 @@ protected:
         if (!sink.isEmpty())
             command.push_back("--device=" + sink.toStdString());
         return std::make_unique<ChildProcess>(command);
+    }
+
+    // A tone at `hertz` played into the default sink by a program that calls itself `name`.
+    std::unique_ptr<ChildProcess> playAs(const std::string &name, int hertz)
+    {
+        const std::string wav =
+            (tempFolder() + QStringLiteral("/tone%1.wav").arg(hertz)).toStdString();
+        if (!QFile::exists(QString::fromStdString(wav)) &&
+            ChildProcess::run({"ffmpeg", "-v", "error", "-f", "lavfi", "-i",
+                               "sine=f=" + std::to_string(hertz) + ":r=48000:d=90", "-ac", "2",
+                               "-y", wav}) != 0)
+            return nullptr;
+        return std::make_unique<ChildProcess>(
+            std::vector<std::string> {"paplay", "--property=application.name=" + name, wav});
     }
 };
 
@@ -462,14 +491,9 @@ TEST_F(ClipEngineTest, AudioFollowsTheDefaultOutputThroughChangesAndRemoval)
     expectWholeTracks(clip);
     // The tone before, between and after the moves. A null sink hands its monitor nothing for
     // up to two seconds after a move: that much silence, and no more, at each.
-    const std::vector<float> audio = probe::decodeAudio(clip, 0);
-    constexpr size_t window = 4800;
-    std::string heard;
-    for (size_t from = 48000; from + window <= audio.size(); from += window) {
-        const std::vector<float> piece(audio.begin() + long(from),
-                                       audio.begin() + long(from + window));
-        heard += rms(piece) > 0.02 && toneShare(piece, 1000) > 0.9 ? '#' : '.';
-    }
+    const std::string heard = tenths(clip, 1, [](const std::vector<float> &piece) {
+        return rms(piece) > 0.02 && toneShare(piece, 1000) > 0.9 ? '#' : '.';
+    });
     size_t longestSilence = 0;
     for (size_t at = 0, run = 0; at < heard.size(); ++at) {
         run = heard[at] == '#' ? 0 : run + 1;
@@ -481,6 +505,63 @@ TEST_F(ClipEngineTest, AudioFollowsTheDefaultOutputThroughChangesAndRemoval)
     ASSERT_GT(heard.size(), 20u);
     const std::string end = heard.substr(heard.size() - 20, 15);
     EXPECT_GE(std::count(end.begin(), end.end(), '#'), 11) << heard;
+}
+
+// With one application chosen, the clip holds its sound alone (not another program's playing at
+// the same time), silence while it is gone, and its sound again once it plays anew under the
+// same name.
+TEST_F(ClipEngineTest, OneApplicationsSoundIsFollowedByItsName)
+{
+    const std::string game = "Game " + std::to_string(getpid());
+    ClipSettings::setSoundSource(QString::fromStdString(game));
+    ClipSettings::setMaxDuration(30);
+    auto motion = startMotion();
+    ASSERT_TRUE(motion);
+    auto chat = playAs("Chat " + std::to_string(getpid()), 1500);
+    auto played = playAs(game, 440);
+    ASSERT_TRUE(chat && chat->running() && played && played->running());
+
+    QString clip;
+    {
+        ClipEngine engine;
+        engine.start().waitForFinished();
+        ASSERT_TRUE(waitUntil([&] { return engine.bufferedDuration() >= 5; }, 30000));
+        played.reset();
+        const double stoppedAt = engine.bufferedDuration();
+        ASSERT_TRUE(waitUntil([&] { return engine.bufferedDuration() >= stoppedAt + 3; }, 20000));
+        played = playAs(game, 660);
+        const double restartedAt = engine.bufferedDuration();
+        // A null sink's monitor may hand over nothing for up to two seconds after a move.
+        ASSERT_TRUE(waitUntil([&] { return engine.bufferedDuration() >= restartedAt + 5; }, 20000));
+        EXPECT_TRUE(engine.isArmed());
+        clip = engine.saveClip().result().path;
+        engine.stop(false).waitForFinished();
+    }
+    expectWholeTracks(clip);
+    EXPECT_TRUE(logText().contains(QStringLiteral("stopped playing")));
+    EXPECT_TRUE(logText().contains(QStringLiteral("started playing")));
+
+    // Tenths of a second: the first tone, silence, the second tone, and never the other program.
+    const std::string heard = tenths(clip, 0, [](const std::vector<float> &piece) {
+        if (rms(piece) < 0.001)
+            return '.';
+        if (toneShare(piece, 1500) > 0.05)
+            return 'c';
+        return toneShare(piece, 440) > 0.9 ? 'a' : toneShare(piece, 660) > 0.9 ? 'b' : '~';
+    });
+    EXPECT_EQ(heard.find('c'), std::string::npos) << "the other program is heard: " << heard;
+    const size_t lastA = heard.rfind('a'), firstB = heard.find('b');
+    ASSERT_NE(lastA, std::string::npos) << heard;
+    ASSERT_NE(firstB, std::string::npos) << heard;
+    const auto a = std::count(heard.begin(), heard.end(), 'a');
+    const auto b = std::count(heard.begin(), heard.end(), 'b');
+    EXPECT_GE(a, 15) << heard;
+    EXPECT_GE(b, 20) << heard;
+    // A tenth where a tone starts or stops is part tone, part silence, and so is one where a
+    // busy machine dropped a little sound.
+    EXPECT_LE(std::count(heard.begin(), heard.end(), '~'), (a + b) / 8) << heard;
+    EXPECT_GE(firstB, lastA + 20) << "no silence while the application was gone: " << heard;
+    EXPECT_EQ(heard.find('a', firstB), std::string::npos) << heard;
 }
 
 // With two monitors the one under the pointer is captured, each at its own size.

@@ -1,6 +1,7 @@
 #include "capture/pulse/PulseAudioCapture.h"
 
 #include "capture/QueueDelivery.h"
+#include "capture/pulse/AppSoundSource.h"
 #include "capture/pulse/AudioClock.h"
 #include "core/Log.h"
 #include "media/BytesArena.h"
@@ -102,6 +103,10 @@ struct PulseAudioCapture::Recording
     // Mainloop thread: when the sink's latency reports are trusted again (see read()); -1 until
     // the first samples after a start or a move.
     int64_t sinkLatencyFrom = -1;
+    // Mainloop thread: the application recorded alone plays nothing, so what the stream gives is
+    // replaced by silence of the same length (`zeros`).
+    bool silent = false;
+    std::vector<uint8_t> zeros;
 };
 
 void PulseAudioCapture::LoopDeleter::operator()(pa_threaded_mainloop *loop) const
@@ -137,6 +142,19 @@ void PulseAudioCapture::addOutput(Source source, SerialQueue &queue, Handler han
 {
     m_recordings.push_back(
         std::make_unique<Recording>(*this, source, queue, std::move(handler), m_sampleRate));
+}
+
+void PulseAudioCapture::recordApplication(std::string applicationName)
+{
+    m_application =
+        std::make_unique<AppSoundSource>(std::move(applicationName), [this](const char *why) {
+            for (const auto &recording : m_recordings) {
+                if (recording->source != Source::system)
+                    continue;
+                recording->moveReason = why;
+                followLocked(*recording, why);
+            }
+        });
 }
 
 void PulseAudioCapture::start()
@@ -208,6 +226,15 @@ void PulseAudioCapture::startLocked()
             throw std::runtime_error("The audio server did not answer within 5 seconds.");
         pa_threaded_mainloop_wait(m_loop.get());
     }
+    // One application's recording needs to know where that application plays first.
+    if (m_application) {
+        m_application->watchLocked(context, m_loop.get());
+        while (!m_application->knowsLocked()) {
+            if (m_timedOut || pa_context_get_state(context) != PA_CONTEXT_READY)
+                throw std::runtime_error("The audio server did not list its playback streams.");
+            pa_threaded_mainloop_wait(m_loop.get());
+        }
+    }
 
     for (const auto &recording : m_recordings)
         connectLocked(*recording);
@@ -231,12 +258,18 @@ void PulseAudioCapture::startLocked()
     // From now on the server tells of changes to its defaults.
     pa_context_set_subscribe_callback(
         context,
-        [](pa_context *context, pa_subscription_event_type_t type, uint32_t, void *self) {
+        [](pa_context *context, pa_subscription_event_type_t type, uint32_t index, void *self) {
             if ((type & PA_SUBSCRIPTION_EVENT_FACILITY_MASK) == PA_SUBSCRIPTION_EVENT_SERVER)
                 release(pa_context_get_server_info(context, onServerInfo, self));
+            else if (auto &application = static_cast<PulseAudioCapture *>(self)->m_application)
+                application->onEventLocked(type, index);
         },
         this);
-    release(pa_context_subscribe(context, PA_SUBSCRIPTION_MASK_SERVER, nullptr, nullptr));
+    release(pa_context_subscribe(
+        context,
+        pa_subscription_mask_t(PA_SUBSCRIPTION_MASK_SERVER |
+                               (m_application ? PA_SUBSCRIPTION_MASK_SINK_INPUT : 0)),
+        nullptr, nullptr));
     release(pa_context_get_server_info(context, onServerInfo, this));
 }
 
@@ -271,7 +304,14 @@ void PulseAudioCapture::connectLocked(Recording &recording)
     pa_stream_set_state_callback(stream, onStreamState, &recording);
     pa_stream_set_read_callback(stream, onRead, &recording);
     pa_stream_set_moved_callback(stream, onMoved, &recording);
-    if (pa_stream_connect_record(stream, deviceName(recording.source), &attributes, flags) < 0)
+    std::string device = deviceName(recording.source);
+    recording.silent = false;
+    if (system && m_application) {
+        AppSoundSource::Aim aim = m_application->aimLocked(stream);
+        device = std::move(aim.device);
+        recording.silent = aim.muted;
+    }
+    if (pa_stream_connect_record(stream, device.c_str(), &attributes, flags) < 0)
         throw std::runtime_error(std::string("Could not record ") + sourceText(recording.source) +
                                  ": " + pa_strerror(pa_context_errno(context)) + ".");
 }
@@ -491,6 +531,9 @@ void PulseAudioCapture::retryLocked()
 
 bool PulseAudioCapture::isOnDefaultLocked(const Recording &recording) const
 {
+    // One application's recording moves when that application does, not with the default.
+    if (recording.source == Source::system && m_application)
+        return false;
     pa_stream *stream = recording.stream.get();
     if (!stream || pa_stream_get_state(stream) != PA_STREAM_READY)
         return false;
@@ -566,6 +609,10 @@ void PulseAudioCapture::read(Recording &recording)
                 delayMicroseconds -= int64_t(timing->sink_usec);
         }
         const int64_t capturedAt = now - delayMicroseconds * 1000;
+        if (recording.silent) {
+            recording.zeros.resize(bytes);
+            data = recording.zeros.data();
+        }
         deliver(recording, static_cast<const uint8_t *>(data), bytes, capturedAt);
         pa_stream_drop(stream);
     }

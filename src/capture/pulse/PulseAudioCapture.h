@@ -13,6 +13,7 @@
 struct pa_threaded_mainloop;
 struct pa_context;
 struct pa_stream;
+class AppSoundSource;
 class SerialQueue;
 
 // Records system audio (the default sink's monitor) and the microphone (the default source) from
@@ -63,6 +64,10 @@ public:
 
     // One record stream per call; the queue must outlive this object's stop().
     void addOutput(Source source, SerialQueue &queue, Handler handler);
+    // System audio from this one application (by its `application.name`) instead of the whole
+    // default output: silence while it plays nothing, followed as it comes and goes (see
+    // AppSoundSource). Before start().
+    void recordApplication(std::string applicationName);
 
     // Connects and starts every recording, waiting at most 5 seconds for the server. Throws
     // std::runtime_error saying what failed; the capture is then stopped.
@@ -126,6 +131,8 @@ private:
     // Added before start, read by the mainloop thread after; the streams inside are touched
     // only with the mainloop's lock held.
     std::vector<std::unique_ptr<Recording>> m_recordings;
+    // Set before start, then used with the mainloop's lock.
+    std::unique_ptr<AppSoundSource> m_application;
     // Guarded by the mainloop's lock: written by start()/stop() under it, read by the callbacks
     // (which run with it held).
     bool m_running = false;

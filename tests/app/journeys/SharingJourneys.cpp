@@ -84,13 +84,20 @@ TEST_F(Journey, EveryClipRowButtonWorksAndALinkOutlivesARestart)
     QTest::mouseClick(clip->findChild<QPushButton *>(QStringLiteral("copyFile")), Qt::LeftButton);
     EXPECT_EQ(shell().model().status(), QStringLiteral("Copied %1.").arg(name));
     const QStringList targets = clipboardTargets();
-    for (const char *target : {"text/uri-list", "x-special/gnome-copied-files", "UTF8_STRING"})
+    for (const char *target :
+         {"text/uri-list", "x-special/gnome-copied-files", "video/mp4", "UTF8_STRING"})
         EXPECT_TRUE(targets.contains(QLatin1String(target)))
             << target << " in " << targets.join(QLatin1Char(' ')).toStdString();
     const QByteArray fileUrl = QUrl::fromLocalFile(path).toEncoded();
     EXPECT_EQ(clipboard(QStringLiteral("text/uri-list")).trimmed(), fileUrl);
     EXPECT_EQ(clipboard(QStringLiteral("x-special/gnome-copied-files")), "copy\n" + fileUrl);
     EXPECT_EQ(QString::fromUtf8(clipboard()), path);
+    // Chat programs that take an attachment only as its contents get the whole file.
+    QFile copied(path);
+    ASSERT_TRUE(copied.open(QIODevice::ReadOnly));
+    const QByteArray bytes = clipboard(QStringLiteral("video/mp4"));
+    EXPECT_EQ(bytes.size(), copied.size());
+    EXPECT_TRUE(bytes == copied.readAll());
 
     // Delete: to the Trash, and the link stops working.
     QTest::mouseClick(clip->findChild<QPushButton *>(QStringLiteral("delete")), Qt::LeftButton);
