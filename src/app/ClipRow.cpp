@@ -97,6 +97,7 @@ ClipRow::ClipRow(const ClipFile &clip, AppModel &model, const DashboardCallbacks
     m_layout->setSpacing(6);
 
     auto *about = new QHBoxLayout;
+    m_about = about;
     about->setSpacing(10);
     m_poster = new QLabel(this);
     m_poster->setObjectName(QStringLiteral("clipPoster"));
@@ -122,6 +123,7 @@ ClipRow::ClipRow(const ClipFile &clip, AppModel &model, const DashboardCallbacks
     m_layout->addLayout(about, 1);
 
     auto *row = new QHBoxLayout;
+    m_buttons = row;
     row->setSpacing(2);
     m_layout->addLayout(row);
 
@@ -165,11 +167,16 @@ void ClipRow::resizeEvent(QResizeEvent *event)
 {
     Card::resizeEvent(event);
     // In a narrow window the buttons go under the name rather than squeeze it away.
-    // A band of 24 px between the two ways keeps a width at the edge from switching back and
-    // forth: stacked rows are taller, the page's scroll bar appears and takes 8 px, and so on.
+    // Side by side needs the room of both halves at their narrowest, or the row would widen the
+    // page past the window and switch back at once. A band of 24 px on the way back keeps a width
+    // at the edge (a scroll bar coming and going) from switching it back and forth.
+    const QMargins margins = m_layout->contentsMargins();
+    const int sideBySide = m_about->minimumSize().width() + m_buttons->sizeHint().width() +
+        m_layout->spacing() + margins.left() + margins.right();
     const bool stacked = m_layout->direction() == QBoxLayout::TopToBottom;
-    const auto direction =
-        width() < (stacked ? 494 : 470) ? QBoxLayout::TopToBottom : QBoxLayout::LeftToRight;
+    const auto direction = width() < (stacked ? sideBySide + 24 : sideBySide)
+        ? QBoxLayout::TopToBottom
+        : QBoxLayout::LeftToRight;
     if (m_layout->direction() != direction)
         m_layout->setDirection(direction);
 }

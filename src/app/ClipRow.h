@@ -6,6 +6,7 @@
 
 class AppModel;
 class QBoxLayout;
+class QLayout;
 struct DashboardCallbacks;
 
 // One clip of the library: its poster with its duration, name and date with size; clicking the
@@ -40,6 +41,8 @@ private:
     AppModel &m_model;
     const DashboardCallbacks &m_callbacks;
     QBoxLayout *m_layout = nullptr;
+    QLayout *m_about = nullptr; // the poster, name and details
+    QLayout *m_buttons = nullptr;
     QLabel *m_sharing = nullptr;
     QPushButton *m_share = nullptr;
     QPushButton *m_copyLink = nullptr;
