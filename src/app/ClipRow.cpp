@@ -122,10 +122,10 @@ ClipRow::ClipRow(const ClipFile &clip, AppModel &model, const DashboardCallbacks
     about->addLayout(text, 1);
     m_layout->addLayout(about, 1);
 
-    auto *row = new QHBoxLayout;
+    // Under the name in a narrow window, the buttons stack too rather than run past the edge.
+    auto *row = new WrappingRow(this);
     m_buttons = row;
-    row->setSpacing(2);
-    m_layout->addLayout(row);
+    m_layout->addWidget(row);
 
     m_sharing = label(QStringLiteral("Sharing…"), 12, QFont::Normal, Palette::white(0.5), this);
     m_sharing->setObjectName(QStringLiteral("sharing"));
@@ -144,7 +144,6 @@ ClipRow::ClipRow(const ClipFile &clip, AppModel &model, const DashboardCallbacks
                             static_cast<QWidget *>(m_copyLink), static_cast<QWidget *>(trim),
                             static_cast<QWidget *>(copyFile), static_cast<QWidget *>(remove)})
         row->addWidget(widget);
-    row->addStretch(0);
 
     connect(m_share, &QPushButton::clicked, this, [this] { call(m_callbacks.onShare, m_clip.id); });
     connect(m_copyLink, &QPushButton::clicked, this, [this] {
@@ -171,8 +170,12 @@ void ClipRow::resizeEvent(QResizeEvent *event)
     // page past the window and switch back at once. A band of 24 px on the way back keeps a width
     // at the edge (a scroll bar coming and going) from switching it back and forth.
     const QMargins margins = m_layout->contentsMargins();
-    const int sideBySide = m_about->minimumSize().width() + m_buttons->sizeHint().width() +
-        m_layout->spacing() + margins.left() + margins.right();
+    int buttons = 0;
+    for (const QWidget *button : m_buttons->findChildren<QWidget *>(Qt::FindDirectChildrenOnly))
+        if (!button->isHidden())
+            buttons += button->sizeHint().width() + 8;
+    const int sideBySide = m_about->minimumSize().width() + buttons + m_layout->spacing() +
+        margins.left() + margins.right();
     const bool stacked = m_layout->direction() == QBoxLayout::TopToBottom;
     const auto direction = width() < (stacked ? sideBySide + 24 : sideBySide)
         ? QBoxLayout::TopToBottom

@@ -42,7 +42,7 @@ private:
     const DashboardCallbacks &m_callbacks;
     QBoxLayout *m_layout = nullptr;
     QLayout *m_about = nullptr; // the poster, name and details
-    QLayout *m_buttons = nullptr;
+    QWidget *m_buttons = nullptr;
     QLabel *m_sharing = nullptr;
     QPushButton *m_share = nullptr;
     QPushButton *m_copyLink = nullptr;

@@ -203,7 +203,9 @@ QCoro::Task<void> DashboardActions::runTrim(QUrl clip, MediaTime in, MediaTime o
     QString status;
     QString written;
     try {
-        const ClipTrim::Trimmed trimmed = co_await ClipTrim::trim({clip.toLocalFile(), in, out});
+        // Kept while awaited: the answer lives in the future.
+        QFuture<ClipTrim::Trimmed> trimming = ClipTrim::trim({clip.toLocalFile(), in, out});
+        const ClipTrim::Trimmed trimmed = co_await trimming;
         written = trimmed.path;
         status = QStringLiteral("Saved the trimmed copy as %1, beside the clip in %2.")
                      .arg(QFileInfo(trimmed.path).fileName(),

@@ -40,14 +40,17 @@ LengthKeysCard::LengthKeysCard(AppModel &model, const DashboardCallbacks &callba
                            Look::link, Palette::white(0.55), 12, this);
         connect(row.clear, &QPushButton::clicked, this,
                 [this, seconds] { call(m_callbacks.onClearLengthKey, seconds); });
-        grid->addWidget(title, line, 0);
-        grid->addWidget(row.chip, line, 1, Qt::AlignLeft);
-        grid->addWidget(row.change, line, 2);
-        grid->addWidget(row.clear, line, 3);
+        // In a narrow window the buttons go under the key rather than past the card's edge.
+        auto *controls = new WrappingRow(this);
+        controls->addWidget(row.chip);
+        controls->addWidget(row.change);
+        controls->addWidget(row.clear);
+        grid->addWidget(title, line, 0, Qt::AlignTop);
+        grid->addWidget(controls, line, 1);
         m_rows.insert(seconds, row);
         ++line;
     }
-    grid->setColumnStretch(4, 1);
+    grid->setColumnStretch(1, 1);
     column->addLayout(grid);
     auto *note = label(QStringLiteral("Each saves its length whatever the clip length above. The "
                                       "replay keeps the longest length that has a key."),

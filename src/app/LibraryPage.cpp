@@ -108,10 +108,10 @@ void LibraryPage::showEvent(QShowEvent *event)
 
 void LibraryPage::addRows()
 {
-    // Rows are made only while the page is on screen, and a few dozen per turn of the event loop,
+    // Rows are made only while the page is on screen, and a few per turn of the event loop,
     // so the window opens and stays responsive whatever the library holds; the posters are asked
     // for by the rows that are drawn.
-    constexpr qsizetype rowsPerTurn = 24;
+    constexpr qsizetype rowsPerTurn = 8;
     if (m_unshown.isEmpty() || !isVisible())
         return;
     const qsizetype count = std::min(rowsPerTurn, m_unshown.size());
