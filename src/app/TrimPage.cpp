@@ -111,10 +111,12 @@ TrimPage::TrimPage(AppModel &model, const DashboardCallbacks &callbacks, QWidget
     m_save = button(QStringLiteral("Save trimmed copy"), QStringLiteral("saveTrimmed"),
                     Look::accent, Qt::black);
     connect(m_save, &QPushButton::clicked, this, &TrimPage::save);
+    // The cut's summary on a line of its own: the buttons keep their full width beside it.
     cut->addWidget(m_setIn);
     cut->addWidget(m_setOut);
-    cut->addWidget(m_cut, 1);
+    cut->addStretch(1);
     cut->addWidget(m_save);
+    page->addWidget(m_cut);
     page->addLayout(cut);
     // The keys step and mark wherever the user clicked last.
     for (QPushButton *control : findChildren<QPushButton *>())
