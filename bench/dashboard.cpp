@@ -8,6 +8,7 @@
 //   bench_dashboard --armed open|closed (the children it runs)
 
 #include "BenchSupport.h"
+#include "FirstFrame.h"
 
 #include "app/AppModel.h"
 #include "app/AppShell.h"
@@ -67,33 +68,16 @@ void waitIdle(int ms)
     loop.exec();
 }
 
-// Reports once the window's content has been painted and the paint has reached the screen.
-class FirstFrame : public QObject
-{
-public:
-    bool eventFilter(QObject *watched, QEvent *event) override
-    {
-        if (event->type() == QEvent::Paint && !m_seen) {
-            m_seen = true;
-            QTimer::singleShot(0, [] {
-                std::printf("frame %ld\n", residentKilobytes());
-                std::fflush(stdout);
-                QCoreApplication::quit();
-            });
-        }
-        return QObject::eventFilter(watched, event);
-    }
-
-private:
-    bool m_seen = false;
-};
-
 int openWindow(int argc, char **argv, bool dashboard)
 {
     QApplication app(argc, argv);
     QCoreApplication::setOrganizationName(QStringLiteral("quillfen"));
     QCoreApplication::setApplicationName(QStringLiteral("Vantrel"));
-    FirstFrame frame;
+    FirstFrame frame([] {
+        std::printf("frame %ld\n", residentKilobytes());
+        std::fflush(stdout);
+        QCoreApplication::quit();
+    });
     std::unique_ptr<QMainWindow> window;
     std::unique_ptr<AppModel> model;
     if (dashboard) {

@@ -1,5 +1,6 @@
 #include "app/AppModel.h"
 
+#include "core/LengthKeys.h"
 #include "input/ClipHotkey.h"
 
 AppModel::AppModel(QObject *parent)
@@ -10,7 +11,17 @@ AppModel::AppModel(QObject *parent)
     , m_captureMic(ClipSettings::captureMic())
     , m_armOnLaunch(ClipSettings::armOnLaunch())
     , m_hotkeyName(ClipHotkey::displayName())
+    , m_lengthKeyNames(storedLengthKeyNames())
 {
+}
+
+QMap<int, QString> AppModel::storedLengthKeyNames()
+{
+    QMap<int, QString> names;
+    for (int seconds : LengthKeys::lengths)
+        if (const auto binding = LengthKeys::binding(seconds))
+            names.insert(seconds, binding->displayName);
+    return names;
 }
 
 void AppModel::setMode(RecordMode value)
@@ -21,8 +32,9 @@ void AppModel::setMode(RecordMode value)
 
 void AppModel::setClipLength(double seconds)
 {
-    assign(m_clipLength, seconds, &AppModel::clipLengthChanged);
+    // Stored first: what the replay keeps follows it, and observers read that when told.
     ClipSettings::setMaxDuration(seconds);
+    assign(m_clipLength, seconds, &AppModel::clipLengthChanged);
 }
 
 void AppModel::setCaptureMic(bool value)

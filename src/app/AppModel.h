@@ -37,7 +37,7 @@ public:
     enum class Tab { home, library, settings };
     Q_ENUM(Tab)
 
-    // Reads the four settings and the clip key's display text once.
+    // Reads the four settings and the display texts of the clip key and the lengths' keys once.
     explicit AppModel(QObject *parent = nullptr);
 
     bool isClipping() const { return m_isClipping; }
@@ -79,6 +79,24 @@ public:
         assign(m_isCapturingHotkey, value, &AppModel::isCapturingHotkeyChanged);
     }
 
+    // The key of each length that has one, by its length in seconds ("Ctrl+F9"); the length whose
+    // key is being captured in the window, 0 for none (the clip key's capture is
+    // isCapturingHotkey).
+    static QMap<int, QString> storedLengthKeyNames();
+    QMap<int, QString> lengthKeyNames() const { return m_lengthKeyNames; }
+    void setLengthKeyNames(const QMap<int, QString> &value)
+    {
+        assign(m_lengthKeyNames, value, &AppModel::lengthKeyNamesChanged);
+    }
+    int capturingLength() const { return m_capturingLength; }
+    void setCapturingLength(int seconds)
+    {
+        assign(m_capturingLength, seconds, &AppModel::capturingLengthChanged);
+    }
+    // The clip the trim view shows; empty while it is closed.
+    QUrl trimClip() const { return m_trimClip; }
+    void setTrimClip(const QUrl &value) { assign(m_trimClip, value, &AppModel::trimClipChanged); }
+
     // Sharing: the link of each clip uploaded since launch (by clip URL), uploads in flight,
     // the share-all run and the last folder link (empty: none).
     QMap<QUrl, QString> shares() const { return m_shares; }
@@ -116,6 +134,9 @@ signals:
     void hotkeyWorksEverywhereChanged();
     void hotkeyNameChanged();
     void isCapturingHotkeyChanged();
+    void lengthKeyNamesChanged();
+    void capturingLengthChanged();
+    void trimClipChanged();
     void sharesChanged();
     void uploadingChanged();
     void sharingAllChanged();
@@ -142,6 +163,9 @@ private:
     bool m_hotkeyWorksEverywhere = false;
     QString m_hotkeyName;
     bool m_isCapturingHotkey = false;
+    QMap<int, QString> m_lengthKeyNames;
+    int m_capturingLength = 0;
+    QUrl m_trimClip;
     QMap<QUrl, QString> m_shares;
     QSet<QUrl> m_uploading;
     bool m_sharingAll = false;

@@ -18,6 +18,7 @@
 #include "app/WakeObserver.h"
 #include "app/WindowHome.h"
 #include "cloud/AccountStore.h"
+#include "core/LengthKeys.h"
 #include "core/Log.h"
 #include "core/Paths.h"
 #include "core/PreferencesWatch.h"
@@ -149,12 +150,22 @@ void AppShell::connectClipKey()
         m_model->setHotkeyName(ClipHotkey::displayName());
         m_arming->refreshStatus();
     });
+    connect(&LengthKeys::notifier(), &LengthKeysNotifier::lengthKeyChanged, this,
+            [this] { m_model->setLengthKeyNames(AppModel::storedLengthKeyNames()); });
     HotkeyManager &hotkeys = HotkeyManager::shared();
-    const QPointer<ClipSaver> saver(m_saver);
-    hotkeys.onPress = [saver] {
-        if (saver)
-            saver->save();
-    };
+    // The clip key saves the length chosen in the settings, as the window's Save does; a length's
+    // key saves its own length, and only that save says when the replay held less. Both go through
+    // the one saver, so the tray, the window and the keys share its debounce. The press is
+    // announced on the thread that accepted it, hence the queued connection.
+    connect(
+        &hotkeys, &HotkeyManager::pressAccepted, m_saver,
+        [saver = m_saver](int lengthSeconds) {
+            if (lengthSeconds > 0)
+                saver->saveLength(lengthSeconds);
+            else
+                saver->save();
+        },
+        Qt::QueuedConnection);
     const QPointer<ArmingController> arming(m_arming);
     hotkeys.onBecameGlobal = [arming] {
         QMetaObject::invokeMethod(

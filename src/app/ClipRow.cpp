@@ -5,12 +5,74 @@
 #include "core/Palette.h"
 
 #include <QClipboard>
+#include <QFutureWatcher>
 #include <QGuiApplication>
 #include <QHBoxLayout>
+#include <QImage>
 #include <QLocale>
+#include <QPainter>
+#include <QPainterPath>
 #include <QVBoxLayout>
 
+#include <cmath>
+
 using namespace DashboardStyle;
+
+namespace {
+
+// The poster's place before it comes, and for a clip that has none (`damaged`).
+QPixmap placeholder(bool damaged)
+{
+    const QSize size = ClipRow::posterSize;
+    QPixmap pixmap(size);
+    pixmap.fill(Qt::transparent);
+    QPainter painter(&pixmap);
+    painter.setRenderHint(QPainter::Antialiasing);
+    painter.setPen(Qt::NoPen);
+    painter.setBrush(Palette::white(0.06));
+    painter.drawRoundedRect(QRectF(QPointF(0, 0), size), 5, 5);
+    const QPixmap film =
+        icon(QStringLiteral("film"), damaged ? Palette::white(0.3) : Palette::vtGold(), 20);
+    painter.drawPixmap((size.width() - 20) / 2, (size.height() - 20) / 2, film);
+    if (damaged) {
+        // A diagonal stroke: this clip could not be read.
+        painter.setPen(QPen(Palette::white(0.3), 1.5));
+        painter.drawLine(QPointF(size.width() / 2.0 - 14, size.height() / 2.0 + 14),
+                         QPointF(size.width() / 2.0 + 14, size.height() / 2.0 - 14));
+    }
+    return pixmap;
+}
+
+// The poster scaled to cover the row's frame, with its corners rounded like the cards'.
+QPixmap framed(const QImage &image)
+{
+    const QSize size = ClipRow::posterSize;
+    const QImage cover =
+        image.scaled(size, Qt::KeepAspectRatioByExpanding, Qt::SmoothTransformation);
+    QPixmap pixmap(size);
+    pixmap.fill(Qt::transparent);
+    QPainter painter(&pixmap);
+    painter.setRenderHint(QPainter::Antialiasing);
+    QPainterPath corners;
+    corners.addRoundedRect(QRectF(QPointF(0, 0), size), 5, 5);
+    painter.setClipPath(corners);
+    painter.drawImage(
+        QPoint((size.width() - cover.width()) / 2, (size.height() - cover.height()) / 2), cover);
+    return pixmap;
+}
+
+} // namespace
+
+QString clipDuration(double seconds)
+{
+    const long total = std::max(0L, std::lround(seconds));
+    if (total >= 3600)
+        return QStringLiteral("%1:%2:%3")
+            .arg(total / 3600)
+            .arg(total / 60 % 60, 2, 10, QLatin1Char('0'))
+            .arg(total % 60, 2, 10, QLatin1Char('0'));
+    return QStringLiteral("%1:%2").arg(total / 60).arg(total % 60, 2, 10, QLatin1Char('0'));
+}
 
 QString clipDetails(const ClipFile &clip)
 {
@@ -35,10 +97,19 @@ ClipRow::ClipRow(const ClipFile &clip, AppModel &model, const DashboardCallbacks
     m_layout->setSpacing(6);
 
     auto *about = new QHBoxLayout;
+    m_about = about;
     about->setSpacing(10);
-    auto *film = new QLabel(this);
-    film->setPixmap(icon(QStringLiteral("film"), Palette::vtGold(), 18));
-    about->addWidget(film);
+    m_poster = new QLabel(this);
+    m_poster->setObjectName(QStringLiteral("clipPoster"));
+    m_poster->setFixedSize(posterSize);
+    m_poster->setAlignment(Qt::AlignCenter);
+    m_poster->setPixmap(placeholder(false));
+    m_duration = label(QString(), 10, QFont::DemiBold, Qt::white, m_poster);
+    m_duration->setObjectName(QStringLiteral("clipDuration"));
+    m_duration->setStyleSheet(
+        QStringLiteral("background: rgba(0,0,0,170); border-radius: 3px; padding: 1px 4px;"));
+    m_duration->hide();
+    about->addWidget(m_poster);
     auto *text = new QVBoxLayout;
     text->setSpacing(2);
     auto *name = new ElidedLabel(clip.name, this);
@@ -51,9 +122,10 @@ ClipRow::ClipRow(const ClipFile &clip, AppModel &model, const DashboardCallbacks
     about->addLayout(text, 1);
     m_layout->addLayout(about, 1);
 
-    auto *row = new QHBoxLayout;
-    row->setSpacing(2);
-    m_layout->addLayout(row);
+    // Under the name in a narrow window, the buttons stack too rather than run past the edge.
+    auto *row = new WrappingRow(this);
+    m_buttons = row;
+    m_layout->addWidget(row);
 
     m_sharing = label(QStringLiteral("Sharing…"), 12, QFont::Normal, Palette::white(0.5), this);
     m_sharing->setObjectName(QStringLiteral("sharing"));
@@ -62,15 +134,16 @@ ClipRow::ClipRow(const ClipFile &clip, AppModel &model, const DashboardCallbacks
                      Palette::vtGold(), 12, this);
     m_copyLink = button(QStringLiteral("Copy link"), QStringLiteral("copyLink"), Look::link,
                         Palette::vtGold(), 12, this);
+    auto *trim = button(QStringLiteral("Trim"), QStringLiteral("trim"), Look::link,
+                        Palette::white(0.65), 12, this);
     auto *copyFile = button(QStringLiteral("Copy file"), QStringLiteral("copyFile"), Look::link,
                             Palette::white(0.65), 12, this);
     auto *remove = button(QStringLiteral("Delete"), QStringLiteral("delete"), Look::link,
                           Palette::white(0.45), 12, this);
     for (QWidget *widget : {static_cast<QWidget *>(m_sharing), static_cast<QWidget *>(m_share),
-                            static_cast<QWidget *>(m_copyLink), static_cast<QWidget *>(copyFile),
-                            static_cast<QWidget *>(remove)})
+                            static_cast<QWidget *>(m_copyLink), static_cast<QWidget *>(trim),
+                            static_cast<QWidget *>(copyFile), static_cast<QWidget *>(remove)})
         row->addWidget(widget);
-    row->addStretch(0);
 
     connect(m_share, &QPushButton::clicked, this, [this] { call(m_callbacks.onShare, m_clip.id); });
     connect(m_copyLink, &QPushButton::clicked, this, [this] {
@@ -80,6 +153,7 @@ ClipRow::ClipRow(const ClipFile &clip, AppModel &model, const DashboardCallbacks
         clipboard->setText(link);
         m_model.setStatus(QStringLiteral("Link copied."));
     });
+    connect(trim, &QPushButton::clicked, this, [this] { call(m_callbacks.onTrim, m_clip.id); });
     connect(copyFile, &QPushButton::clicked, this, [this] { call(m_callbacks.onCopy, m_clip.id); });
     connect(remove, &QPushButton::clicked, this, [this] { call(m_callbacks.onDelete, m_clip.id); });
 
@@ -92,9 +166,64 @@ void ClipRow::resizeEvent(QResizeEvent *event)
 {
     Card::resizeEvent(event);
     // In a narrow window the buttons go under the name rather than squeeze it away.
-    const auto direction = width() < 470 ? QBoxLayout::TopToBottom : QBoxLayout::LeftToRight;
+    // Side by side needs the room of both halves at their narrowest, or the row would widen the
+    // page past the window and switch back at once. A band of 24 px on the way back keeps a width
+    // at the edge (a scroll bar coming and going) from switching it back and forth.
+    const QMargins margins = m_layout->contentsMargins();
+    int buttons = 0;
+    for (const QWidget *button : m_buttons->findChildren<QWidget *>(Qt::FindDirectChildrenOnly))
+        if (!button->isHidden())
+            buttons += button->sizeHint().width() + 8;
+    const int sideBySide = m_about->minimumSize().width() + buttons + m_layout->spacing() +
+        margins.left() + margins.right();
+    const bool stacked = m_layout->direction() == QBoxLayout::TopToBottom;
+    const auto direction = width() < (stacked ? sideBySide + 24 : sideBySide)
+        ? QBoxLayout::TopToBottom
+        : QBoxLayout::LeftToRight;
     if (m_layout->direction() != direction)
         m_layout->setDirection(direction);
+}
+
+void ClipRow::paintEvent(QPaintEvent *event)
+{
+    Card::paintEvent(event);
+    // Drawn means in view: only then is the poster worth asking for.
+    if (!m_askedForPoster) {
+        m_askedForPoster = true;
+        QMetaObject::invokeMethod(this, &ClipRow::askForPoster, Qt::QueuedConnection);
+    }
+}
+
+void ClipRow::askForPoster()
+{
+    if (!m_callbacks.poster)
+        return;
+    auto *watcher = new QFutureWatcher<ClipPosters::Poster>(this);
+    connect(watcher, &QFutureWatcherBase::finished, this, [this, watcher] {
+        watcher->deleteLater();
+        if (!watcher->future().isCanceled() && watcher->future().resultCount() > 0)
+            showPoster(watcher->result());
+    });
+    watcher->setFuture(m_callbacks.poster(m_clip.id.toLocalFile()));
+}
+
+void ClipRow::showPoster(const ClipPosters::Poster &poster)
+{
+    QImage image;
+    // A cached JPEG of a few kilobytes at 320 pixels: reading it here costs well under a
+    // millisecond, far less than handing it across threads would save.
+    if (poster.hasPoster())
+        image.load(poster.image);
+    m_poster->setPixmap(image.isNull() ? placeholder(true) : framed(image));
+    if (image.isNull())
+        m_poster->setToolTip(QStringLiteral("No preview: ") + poster.problem);
+    if (poster.seconds) {
+        m_duration->setText(clipDuration(*poster.seconds));
+        m_duration->adjustSize();
+        m_duration->move(posterSize.width() - m_duration->width() - 4,
+                         posterSize.height() - m_duration->height() - 4);
+        m_duration->show();
+    }
 }
 
 void ClipRow::refreshShare()

@@ -27,6 +27,16 @@ ClipSaver::ClipSaver(ClipEngine &engine, AppModel &model, ClipLibrary &library, 
 
 void ClipSaver::save()
 {
+    begin(std::nullopt);
+}
+
+void ClipSaver::saveLength(double seconds)
+{
+    begin(seconds);
+}
+
+void ClipSaver::begin(std::optional<double> seconds)
+{
     if (!m_engine.isArmed() || m_saving)
         return;
     const auto now = std::chrono::steady_clock::now();
@@ -39,16 +49,16 @@ void ClipSaver::save()
     m_model.setStatus(StatusTexts::saving());
     // The sound plays as the save begins, before the file exists: it answers the key press.
     ClipSound::playClip();
-    run();
+    run(seconds);
 }
 
-QCoro::Task<void> ClipSaver::run()
+QCoro::Task<void> ClipSaver::run(std::optional<double> seconds)
 {
     QPointer<ClipSaver> self(this);
     WrittenFile clip;
     QString failure;
     try {
-        QFuture<WrittenFile> saved = m_engine.saveClip();
+        QFuture<WrittenFile> saved = seconds ? m_engine.saveClip(*seconds) : m_engine.saveClip();
         clip = co_await saved;
     } catch (const std::exception &error) {
         failure = StatusTexts::forError(error);
@@ -60,6 +70,10 @@ QCoro::Task<void> ClipSaver::run()
         // not sound like a success.
         if (!clip.shortfall.isComplete())
             ClipSound::playError();
+        // The clip key's own length is the one the replay is sized for: a save right after
+        // arming is short for the obvious reason, and says nothing about it.
+        if (!seconds)
+            clip.askedSeconds = 0;
         m_model.setStatus(StatusTexts::forSavedClip(clip));
         m_model.setTab(AppModel::Tab::library);
         m_library.refreshClips(true);

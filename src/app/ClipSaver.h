@@ -4,6 +4,7 @@
 #include <QString>
 
 #include <chrono>
+#include <optional>
 
 class AppModel;
 class ClipEngine;
@@ -27,7 +28,11 @@ public:
               QObject *parent = nullptr);
 
     // Nothing unless armed, while a save runs, or within 1.5 s of the last accepted save.
+    // Saves the clip length chosen in the settings.
     void save();
+    // The same for `seconds` (a length's key, the tray's "Save last 60s"): a replay holding less
+    // saves what it holds, and the status line says so.
+    void saveLength(double seconds);
 
 signals:
     // A save finished: the clip's path, or the sentence the user is shown for its failure.
@@ -35,7 +40,8 @@ signals:
     void saveFailed(const QString &message);
 
 private:
-    QCoro::Task<void> run();
+    void begin(std::optional<double> seconds);
+    QCoro::Task<void> run(std::optional<double> seconds);
 
     ClipEngine &m_engine;
     AppModel &m_model;

@@ -6,6 +6,7 @@
 #include "app/HomePage.h"
 #include "app/LibraryPage.h"
 #include "app/SettingsPage.h"
+#include "app/TrimPage.h"
 #include "app/UpdatePanel.h"
 #include "cloud/AccountStore.h"
 #include "core/Palette.h"
@@ -78,6 +79,8 @@ DashboardView::DashboardView(AppModel &model, DashboardCallbacks callbacks, QWid
     m_pages->addWidget(scrolling(m_home, m_pages));
     m_pages->addWidget(scrolling(m_library, m_pages));
     m_pages->addWidget(scrolling(m_settings, m_pages));
+    m_trim = new TrimPage(m_model, m_callbacks);
+    m_pages->addWidget(m_trim);
     row->addWidget(m_pages, 1);
 
     auto *divider = new QWidget(this);
@@ -114,7 +117,13 @@ DashboardView::DashboardView(AppModel &model, DashboardCallbacks callbacks, QWid
     // Over everything else, placed by resizeEvent.
     m_updateSheet = new UpdateSheet(UpdateStore::shared(), this);
 
-    connect(&m_model, &AppModel::tabChanged, this, &DashboardView::showTab);
+    connect(&m_model, &AppModel::tabChanged, this, [this] {
+        // Choosing a tab leaves the trim view.
+        if (!m_model.trimClip().isEmpty())
+            m_model.setTrimClip({});
+        showTab();
+    });
+    connect(&m_model, &AppModel::trimClipChanged, this, &DashboardView::showTab);
     showTab();
 }
 
@@ -135,7 +144,10 @@ DashboardView::~DashboardView() = default;
 
 void DashboardView::showTab()
 {
-    m_pages->setCurrentIndex(int(m_model.tab()));
+    if (!m_model.trimClip().isEmpty())
+        m_pages->setCurrentWidget(m_trim);
+    else
+        m_pages->setCurrentIndex(int(m_model.tab()));
 }
 
 void DashboardView::showEvent(QShowEvent *event)

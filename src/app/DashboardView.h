@@ -11,15 +11,17 @@ class HomePage;
 class LibraryPage;
 class SettingsPage;
 class SponsoredRail;
+class TrimPage;
 class UpdateBadge;
 class UpdateSheet;
 class QStackedWidget;
 
 // The content of the program's one window: the sidebar, the page of the model's tab (Home,
-// Library or Settings) and, after a divider, the sponsored rail. It draws only from the stores
-// it observes and acts only through the shell's callbacks and a few direct writes (the tab,
-// the clip length, the toggles, the status after copying a link). The one thing it owns is the
-// rail's ad store, which lives as long as the view.
+// Library or Settings, or the trim view over them while the model names a clip to trim) and, after
+// a divider, the sponsored rail. It draws only from the stores it observes and acts only through
+// the shell's callbacks and a few direct writes (the tab, the clip length, the toggles, the status
+// after copying a link). The one thing it owns is the rail's ad store, which lives as long as the
+// view.
 class DashboardView : public QWidget
 {
     Q_OBJECT
@@ -50,6 +52,7 @@ private:
     HomePage *m_home = nullptr;
     LibraryPage *m_library = nullptr;
     SettingsPage *m_settings = nullptr;
+    TrimPage *m_trim = nullptr;
     SponsoredRail *m_rail = nullptr;
     UpdateBadge *m_updateBadge = nullptr;
     UpdateSheet *m_updateSheet = nullptr;

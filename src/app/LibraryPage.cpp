@@ -10,7 +10,10 @@
 #include <QClipboard>
 #include <QGuiApplication>
 #include <QHBoxLayout>
+#include <QTimer>
 #include <QVBoxLayout>
+
+#include <algorithm>
 
 using namespace DashboardStyle;
 
@@ -91,9 +94,32 @@ void LibraryPage::refreshClips()
         delete item->widget();
         delete item;
     }
-    for (const ClipFile &clip : clips)
-        m_rows->addWidget(new ClipRow(clip, m_model, m_callbacks, this));
+    m_unshown = clips;
+    if (isVisible())
+        addRows();
     refreshHint();
+}
+
+void LibraryPage::showEvent(QShowEvent *event)
+{
+    QWidget::showEvent(event);
+    addRows();
+}
+
+void LibraryPage::addRows()
+{
+    // Rows are made only while the page is on screen, and a few per turn of the event loop,
+    // so the window opens and stays responsive whatever the library holds; the posters are asked
+    // for by the rows that are drawn.
+    constexpr qsizetype rowsPerTurn = 8;
+    if (m_unshown.isEmpty() || !isVisible())
+        return;
+    const qsizetype count = std::min(rowsPerTurn, m_unshown.size());
+    for (qsizetype i = 0; i < count; ++i)
+        m_rows->addWidget(new ClipRow(m_unshown.at(i), m_model, m_callbacks, this));
+    m_unshown.remove(0, count);
+    if (!m_unshown.isEmpty())
+        QTimer::singleShot(0, this, &LibraryPage::addRows);
 }
 
 void LibraryPage::refreshSharing()

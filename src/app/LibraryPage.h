@@ -1,5 +1,8 @@
 #pragma once
 
+#include "app/ClipFile.h"
+
+#include <QList>
 #include <QWidget>
 
 class AppModel;
@@ -9,7 +12,7 @@ class QVBoxLayout;
 struct DashboardCallbacks;
 
 // The Library tab: the count, Refresh, Folder, the folder link and Send all, then one row per
-// clip, or a hint when there are none.
+// clip (made a few at a time while the page is on screen), or a hint when there are none.
 class LibraryPage : public QWidget
 {
     Q_OBJECT
@@ -17,8 +20,12 @@ class LibraryPage : public QWidget
 public:
     LibraryPage(AppModel &model, const DashboardCallbacks &callbacks, QWidget *parent = nullptr);
 
+protected:
+    void showEvent(QShowEvent *event) override;
+
 private:
     void refreshClips();
+    void addRows();
     void refreshSharing();
     void refreshHint();
 
@@ -29,4 +36,5 @@ private:
     QPushButton *m_copyFolderLink = nullptr;
     QLabel *m_hint = nullptr;
     QVBoxLayout *m_rows = nullptr;
+    QList<ClipFile> m_unshown; // the clips whose rows are still to be made, in order
 };

@@ -4,6 +4,8 @@
 #include "app/AutostartEntry.h"
 #include "app/DashboardCallbacks.h"
 #include "app/DashboardStyle.h"
+#include "app/LengthKeysCard.h"
+#include "app/SoundSourceCard.h"
 #include "app/StatusLine.h"
 #include "app/StatusTexts.h"
 #include "core/ClipSettings.h"
@@ -93,6 +95,10 @@ SettingsPage::SettingsPage(AppModel &model, const DashboardCallbacks &callbacks,
     page->addWidget(keyCard);
 
     page->addSpacing(4);
+    page->addWidget(caption(QStringLiteral("KEYS FOR EACH LENGTH"), this));
+    page->addWidget(new LengthKeysCard(m_model, m_callbacks, this));
+
+    page->addSpacing(4);
     page->addWidget(caption(QStringLiteral("RECORDING"), this));
     m_login = new ToggleSwitch(this);
     m_login->setObjectName(QStringLiteral("armOnLaunch"));
@@ -116,6 +122,17 @@ SettingsPage::SettingsPage(AppModel &model, const DashboardCallbacks &callbacks,
     });
     m_micNote = microphoneNote(this);
     page->addWidget(switchRow(QStringLiteral("Record microphone"), m_mic, m_micNote, this));
+    page->addWidget(new SoundSourceCard(m_callbacks, this));
+    m_clearAfterSave = new ToggleSwitch(this);
+    m_clearAfterSave->setObjectName(QStringLiteral("clearAfterSave"));
+    connect(m_clearAfterSave, &ToggleSwitch::toggled, this,
+            [](bool on) { ClipSettings::setClearAfterSave(on); });
+    auto *clearNote = label(QStringLiteral("The replay starts empty after each save, so the next "
+                                           "clip never repeats the last one."),
+                            12, QFont::Normal, Palette::white(0.5), this);
+    clearNote->setWordWrap(true);
+    page->addWidget(
+        switchRow(QStringLiteral("Clear after save"), m_clearAfterSave, clearNote, this));
     page->addWidget(qualityRow());
     m_memory = label(QString(), 12, QFont::Normal, Palette::white(0.5), this);
     m_memory->setObjectName(QStringLiteral("replayMemory"));
@@ -138,7 +155,8 @@ SettingsPage::SettingsPage(AppModel &model, const DashboardCallbacks &callbacks,
     for (auto signal : {&AppModel::armOnLaunchChanged, &AppModel::captureMicChanged,
                         &AppModel::isClippingChanged, &AppModel::isBusyChanged})
         connect(&m_model, signal, this, &SettingsPage::refreshToggles);
-    for (auto signal : {&AppModel::clipLengthChanged, &AppModel::isClippingChanged})
+    for (auto signal : {&AppModel::clipLengthChanged, &AppModel::isClippingChanged,
+                        &AppModel::lengthKeyNamesChanged})
         connect(&m_model, signal, this, &SettingsPage::refreshMemory);
     refreshKey();
     refreshToggles();
@@ -227,6 +245,8 @@ void SettingsPage::refreshToggles()
     const QSignalBlocker micBlocker(m_mic);
     m_login->setChecked(m_model.armOnLaunch());
     m_mic->setChecked(m_model.captureMic());
+    const QSignalBlocker clearBlocker(m_clearAfterSave);
+    m_clearAfterSave->setChecked(ClipSettings::clearAfterSave());
     m_mic->setEnabled(!m_model.isClipping() && !m_model.isBusy());
     m_micNote->setVisible(!m_mic->isEnabled());
     m_loginNote->setVisible(m_model.armOnLaunch() && AutostartEntry::installedProgram().isEmpty());
@@ -237,5 +257,6 @@ void SettingsPage::refreshMemory()
     std::optional<double> rate;
     if (m_callbacks.replayBytesPerSecond)
         rate = m_callbacks.replayBytesPerSecond();
-    m_memory->setText(memoryText(rate, m_model.clipLength()));
+    // The replay keeps the longest length anyone can ask for, the clip length or a length's key.
+    m_memory->setText(memoryText(rate, ClipSettings::keptDuration()));
 }

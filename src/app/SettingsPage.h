@@ -16,9 +16,10 @@ class QVBoxLayout;
 class ToggleSwitch;
 struct DashboardCallbacks;
 
-// The Settings tab: the clip key with Change / Cancel, arming at log-in, the microphone, the
-// recording quality, what the replay holds in memory, and the account (its panel is put in by the
-// dashboard).
+// The Settings tab: the clip key with Change / Cancel, the key of each length, arming at log-in,
+// the microphone, the system sound (all of it or one application's), clearing the replay after a
+// save, the recording quality, what the replay holds in memory, and the account (its panel is put
+// in by the dashboard).
 class SettingsPage : public QWidget
 {
     Q_OBJECT
@@ -52,6 +53,7 @@ private:
     QLabel *m_loginNote = nullptr;
     ToggleSwitch *m_mic = nullptr;
     QLabel *m_micNote = nullptr;
+    ToggleSwitch *m_clearAfterSave = nullptr;
     QLabel *m_memory = nullptr;
     QList<std::pair<CaptureQuality, QPushButton *>> m_qualities;
     QVBoxLayout *m_account = nullptr;

@@ -7,6 +7,8 @@
 
 #include <QFileInfo>
 
+#include <cmath>
+
 namespace StatusTexts {
 
 namespace {
@@ -104,6 +106,13 @@ QString forSavedClip(const WrittenFile &clip)
 {
     if (!clip.shortfall.isComplete())
         return incomplete(clip);
+    // A length longer than the replay keeps (or a save soon after arming) is still a clip, but
+    // the user asked for more and should know why there is less.
+    if (clip.isShorterThanAsked())
+        return QStringLiteral("Saved %1: the replay held only %2 s of the %3 s asked for.")
+            .arg(QFileInfo(clip.path).fileName())
+            .arg(std::lround(clip.seconds))
+            .arg(std::lround(clip.askedSeconds));
     return QStringLiteral("Saved %1.").arg(QFileInfo(clip.path).fileName());
 }
 

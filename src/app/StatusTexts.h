@@ -37,7 +37,8 @@ QString resumingAfterWake();
 QString forError(const std::exception &error);
 
 // A saved clip: "Saved <name>.", or, when the writer would not take all of it, "<name> is
-// incomplete: 12 of 600 frames could not be written.".
+// incomplete: 12 of 600 frames could not be written.", or, when the replay held less than the
+// length asked for, "Saved <name>: the replay held only 42 s of the 120 s asked for.".
 QString forSavedClip(const WrittenFile &clip);
 
 // A stopped recording: "Saved <name>" for a kept session file (or that it is incomplete, as for a

@@ -4,6 +4,7 @@
 #include "app/ArmingController.h"
 #include "app/ClipSaver.h"
 #include "core/DisplaySession.h"
+#include "core/LengthKeys.h"
 #include "engine/ClipEngine.h"
 #include "input/ClipHotkey.h"
 
@@ -67,6 +68,11 @@ TrayIcon::TrayIcon(ArmingController &arming, ClipSaver &saver, AppModel &model, 
     m_menu->addAction(QStringLiteral("Open Vantrel"), this, &TrayIcon::openWindowRequested);
     m_menu->addSeparator();
     m_save = m_menu->addAction(QString(), &saver, &ClipSaver::save);
+    // Every length, whatever the clip length chosen: the replay keeps at least the clip length,
+    // and a longer one saves what it holds and says so.
+    for (int seconds : LengthKeys::lengths)
+        m_lengths.append(m_menu->addAction(QStringLiteral("Save last %1s").arg(seconds), &saver,
+                                           [&saver, seconds] { saver.saveLength(seconds); }));
     m_arm = m_menu->addAction(QStringLiteral("Arm Recording"), &arming, &ArmingController::start);
     m_stop = m_menu->addAction(QStringLiteral("Stop Recording"), &arming, &ArmingController::stop);
     m_menu->addSeparator();
@@ -112,6 +118,8 @@ void TrayIcon::refresh()
     m_icon->setIcon(trayImage(armed));
     m_save->setText(QStringLiteral("Save Clip  ") + ClipHotkey::displayName());
     m_save->setVisible(armed);
+    for (QAction *length : std::as_const(m_lengths))
+        length->setVisible(armed);
     m_stop->setVisible(armed);
     m_arm->setVisible(!armed);
     m_arm->setEnabled(state != ArmingController::State::arming);

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <QList>
 #include <QObject>
 #include <QPointer>
 
@@ -11,9 +12,10 @@ class QMenu;
 class QSystemTrayIcon;
 
 // Vantrel in the panel's tray: a paperclip, red while armed; a click opens the window, and its
-// menu arms or saves and stops, opens the recordings folder and quits. The menu is made once;
-// its items follow the arming state and the clip key. Desktops without a tray (sway without a
-// bar, GNOME without its extension) show nothing, and Vantrel lives in its window and its links.
+// menu arms or saves (the chosen length, or any length) and stops, opens the recordings folder and
+// quits. The menu is made once; its items follow the arming state and the clip key. Desktops
+// without a tray (sway without a bar, GNOME without its extension) show nothing, and Vantrel lives
+// in its window and its links.
 class TrayIcon : public QObject
 {
     Q_OBJECT
@@ -42,6 +44,7 @@ private:
     QSystemTrayIcon *m_icon = nullptr;
     QMenu *m_menu = nullptr;
     QAction *m_save = nullptr;
+    QList<QAction *> m_lengths; // "Save last 15s" and the other lengths
     QAction *m_arm = nullptr;
     QAction *m_stop = nullptr;
 };

@@ -136,6 +136,11 @@ int run(int argc, char *argv[])
             qputenv("QT_QPA_PLATFORM", "offscreen");
     }
 
+    // The trim view plays clips through Qt Multimedia's FFmpeg backend: the libraries the
+    // capture already links, where the GStreamer one would need plugins Vantrel does not install.
+    if (qEnvironmentVariableIsEmpty("QT_MEDIA_BACKEND"))
+        qputenv("QT_MEDIA_BACKEND", "ffmpeg");
+
     QApplication app(argc, argv);
     nameTheApplication();
     QApplication::setDesktopFileName(QStringLiteral("vantrel"));

@@ -3,6 +3,7 @@
 
 #include "app/DashboardView.h"
 #include "app/AppModel.h"
+#include "app/ClipRow.h"
 #include "app/SettingsPage.h"
 #include "core/ClipSettings.h"
 #include "core/Preferences.h"
@@ -15,7 +16,9 @@
 #include <QClipboard>
 #include <QDir>
 #include <QFile>
+#include <QFileInfo>
 #include <QGuiApplication>
+#include <QImage>
 #include <QLabel>
 #include <QPushButton>
 #include <QRegularExpression>
@@ -58,6 +61,16 @@ protected:
             calls << QStringLiteral("delete ") + url.fileName();
         };
         callbacks.replayBytesPerSecond = [this] { return rate; };
+        callbacks.onTrim = [this](const QUrl &url) {
+            calls << QStringLiteral("trim ") + url.fileName();
+        };
+        callbacks.poster = [this](const QString &clip) {
+            asked << QFileInfo(clip).fileName();
+            ClipPosters::Poster poster {clip, 65.4, posterImage, {}};
+            if (clip.contains(QStringLiteral("bad")))
+                poster = {clip, std::nullopt, {}, QStringLiteral("no video track")};
+            return QtFuture::makeReadyFuture(poster);
+        };
         view = std::make_unique<DashboardView>(*model, callbacks);
         view->resize(900, 600);
         view->show();
@@ -78,6 +91,8 @@ protected:
     std::unique_ptr<AppModel> model;
     std::unique_ptr<DashboardView> view;
     QStringList calls;
+    QStringList asked; // the clips whose posters were asked for
+    QString posterImage;
     std::optional<double> rate;
 };
 
@@ -214,6 +229,52 @@ TEST_F(DashboardViewTest, EmptyHomeAndLibraryThenRowsWithTheirActions)
     QWidget *home = child<QWidget>(view.get(), QStringLiteral("homePage"));
     EXPECT_NE(home->findChild<QWidget *>(QStringLiteral("clipRow:b.mp4")), nullptr);
     EXPECT_EQ(home->findChild<QWidget *>(QStringLiteral("clipRow:a.mp4")), nullptr);
+}
+
+TEST_F(DashboardViewTest, LibraryRowsAreMadeOnScreenAndAskPostersOnlyWhenDrawn)
+{
+    QImage red(320, 180, QImage::Format_RGB32);
+    red.fill(Qt::red);
+    posterImage = home() + QStringLiteral("/poster.jpg");
+    ASSERT_TRUE(red.save(posterImage));
+    QList<ClipFile> clips;
+    for (int i = 0; i < 150; ++i)
+        clips << clipNamed(QStringLiteral("%1%2.mp4").arg(i == 1 ? "bad" : "c").arg(i));
+    // Home shows only the latest clip: the Library makes no rows while hidden.
+    model->setClips(clips);
+    QWidget *library = child<QWidget>(view.get(), QStringLiteral("libraryPage"));
+    EXPECT_TRUE(library->findChildren<ClipRow *>().isEmpty());
+    ASSERT_TRUE(waitUntil([this] { return asked == QStringList {QStringLiteral("c0.mp4")}; }))
+        << "Home's latest clip asks for its poster: " << asked.join(',').toStdString();
+
+    openTab(QStringLiteral("tabLibrary"));
+    ASSERT_TRUE(waitUntil([&] { return library->findChildren<ClipRow *>().size() == 150; }));
+    ASSERT_TRUE(waitUntil([&] { return asked.size() > 3; }));
+    QCoreApplication::processEvents();
+    // Only the rows in view are drawn, and only they ask.
+    EXPECT_LT(asked.size(), 30) << asked.join(',').toStdString();
+
+    QWidget *row = child<QWidget>(library, QStringLiteral("clipRow:c0.mp4"));
+    ASSERT_TRUE(
+        waitUntil([&] { return child<QLabel>(row, QStringLiteral("clipDuration"))->isVisible(); }));
+    EXPECT_EQ(child<QLabel>(row, QStringLiteral("clipDuration"))->text(), QStringLiteral("1:05"));
+    const QImage shown = child<QLabel>(row, QStringLiteral("clipPoster"))->pixmap().toImage();
+    const QColor middle = shown.pixelColor(shown.rect().center());
+    EXPECT_TRUE(middle.red() > 230 && middle.green() < 30 && middle.blue() < 30)
+        << "the poster is drawn: " << middle.name().toStdString();
+    QWidget *bad = child<QWidget>(library, QStringLiteral("clipRow:bad1.mp4"));
+    ASSERT_TRUE(waitUntil(
+        [&] { return !child<QLabel>(bad, QStringLiteral("clipPoster"))->toolTip().isEmpty(); }));
+    EXPECT_EQ(child<QLabel>(bad, QStringLiteral("clipPoster"))->toolTip(),
+              QStringLiteral("No preview: no video track"));
+    EXPECT_FALSE(child<QLabel>(bad, QStringLiteral("clipDuration"))->isVisible());
+    calls.clear();
+    clickOn(button(QStringLiteral("trim"), bad));
+    EXPECT_EQ(calls, QStringList {QStringLiteral("trim bad1.mp4")});
+
+    EXPECT_EQ(clipDuration(0.4), QStringLiteral("0:00"));
+    EXPECT_EQ(clipDuration(119.6), QStringLiteral("2:00"));
+    EXPECT_EQ(clipDuration(3725), QStringLiteral("1:02:05"));
 }
 
 TEST_F(DashboardViewTest, SharingStatesPerClipAndForTheFolder)

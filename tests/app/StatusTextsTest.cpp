@@ -31,6 +31,13 @@ TEST_F(StatusTextsTest, NameTheClipKeyAndSayWhatAFileLacks)
     EXPECT_EQ(StatusTexts::forSavedClip({clip, {12, 600, 0, 1500, 0, 0}}),
               QStringLiteral("Clip 2026-11-16 20-14-44 3F9A1C.mp4 is incomplete: 12 of 600 "
                              "frames could not be written."));
+    // Asking the 120 s key soon after arming, and a 30 s clip that starts just inside its key
+    // frame.
+    EXPECT_EQ(StatusTexts::forSavedClip({clip, {}, 120, 41.6}),
+              QStringLiteral("Saved Clip 2026-11-16 20-14-44 3F9A1C.mp4: the replay held only 42 s "
+                             "of the 120 s asked for."));
+    EXPECT_EQ(StatusTexts::forSavedClip({clip, {}, 30, 29.7}),
+              QStringLiteral("Saved Clip 2026-11-16 20-14-44 3F9A1C.mp4."));
 
     const QString session = QStringLiteral("/v/Session 2026-11-16 20-14-44.mp4");
     EXPECT_EQ(StatusTexts::forSession({WrittenFile {session, {}}, {}}),

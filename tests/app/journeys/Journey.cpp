@@ -3,6 +3,7 @@
 #include "app/AppModel.h"
 #include "app/ArmingController.h"
 #include "app/DashboardWindow.h"
+#include "app/TrayIcon.h"
 #include "engine/ClipEngine.h"
 
 #include <QApplication>
@@ -11,6 +12,7 @@
 #include <QFile>
 #include <QProcess>
 #include <QRandomGenerator>
+#include <QSystemTrayIcon>
 #include <QTest>
 
 using namespace std::chrono_literals;
@@ -35,6 +37,7 @@ void Journey::SetUp()
     // Where an installed copy would be: none, unless a journey puts one there.
     qputenv("VANTREL_PREFIX", (home() + QStringLiteral("/opt/Vantrel")).toUtf8());
     qputenv("VANTREL_SERVICE_URL", service.url.toUtf8());
+    qputenv("QT_MEDIA_BACKEND", "ffmpeg"); // as main() chooses
     qputenv("VANTREL_SERVICE_CA", service.certificate.toUtf8());
     // As main() names the program: where its settings, log and recordings go.
     QCoreApplication::setOrganizationName(QStringLiteral("quillfen"));
@@ -137,6 +140,32 @@ QByteArray Journey::clipboard(const QString &target)
     return run(QStringLiteral("xclip"),
                {QStringLiteral("-o"), QStringLiteral("-selection"), QStringLiteral("clipboard"),
                 QStringLiteral("-t"), target});
+}
+
+bool Journey::openTrayMenu()
+{
+    QSystemTrayIcon *tray = m_shell->tray()->icon();
+    if (!waitFor([&] { return tray->isVisible() && !tray->geometry().isEmpty(); })) {
+        ADD_FAILURE() << "the desktop's tray does not hold the icon";
+        return false;
+    }
+    QMenu *menu = m_shell->tray()->menu();
+    const QPoint at = tray->geometry().center();
+    run(QStringLiteral("xdotool"),
+        {QStringLiteral("mousemove"), QString::number(at.x()), QString::number(at.y()),
+         QStringLiteral("click"), QStringLiteral("3")});
+    return waitFor([&] { return menu->isVisible(); });
+}
+
+void Journey::pickFromMenu(QMenu *menu, const QString &text)
+{
+    for (QAction *action : menu->actions()) {
+        if (action->isVisible() && action->text() == text) {
+            QTest::mouseClick(menu, Qt::LeftButton, {}, menu->actionGeometry(action).center());
+            return;
+        }
+    }
+    ADD_FAILURE() << "no item " << text.toStdString();
 }
 
 void Journey::armAndFill(double seconds)

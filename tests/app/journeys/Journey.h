@@ -6,6 +6,7 @@
 #include "support/TestEnvironment.h"
 
 #include <QByteArray>
+#include <QMenu>
 #include <QString>
 #include <QStringList>
 #include <QWidget>
@@ -75,6 +76,12 @@ protected:
     // The X clipboard as another program reads it: its targets, and the data of one.
     QStringList clipboardTargets();
     QByteArray clipboard(const QString &target = QStringLiteral("UTF8_STRING"));
+
+    // Opens the tray icon's menu with a right click where the desktop's tray shows the icon;
+    // false (and a failure) when it did not open.
+    bool openTrayMenu();
+    // Picks an item of an open menu by its text, with the mouse, as the user does.
+    static void pickFromMenu(QMenu *menu, const QString &text);
 
     // Arms from the window and waits until the replay holds `seconds`.
     void armAndFill(double seconds);

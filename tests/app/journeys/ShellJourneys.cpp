@@ -37,18 +37,6 @@ using namespace std::chrono_literals;
 
 namespace {
 
-// Picks an item of an open menu by its text, with the mouse, as the user does.
-void pickFromMenu(QMenu *menu, const QString &text)
-{
-    for (QAction *action : menu->actions()) {
-        if (action->isVisible() && action->text() == text) {
-            QTest::mouseClick(menu, Qt::LeftButton, {}, menu->actionGeometry(action).center());
-            return;
-        }
-    }
-    ADD_FAILURE() << "no item " << text.toStdString();
-}
-
 } // namespace
 
 TEST_F(Journey, TheUpdateBadgeOpensTheSheetWhichSaysWhyThisCopyCannotUpdate)
@@ -155,18 +143,8 @@ TEST_F(Journey, UpdateOnAnInstalledCopyRunsTheNewVersion)
 TEST_F(Journey, TheTrayMenuArmsSavesStopsOpensAndQuits)
 {
     launch();
-    QSystemTrayIcon *tray = shell().tray()->icon();
-    ASSERT_TRUE(waitFor([&] { return tray->isVisible() && !tray->geometry().isEmpty(); }))
-        << "the desktop's tray holds the icon";
     QMenu *menu = shell().tray()->menu();
-    // The menu opens where the user right-clicks the icon in the tray.
-    const auto openMenu = [&] {
-        const QPoint at = tray->geometry().center();
-        run(QStringLiteral("xdotool"),
-            {QStringLiteral("mousemove"), QString::number(at.x()), QString::number(at.y()),
-             QStringLiteral("click"), QStringLiteral("3")});
-        return waitFor([&] { return menu->isVisible(); });
-    };
+    const auto openMenu = [&] { return openTrayMenu(); };
 
     ASSERT_TRUE(openMenu());
     pickFromMenu(menu, QStringLiteral("Arm Recording"));
