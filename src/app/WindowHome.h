@@ -28,7 +28,8 @@ public:
     // Asks when `window` is closed.
     void watch(QWidget *window);
 
-    // Whether the desktop has a tray now; QSystemTrayIcon's answer unless a test says otherwise.
+    // Whether the desktop has a tray: always under X11 (one may appear later), QSystemTrayIcon's
+    // answer under Wayland, unless a test says otherwise.
     std::function<bool()> trayAvailable;
 
     // The question on screen, if any (for tests).

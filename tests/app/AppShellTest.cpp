@@ -97,7 +97,8 @@ TEST_F(AppShellTest, ArmsAtLaunchSavesWithGuardsAndStopsKeepingTheSession)
     EXPECT_TRUE(statuses[1] == armed || statuses[1] == armedLocal) << statuses[1].toStdString();
     EXPECT_FALSE(shell.model().isBusy());
     EXPECT_EQ(menuTexts(shell.tray()->menu()),
-              QStringList({"Open Vantrel", "-", "Save Clip  F12", "Stop Recording", "-",
+              QStringList({"Open Vantrel", "-", "Save Clip  F12", "Save last 15s", "Save last 30s",
+                           "Save last 60s", "Save last 120s", "Stop Recording", "-",
                            "Open Recordings", "-", "Quit Vantrel"}));
 
     // A second arming while armed changes nothing.

@@ -7,9 +7,13 @@ status=0
 lists=$(sed -n 's/^\([a-z]*\)=($/\1/p' scripts/deps)
 [ -n "$lists" ] || { echo "FAIL: found no lists in scripts/deps" >&2; exit 1; }
 for list in $lists; do
-  # test and bench stand on the others: their own members are what --list adds to those.
+  # test, bench, stores and desktops stand on others: their own members are what --list adds
+  # to those.
   case "$list" in
-    test | bench) base=$(scripts/deps --list run headless wayland check package) ;;
+    test) base=$(scripts/deps --list run headless wayland check package) ;;
+    bench) base=$(scripts/deps --list run headless wayland check stores) ;;
+    stores) base=$(scripts/deps --list run headless wayland check package test bench) ;;
+    desktops) base=$(scripts/deps --list run headless wayland check package test) ;;
     *) base="" ;;
   esac
   comm -23 <(scripts/deps --list "$list" | sort) <(sort <<<"$base") | sed "s/^/$list /"
