@@ -92,13 +92,13 @@ ClipRow::ClipRow(const ClipFile &clip, AppModel &model, const DashboardCallbacks
     setToolTip(QStringLiteral("Open ") + clip.name);
     connect(this, &Card::clicked, this, [this] { call(m_callbacks.onOpen, m_clip.id); });
 
-    m_layout = new QBoxLayout(QBoxLayout::LeftToRight, this);
+    // One arrangement at every width: the buttons sit under the name, in the text column beside
+    // the poster, so the card is as tall as the taller of the two and nothing changes places on
+    // resize. (Buttons beside the text needed a switch to a stack in a narrow window, and a card
+    // whose height lagged the switch drew the buttons over the poster.)
+    m_layout = new QHBoxLayout(this);
     m_layout->setContentsMargins(12, 9, 10, 9);
-    m_layout->setSpacing(6);
-
-    auto *about = new QHBoxLayout;
-    m_about = about;
-    about->setSpacing(10);
+    m_layout->setSpacing(10);
     m_poster = new QLabel(this);
     m_poster->setObjectName(QStringLiteral("clipPoster"));
     m_poster->setFixedSize(posterSize);
@@ -109,7 +109,7 @@ ClipRow::ClipRow(const ClipFile &clip, AppModel &model, const DashboardCallbacks
     m_duration->setStyleSheet(
         QStringLiteral("background: rgba(0,0,0,170); border-radius: 3px; padding: 1px 4px;"));
     m_duration->hide();
-    about->addWidget(m_poster);
+    m_layout->addWidget(m_poster, 0, Qt::AlignTop);
     auto *text = new QVBoxLayout;
     text->setSpacing(2);
     auto *name = new ElidedLabel(clip.name, this);
@@ -119,13 +119,13 @@ ClipRow::ClipRow(const ClipFile &clip, AppModel &model, const DashboardCallbacks
     auto *details = label(clipDetails(clip), 11, QFont::Normal, Palette::white(0.4), this);
     text->addWidget(name);
     text->addWidget(details);
-    about->addLayout(text, 1);
-    m_layout->addLayout(about, 1);
-
-    // Under the name in a narrow window, the buttons stack too rather than run past the edge.
+    text->addSpacing(2);
+    // In a column too narrow for them side by side, the buttons stack.
     auto *row = new WrappingRow(this);
     m_buttons = row;
-    m_layout->addWidget(row);
+    text->addWidget(row);
+    text->addStretch(1);
+    m_layout->addLayout(text, 1);
 
     m_sharing = label(QStringLiteral("Sharing…"), 12, QFont::Normal, Palette::white(0.5), this);
     m_sharing->setObjectName(QStringLiteral("sharing"));
@@ -160,28 +160,6 @@ ClipRow::ClipRow(const ClipFile &clip, AppModel &model, const DashboardCallbacks
     connect(&m_model, &AppModel::sharesChanged, this, &ClipRow::refreshShare);
     connect(&m_model, &AppModel::uploadingChanged, this, &ClipRow::refreshShare);
     refreshShare();
-}
-
-void ClipRow::resizeEvent(QResizeEvent *event)
-{
-    Card::resizeEvent(event);
-    // In a narrow window the buttons go under the name rather than squeeze it away.
-    // Side by side needs the room of both halves at their narrowest, or the row would widen the
-    // page past the window and switch back at once. A band of 24 px on the way back keeps a width
-    // at the edge (a scroll bar coming and going) from switching it back and forth.
-    const QMargins margins = m_layout->contentsMargins();
-    int buttons = 0;
-    for (const QWidget *button : m_buttons->findChildren<QWidget *>(Qt::FindDirectChildrenOnly))
-        if (!button->isHidden())
-            buttons += button->sizeHint().width() + 8;
-    const int sideBySide = m_about->minimumSize().width() + buttons + m_layout->spacing() +
-        margins.left() + margins.right();
-    const bool stacked = m_layout->direction() == QBoxLayout::TopToBottom;
-    const auto direction = width() < (stacked ? sideBySide + 24 : sideBySide)
-        ? QBoxLayout::TopToBottom
-        : QBoxLayout::LeftToRight;
-    if (m_layout->direction() != direction)
-        m_layout->setDirection(direction);
 }
 
 void ClipRow::paintEvent(QPaintEvent *event)

@@ -5,8 +5,7 @@
 #include "media/ClipPosters.h"
 
 class AppModel;
-class QBoxLayout;
-class QLayout;
+class QHBoxLayout;
 struct DashboardCallbacks;
 
 // One clip of the library: its poster with its duration, name and date with size; clicking the
@@ -29,7 +28,6 @@ public:
     static constexpr QSize posterSize {96, 54};
 
 protected:
-    void resizeEvent(QResizeEvent *event) override;
     void paintEvent(QPaintEvent *event) override;
 
 private:
@@ -40,8 +38,7 @@ private:
     ClipFile m_clip;
     AppModel &m_model;
     const DashboardCallbacks &m_callbacks;
-    QBoxLayout *m_layout = nullptr;
-    QLayout *m_about = nullptr; // the poster, name and details
+    QHBoxLayout *m_layout = nullptr;
     QWidget *m_buttons = nullptr;
     QLabel *m_sharing = nullptr;
     QPushButton *m_share = nullptr;

@@ -255,8 +255,10 @@ void WrappingRow::resizeEvent(QResizeEvent *event)
     QWidget::resizeEvent(event);
     int sideBySide = -m_layout->spacing();
     const QList<QWidget *> children = findChildren<QWidget *>(Qt::FindDirectChildrenOnly);
+    // Hidden buttons (Share once a clip has a link) take no room.
     for (const QWidget *child : children)
-        sideBySide += child->sizeHint().width() + m_layout->spacing();
+        if (!child->isHidden())
+            sideBySide += child->sizeHint().width() + m_layout->spacing();
     const auto direction = width() < sideBySide ? QBoxLayout::TopToBottom : QBoxLayout::LeftToRight;
     if (m_layout->direction() != direction) {
         m_layout->setDirection(direction);

@@ -484,7 +484,7 @@ void HotkeyManager::handleKey(Path path, const KeyInput &key)
     }
     if (!isArmed() || isCapturing() || !match)
         return;
-    noteKeyDown(match->lengthSeconds, key.action == KeyInput::Action::repeat);
+    noteKeyDown(*match, key.action == KeyInput::Action::repeat);
 }
 
 bool HotkeyManager::anyVolumeKeyDown() const
@@ -495,18 +495,27 @@ bool HotkeyManager::anyVolumeKeyDown() const
     return false;
 }
 
-void HotkeyManager::noteKeyDown(int lengthSeconds, bool isRepeat)
+void HotkeyManager::noteKeyDown(const BoundKey &key, bool isRepeat)
 {
+    const int lengthSeconds = key.lengthSeconds;
     if (isRepeat || anyVolumeKeyDown())
         return;
     {
         std::scoped_lock lock(stateLock);
         const Clock::time_point now = m_now ? m_now() : Clock::now();
         bool &held = keyHeld[slotOf(lengthSeconds)];
-        if (held && lastFire && now - *lastFire < kHeldTimeout)
+        const auto interval = std::max(m_minInterval, kSamePressWindow);
+        if (captureEnd && key.keyCode == captureKeyCode && now - *captureEnd < interval) {
+            held = true;
+            return;
+        }
+        // A key held since a fire, or since it ended a capture, fires no more until released.
+        const auto recent = [&](const std::optional<Clock::time_point> &when) {
+            return when && now - *when < kHeldTimeout;
+        };
+        if (held && (recent(lastFire) || recent(captureEnd)))
             return;
         held = true;
-        const auto interval = std::max(m_minInterval, kSamePressWindow);
         if (lastFire && now - *lastFire < interval)
             return;
         lastFire = now;
@@ -526,7 +535,7 @@ bool HotkeyManager::handleWindowKey(const WindowKeyFilter::Key &key)
     const uint32_t code = key.input.keyCode;
     if (isCapturing() && key.input.action == KeyInput::Action::press) {
         if (code == KEY_ESC) {
-            finishCapture(false, LengthCapture::cancelled);
+            finishCapture(false, LengthCapture::cancelled, 0);
             return true;
         }
         // Volume keys, Ctrl+Q (quit keeps working) and modifiers pressed on the way to a
@@ -548,15 +557,15 @@ void HotkeyManager::saveCapturedKey(const WindowKeyFilter::Key &key)
     const int length = m_captureLength;
     if (length == 0) {
         ClipHotkey::save(code, modifiers, display);
-        finishCapture(true, LengthCapture::saved);
+        finishCapture(true, LengthCapture::saved, code);
         return;
     }
     if (code == ClipHotkey::keyCode() && modifiers == ClipHotkey::modifiers()) {
-        finishCapture(false, LengthCapture::clipKey);
+        finishCapture(false, LengthCapture::clipKey, code);
         return;
     }
     LengthKeys::save(length, {code, modifiers, display});
-    finishCapture(true, LengthCapture::saved);
+    finishCapture(true, LengthCapture::saved, code);
 }
 
 void HotkeyManager::beginCapture(std::function<void(bool saved)> handler)
@@ -590,8 +599,24 @@ void HotkeyManager::cancelCapture()
     installGrab();
 }
 
-void HotkeyManager::finishCapture(bool saved, LengthCapture outcome)
+void HotkeyManager::finishCapture(bool saved, LengthCapture outcome, uint32_t endingKey)
 {
+    if (endingKey != 0) {
+        // Our window may see the press that ends a capture before the X paths and the keyboards
+        // deliver their copies of it, which then find the key bound and capture over. That key
+        // stays quiet for the debounce's interval, which drops copies of any press, and until
+        // it is released. Noted before capture mode ends, so that a path that sees capture over
+        // sees this too.
+        // The binding saved is loaded into `m_keys` already (its notice arrives directly).
+        const auto bound = keys();
+        std::scoped_lock lock(stateLock);
+        captureEnd = m_now ? m_now() : Clock::now();
+        captureKeyCode = endingKey;
+        for (const BoundKey &key : *bound) {
+            if (key.keyCode == endingKey)
+                keyHeld[slotOf(key.lengthSeconds)] = true;
+        }
+    }
     m_isCapturing = false;
     m_captureLength = 0;
     std::function<void(bool)> handler = std::exchange(m_captureHandler, nullptr);

@@ -183,9 +183,10 @@ private:
     bool handleWindowKey(const WindowKeyFilter::Key &key);
     bool claimsShortcut(const WindowKeyFilter::Key &key) const;
     void saveCapturedKey(const WindowKeyFilter::Key &key);
-    void noteKeyDown(int lengthSeconds, bool isRepeat);
+    void noteKeyDown(const BoundKey &key, bool isRepeat);
     bool anyVolumeKeyDown() const;
-    void finishCapture(bool saved, LengthCapture outcome);
+    // `endingKey`: the key code of the press that ended the capture, 0 for none (Esc).
+    void finishCapture(bool saved, LengthCapture outcome, uint32_t endingKey);
     void logStatus(const QString &what, int status, int *lastLogged);
 
     std::atomic<bool> m_isArmed = false;
@@ -199,11 +200,14 @@ private:
     std::unique_ptr<PortalShortcut> m_portalShortcut;
     QTimer *m_pollTimer = nullptr;
 
-    // stateLock guards keyHeld, lastFire, m_now and m_minInterval. One debounce for all the
-    // keys: any fire counts for the interval, each key has its own held flag.
+    // stateLock guards keyHeld, lastFire, captureEnd, captureKeyCode, m_now and m_minInterval.
+    // One debounce for all the keys: any fire counts for the interval, each key has its own held
+    // flag; the key that ended a capture is held back on its own.
     std::mutex stateLock;
     std::array<bool, keySlots> keyHeld {};
     std::optional<Clock::time_point> lastFire; // none: the distant past
+    std::optional<Clock::time_point> captureEnd; // when a key last ended a capture
+    uint32_t captureKeyCode = 0;
     std::function<Clock::time_point()> m_now;
     std::chrono::duration<double> m_minInterval {1.5};
 

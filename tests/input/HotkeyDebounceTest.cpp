@@ -11,6 +11,7 @@
 #include <csignal>
 #include <fcntl.h>
 #include <linux/input-event-codes.h>
+#include <sys/ioctl.h>
 #include <sys/stat.h>
 #include <thread>
 
@@ -301,4 +302,74 @@ TEST_F(HotkeyManagerTest, WithoutADisplayTheKeyboardsCarryTheClipKey)
     ::close(fd);
 }
 
+// Our window ends a capture, and the keyboards (like the X paths) deliver their copy of that press
+// later, when the key is bound: neither the copy, its repeat nor its release saves anything.
+TEST_F(HotkeyManagerTest, TheKeyThatEndsACaptureSavesNothingOnAnyPath)
+{
+    qputenv("DISPLAY", "");
+    const QByteArray device = useFifoKeyboard();
+    std::vector<double> saved;
+    manager().onSave = [&](double seconds) { saved.push_back(seconds); };
+    ClipSettings::setMaxDuration(60);
+    manager().registerHotkey();
+    manager().setArmed(true);
+    ASSERT_EQ(manager().installedPathsText(), QStringLiteral("keyboards, window"));
+    KeyWindow window;
+    const int fd = ::open(device.constData(), O_WRONLY | O_CLOEXEC);
+    ASSERT_GE(fd, 0);
+    const auto send = [&](uint16_t code, int value) {
+        const auto bytes = evdevKeyFrame(code, value);
+        ASSERT_EQ(::write(fd, bytes.data(), bytes.size()), ssize_t(bytes.size()));
+    };
+    // Every key written has been read (the FIFO is empty) and handled.
+    const auto handled = [&] {
+        const bool drained = spinUntil([&] {
+            int unread = -1;
+            return ::ioctl(fd, FIONREAD, &unread) == 0 && unread == 0;
+        });
+        spinFor(50);
+        return drained;
+    };
+    std::vector<HotkeyManager::LengthCapture> outcomes;
+    const auto handler = [&](HotkeyManager::LengthCapture outcome) { outcomes.push_back(outcome); };
+
+    // While capturing, the clip key on a keyboard saves nothing.
+    manager().beginLengthCapture(30, handler);
+    send(KEY_F12, 1);
+    send(KEY_F12, 0);
+    send(KEY_LEFTCTRL, 1);
+    ASSERT_TRUE(handled());
+    window.sendKey(QEvent::KeyPress, KEY_F7, Qt::Key_F7, Qt::ControlModifier);
+    ASSERT_TRUE(spinUntil([&] { return outcomes.size() == 1; }));
+    EXPECT_EQ(outcomes[0], HotkeyManager::LengthCapture::saved);
+    send(KEY_F7, 1);
+    send(KEY_F7, 2);
+    send(KEY_F7, 0);
+    send(KEY_LEFTCTRL, 0);
+    window.sendKey(QEvent::KeyRelease, KEY_F7, Qt::Key_F7, Qt::ControlModifier);
+    ASSERT_TRUE(handled());
+
+    // The clip key refused for a length ends the capture too, and its copy saves nothing.
+    manager().beginLengthCapture(60, handler);
+    window.sendKey(QEvent::KeyPress, KEY_F12, Qt::Key_F12);
+    ASSERT_TRUE(spinUntil([&] { return outcomes.size() == 2; }));
+    EXPECT_EQ(outcomes[1], HotkeyManager::LengthCapture::clipKey);
+    send(KEY_F12, 1);
+    send(KEY_F12, 0);
+    window.sendKey(QEvent::KeyRelease, KEY_F12, Qt::Key_F12);
+
+    // Handled before the clock moves on, or a copy would look like a press of its own.
+    ASSERT_TRUE(handled());
+    EXPECT_TRUE(saved.empty());
+
+    // A later press of the key just bound saves its length.
+    clock.advance(2s);
+    send(KEY_LEFTCTRL, 1);
+    send(KEY_F7, 1);
+    send(KEY_F7, 0);
+    send(KEY_LEFTCTRL, 0);
+    EXPECT_TRUE(spinUntil([&] { return !saved.empty(); }));
+    EXPECT_EQ(saved, std::vector<double> {30});
+    ::close(fd);
+}
 } // namespace

@@ -23,6 +23,8 @@
 #include <QLabel>
 #include <QProcess>
 #include <QPushButton>
+#include <QRegion>
+#include <QRegularExpression>
 #include <QScrollArea>
 #include <QScrollBar>
 #include <QSlider>
@@ -39,6 +41,41 @@ namespace {
 QStringList clipsIn(const QString &folder)
 {
     return QDir(folder).entryList({QStringLiteral("Clip *.mp4")}, QDir::Files, QDir::Name);
+}
+
+// Scrolls the page holding `widget` until it is in view, `below` pixels clear of the bottom.
+void scrollIntoView(QWidget *widget, int below)
+{
+    for (QWidget *parent = widget ? widget->parentWidget() : nullptr; parent;
+         parent = parent->parentWidget()) {
+        if (auto *area = qobject_cast<QScrollArea *>(parent)) {
+            area->ensureWidgetVisible(widget, 0, below);
+            return;
+        }
+    }
+}
+
+// What of a clip row overlaps its poster or another button, or runs out of the card: their
+// names.
+QStringList overlapsInRow(QWidget *row)
+{
+    QStringList wrong;
+    const auto rectIn = [row](QWidget *widget) {
+        return QRect(widget->mapTo(row, QPoint()), widget->size());
+    };
+    QWidget *poster = row->findChild<QWidget *>(QStringLiteral("clipPoster"));
+    if (!row->rect().contains(rectIn(poster)))
+        wrong << QStringLiteral("poster");
+    QRegion taken = rectIn(poster);
+    for (const char *name : {"share", "copyLink", "trim", "copyFile", "delete"}) {
+        QWidget *button = row->findChild<QWidget *>(QLatin1String(name));
+        if (!button || !button->isVisible())
+            continue;
+        if (taken.intersects(rectIn(button)) || !row->rect().contains(rectIn(button)))
+            wrong << QLatin1String(name);
+        taken += rectIn(button);
+    }
+    return wrong;
 }
 
 QByteArray digest(const QString &path)
@@ -70,39 +107,49 @@ TEST_F(Journey, EachLengthHasAKeyAndATrayItemThatSaveIt)
     EXPECT_EQ(chip(30), QStringLiteral("None"));
     EXPECT_EQ(find<QPushButton>(QStringLiteral("lengthKey30"))->text(), QStringLiteral("Set"));
 
+    // A capture's presses reach every key path; none of them saves a clip: not the clip key,
+    // refused for a length, nor the key just bound.
     click(QStringLiteral("lengthKey30"));
     EXPECT_EQ(chip(30), QStringLiteral("Press a key…"));
     EXPECT_EQ(find<QPushButton>(QStringLiteral("lengthKey30"))->text(), QStringLiteral("Cancel"));
+    press(QStringLiteral("F12"));
+    ASSERT_TRUE(said(QStringLiteral("F12 is the clip key. Choose another key for the last 30 "
+                                    "seconds.")))
+        << statuses().join(QLatin1Char('|')).toStdString();
+    EXPECT_EQ(chip(30), QStringLiteral("None"));
+    click(QStringLiteral("lengthKey30"));
     press(QStringLiteral("ctrl+F7"));
     ASSERT_TRUE(said(QStringLiteral("Ctrl+F7 saves the last 30 seconds.")))
         << statuses().join(QLatin1Char('|')).toStdString();
     EXPECT_EQ(chip(30), QStringLiteral("Ctrl+F7"));
     EXPECT_TRUE(find(QStringLiteral("clearLengthKey30")));
-    // The replay keeps the longest length a key asks for, and the memory figure says so.
-    EXPECT_TRUE(
-        find<QLabel>(QStringLiteral("replayMemory"))->text().contains(QStringLiteral("30 s")))
-        << find<QLabel>(QStringLiteral("replayMemory"))->text().toStdString();
 
-    // FIXME: the clip key pressed while a length's key is captured is refused by the window, but
-    // the X input paths still see it as the clip key and save a clip (and a key just captured can
-    // save at once the same way); not pressed here until the key paths ignore the presses of a
-    // capture.
     // Cancel leaves a length as it was.
     click(QStringLiteral("lengthKey120"));
     EXPECT_EQ(chip(120), QStringLiteral("Press a key…"));
     click(QStringLiteral("lengthKey120"));
     EXPECT_EQ(chip(120), QStringLiteral("None"));
-    // FIXME: as above, the key just captured reaches the X input paths as a bound key and saves
-    // a clip, so a second capture here would leave a clip of its own; the memory figure is checked
-    // with one length's key only.
+    click(QStringLiteral("lengthKey120"));
+    press(QStringLiteral("ctrl+F8"));
+    ASSERT_TRUE(said(QStringLiteral("Ctrl+F8 saves the last 120 seconds.")))
+        << statuses().join(QLatin1Char('|')).toStdString();
+    // The replay keeps the longest length a key asks for, and the memory figure says so.
+    EXPECT_TRUE(
+        find<QLabel>(QStringLiteral("replayMemory"))->text().contains(QStringLiteral("120 s")))
+        << find<QLabel>(QStringLiteral("replayMemory"))->text().toStdString();
 
     click(QStringLiteral("clearAfterSave"));
     EXPECT_TRUE(ClipSettings::clearAfterSave());
+    scrollIntoView(find(QStringLiteral("lengthKey120")), 20);
     saveScreen(window(), QStringLiteral("settings-length-keys"));
 
     // The 30 s key after a few seconds saves what the replay holds, and says it is short.
     ASSERT_TRUE(waitFor([&] { return shell().engine().bufferedDuration() >= 3; }, 30s));
+    // A save says so as it begins, on the main thread that has run since the captures.
+    EXPECT_FALSE(statuses().contains(QStringLiteral("Saving clip…")))
+        << statuses().join(QLatin1Char('|')).toStdString();
     const qsizetype before = clipsIn(recordings()).size();
+    EXPECT_EQ(before, 0) << clipsIn(recordings()).join(QLatin1Char('|')).toStdString();
     press(QStringLiteral("ctrl+F7"));
     ASSERT_TRUE(waitFor([&] { return clipsIn(recordings()).size() == before + 1; }, 30s));
     ASSERT_TRUE(waitFor(
@@ -187,9 +234,35 @@ TEST_F(Journey, TheLibraryFillsInPostersWithoutStallingTheWindow)
             shown += label->isVisible();
         return shown;
     };
-    ASSERT_TRUE(waitFor([&] { return durations() >= 5; }, 60s)) << "posters of the rows in view";
+    const auto rowsInView = [&] {
+        QList<QWidget *> rows;
+        for (QWidget *row :
+             window()->findChildren<QWidget *>(QRegularExpression(QStringLiteral("^clipRow:"))))
+            if (row->isVisible() && !row->visibleRegion().isEmpty())
+                rows << row;
+        return rows;
+    };
+    ASSERT_TRUE(waitFor(
+        [&] {
+            // The damaged clip at the top has no duration.
+            const qsizetype inView = rowsInView().size();
+            return inView >= 3 && durations() >= inView - 1;
+        },
+        60s))
+        << "posters of the rows in view: " << durations() << " of " << rowsInView().size();
     EXPECT_EQ(find<QLabel>(QStringLiteral("clipDuration"))->text(), QStringLiteral("0:01"));
     saveScreen(window(), QStringLiteral("library-posters"));
+    // Each card holds its poster and its buttons apart, in this window and in the narrowest.
+    const QSize size = window()->size();
+    for (const int width : {size.width(), window()->minimumWidth()}) {
+        window()->resize(width, size.height());
+        waitFor([] { return false; }, 300ms); // the layouts settle
+        ASSERT_FALSE(rowsInView().isEmpty()) << width;
+        for (QWidget *row : rowsInView())
+            EXPECT_EQ(overlapsInRow(row), QStringList())
+                << width << " " << row->objectName().toStdString();
+    }
+    window()->resize(size);
 
     // Scrolling to the end draws every row on the way; each fills in.
     auto *scroll = find<QScrollArea>(QStringLiteral("libraryPageScroll"));
@@ -324,8 +397,9 @@ TEST_F(Journey, TheSoundRowOffersThePlayingApplicationsAndSaysWhichIsRecorded)
             ->text()
             .startsWith(QStringLiteral("Recording only Tone Game."));
     }));
-    saveScreen(window()->findChild<QWidget *>(QStringLiteral("settingsPage")),
-               QStringLiteral("settings-sound-and-length-keys"));
+    click(QStringLiteral("clearAfterSave"));
+    scrollIntoView(find(QStringLiteral("clearAfterSave")), 40);
+    saveScreen(window(), QStringLiteral("settings-sound"));
 
     // Chosen and silent, it stays offered, so the user can see what is recorded and change it.
     game.kill();
