@@ -37,7 +37,7 @@ ClipProbeResult probe(const std::string &path, const VideoBounds &bounds = {});
 // at most 1280 pixels wide; false when no picture could be decoded. The decoder is told the
 // bounds too, so a stream whose own parameters claim a larger picture than the file's header
 // is refused before a frame is allocated. Decoding hostile input is what the service does in a
-// child process with bounded memory (ClipInspection), never in the server itself.
+// child process with bounded memory (ClipVetting), never in the server itself.
 bool writePoster(const std::string &path, PendingFile &poster, const VideoBounds &bounds = {});
 
 } // namespace ClipProbe

@@ -1,6 +1,6 @@
 #include "service/ClipUpload.h"
 
-#include "service/ClipInspection.h"
+#include "service/ClipVetting.h"
 #include "service/PosterMaker.h"
 #include "service/RequestStream.h"
 #include "service/Secrets.h"
@@ -196,10 +196,10 @@ ClipUpload::Outcome ClipUpload::store()
                     std::to_string(m_context.limits.maxNameCharacters) + " characters.",
                 {}};
 
-    ClipInspection::Budget budget;
+    ClipVetting::Budget budget;
     budget.memoryBytes = m_context.limits.posterMemoryBytes;
     budget.bounds = {m_context.limits.maxVideoWidth, m_context.limits.maxVideoHeight};
-    const ClipInspection inspection = ClipInspection::check(m_file->path(), budget);
+    const ClipVetting inspection = ClipVetting::check(m_file->path(), budget);
     const ClipProbeResult &probe = inspection.probe;
     if (inspection.childFailed)
         return {503, "The service could not check the video. Try again later.", {}};

@@ -11,7 +11,7 @@ constexpr size_t maxWaiting = 256;
 
 } // namespace
 
-PosterMaker::PosterMaker(RecordStore &records, FileStore &files, ClipInspection::Budget budget)
+PosterMaker::PosterMaker(RecordStore &records, FileStore &files, ClipVetting::Budget budget)
     : m_records(records)
     , m_files(files)
     , m_budget(budget)
@@ -71,7 +71,7 @@ void PosterMaker::make(const Job &job)
 {
     if (!m_records.clip(job.clipId))
         return;
-    const std::optional<std::string> jpeg = ClipInspection::makePoster(job.fd, m_budget);
+    const std::optional<std::string> jpeg = ClipVetting::makePoster(job.fd, m_budget);
     if (!jpeg)
         return;
     const std::string key = job.clipId + ".jpg";

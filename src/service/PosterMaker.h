@@ -1,6 +1,6 @@
 #pragma once
 
-#include "service/ClipInspection.h"
+#include "service/ClipVetting.h"
 #include "service/FileStore.h"
 #include "service/RecordStore.h"
 
@@ -17,7 +17,7 @@
 class PosterMaker
 {
 public:
-    PosterMaker(RecordStore &records, FileStore &files, ClipInspection::Budget budget);
+    PosterMaker(RecordStore &records, FileStore &files, ClipVetting::Budget budget);
     // Stops after the poster being made; those still waiting are not made.
     ~PosterMaker();
     PosterMaker(const PosterMaker &) = delete;
@@ -39,7 +39,7 @@ private:
 
     RecordStore &m_records;
     FileStore &m_files;
-    const ClipInspection::Budget m_budget;
+    const ClipVetting::Budget m_budget;
     std::mutex m_mutex;
     std::condition_variable m_wake;
     std::deque<Job> m_jobs; // guarded by m_mutex

@@ -3,7 +3,7 @@
 #include "service/ClipProbe.h"
 #include "service/CommandLine.h"
 #include "service/DataFolder.h"
-#include "service/InspectionHelper.h"
+#include "service/VettingHelper.h"
 #include "service/PosterMaker.h"
 #include "service/ServiceServer.h"
 #include "service/StoreOptions.h"
@@ -165,7 +165,7 @@ int run(const std::vector<std::string> &arguments)
                                  "and then only on 127.0.0.1.");
 
     // Before the lock, the stores and any thread: the helper takes none of them along.
-    if (!InspectionHelper::start())
+    if (!VettingHelper::start())
         std::fprintf(stderr,
                      "vantrel-service: no helper for upload checks; each starts the "
                      "executable anew\n");
@@ -195,7 +195,7 @@ int run(const std::vector<std::string> &arguments)
     std::signal(SIGPIPE, SIG_IGN);
 
     ServiceContext context(*records, *files, limits, publicUrl);
-    ClipInspection::Budget posterBudget;
+    ClipVetting::Budget posterBudget;
     posterBudget.memoryBytes = limits.posterMemoryBytes;
     posterBudget.bounds = {limits.maxVideoWidth, limits.maxVideoHeight};
     PosterMaker posters(*records, *files, posterBudget);

@@ -1,6 +1,6 @@
 #include "service/ServiceCommands.h"
 
-#include "service/ClipInspection.h"
+#include "service/ClipVetting.h"
 #include "service/ClipRemoval.h"
 #include "service/CommandLine.h"
 #include "service/MigrateCommand.h"
@@ -333,7 +333,7 @@ int run(const std::vector<std::string> &arguments)
             return ServeCommand::run(rest(1));
         // Not for people: the server runs this to check an upload in a process of its own.
         if (starts({"inspect-clip"}))
-            return ClipInspection::child(Arguments(arguments.begin() + 1, arguments.end()));
+            return ClipVetting::child(Arguments(arguments.begin() + 1, arguments.end()));
         if (starts({"user", "add"}))
             return userAdd(rest(2));
         if (starts({"token", "issue"}))

@@ -1,8 +1,8 @@
-#include "service/ClipInspection.h"
+#include "service/ClipVetting.h"
 
 #include "service/CommandLine.h"
 #include "service/FileStore.h"
-#include "service/InspectionHelper.h"
+#include "service/VettingHelper.h"
 
 #include <cerrno>
 #include <chrono>
@@ -164,7 +164,7 @@ struct ChildRun
 
 // Runs the child on `file` (a path; "/proc/self/fd/0" for the standard input) and reads all it
 // writes, within the budget's time.
-ChildRun runChild(const std::string &file, const ClipInspection::Budget &budget, bool poster,
+ChildRun runChild(const std::string &file, const ClipVetting::Budget &budget, bool poster,
                   int input)
 {
     static const std::string executable = ownExecutable();
@@ -200,9 +200,9 @@ ChildRun runChild(const std::string &file, const ClipInspection::Budget &budget,
 
 } // namespace
 
-ClipInspection ClipInspection::check(const std::string &path, const Budget &budget)
+ClipVetting ClipVetting::check(const std::string &path, const Budget &budget)
 {
-    ClipInspection result;
+    ClipVetting result;
     result.probe.problem = "The video could not be checked: it may be damaged.";
     result.childFailed = true;
     ChildRun run;
@@ -211,7 +211,7 @@ ClipInspection ClipInspection::check(const std::string &path, const Budget &budg
     if (fd >= 0) {
         const auto deadline =
             std::chrono::steady_clock::now() + std::chrono::seconds(budget.seconds + 5);
-        run.started = InspectionHelper::inspect(fd, budget, false, deadline, run.output, run.ended);
+        run.started = VettingHelper::inspect(fd, budget, false, deadline, run.output, run.ended);
         ::close(fd);
     }
     if (!run.started)
@@ -238,7 +238,7 @@ ClipInspection ClipInspection::check(const std::string &path, const Budget &budg
     return result;
 }
 
-std::optional<std::string> ClipInspection::makePoster(int fd, const Budget &budget)
+std::optional<std::string> ClipVetting::makePoster(int fd, const Budget &budget)
 {
     // The child opens the file through a descriptor's name, which reaches the file even once
     // its pending name is gone. A child of the helper's exit status is not known here: its
@@ -247,7 +247,7 @@ std::optional<std::string> ClipInspection::makePoster(int fd, const Budget &budg
     const auto deadline =
         std::chrono::steady_clock::now() + std::chrono::seconds(budget.seconds + 5);
     bool whole = false;
-    if (InspectionHelper::inspect(fd, budget, true, deadline, run.output, run.ended)) {
+    if (VettingHelper::inspect(fd, budget, true, deadline, run.output, run.ended)) {
         whole =
             run.output.size() > 2 && run.output.compare(run.output.size() - 2, 2, "\xff\xd9") == 0;
     } else {
@@ -263,7 +263,7 @@ std::optional<std::string> ClipInspection::makePoster(int fd, const Budget &budg
     return run.output.substr(lineEnd + 1);
 }
 
-int ClipInspection::child(const std::vector<std::string> &arguments)
+int ClipVetting::child(const std::vector<std::string> &arguments)
 {
     const CommandLine line(arguments, {"memory", "seconds", "width", "height"}, {"no-poster"});
     if (line.words().size() != 1)
@@ -280,7 +280,7 @@ int ClipInspection::child(const std::vector<std::string> &arguments)
     return inspect(line.words()[0], budget, !line.flag("no-poster"), STDOUT_FILENO);
 }
 
-int ClipInspection::inspect(const std::string &file, const Budget &budget, bool poster, int output)
+int ClipVetting::inspect(const std::string &file, const Budget &budget, bool poster, int output)
 {
     // Limits first, before a byte of the file is read. The address space is counted from what
     // the process has mapped already, so the same budget holds whatever the build maps at start.

@@ -13,7 +13,7 @@
 // take gigabytes or crash takes down the child only; the server reads its report and the poster's
 // JPEG from a pipe and waits for it a bounded time. The check answers the upload; the poster is
 // made afterwards, from the file the server keeps open for it.
-struct ClipInspection
+struct ClipVetting
 {
     ClipProbeResult probe;
     // The child could not be started at all: the service's fault, not the file's.
@@ -29,7 +29,7 @@ struct ClipInspection
 
     // Checks `path`. A child that could not start, ran out of its budget or died before
     // reporting refuses the file.
-    static ClipInspection check(const std::string &path, const Budget &budget);
+    static ClipVetting check(const std::string &path, const Budget &budget);
     // The poster (a JPEG) of the checked file open as `fd`; none when the child made none (its
     // first picture did not decode within the budget).
     static std::optional<std::string> makePoster(int fd, const Budget &budget);

@@ -1,6 +1,6 @@
 #pragma once
 
-#include "service/ClipInspection.h"
+#include "service/ClipVetting.h"
 
 #include <chrono>
 #include <string>
@@ -12,7 +12,7 @@
 // costs a millisecond. The child is the same as ever: it limits its own
 // memory and CPU time before it reads the file (which it gets as a descriptor), and reports on a
 // pipe of the server's. The helper ends when the server does.
-namespace InspectionHelper {
+namespace VettingHelper {
 
 // Forks the helper; false when it could not (checks then start the executable instead).
 bool start();
@@ -20,7 +20,7 @@ bool start();
 // Checks the file open as `fd` in a child of the helper (and with `poster`, makes its poster);
 // writes what the child writes (the report line, then the JPEG) to `output` and sets `ended`
 // when the child finished by `deadline`. False when there is no helper to ask.
-bool inspect(int fd, const ClipInspection::Budget &budget, bool poster,
+bool inspect(int fd, const ClipVetting::Budget &budget, bool poster,
              std::chrono::steady_clock::time_point deadline, std::string &output, bool &ended);
 
-} // namespace InspectionHelper
+} // namespace VettingHelper

@@ -1,4 +1,4 @@
-#include "service/InspectionHelper.h"
+#include "service/VettingHelper.h"
 
 #include <atomic>
 #include <cerrno>
@@ -80,11 +80,11 @@ bool sendRequest(int socket, Request request, int fd, int reply)
         if (child == 0) {
             ::close(socket);
             std::signal(SIGCHLD, SIG_DFL);
-            ClipInspection::Budget budget;
+            ClipVetting::Budget budget;
             budget.memoryBytes = request.memoryBytes;
             budget.seconds = request.seconds;
             budget.bounds = {request.maxWidth, request.maxHeight};
-            ::_exit(ClipInspection::inspect("/proc/self/fd/" + std::to_string(fds[0]), budget,
+            ::_exit(ClipVetting::inspect("/proc/self/fd/" + std::to_string(fds[0]), budget,
                                             request.poster != 0, fds[1]));
         }
         ::close(fds[0]);
@@ -94,7 +94,7 @@ bool sendRequest(int socket, Request request, int fd, int reply)
 
 } // namespace
 
-namespace InspectionHelper {
+namespace VettingHelper {
 
 bool start()
 {
@@ -122,7 +122,7 @@ bool start()
     return true;
 }
 
-bool inspect(int fd, const ClipInspection::Budget &budget, bool poster,
+bool inspect(int fd, const ClipVetting::Budget &budget, bool poster,
              std::chrono::steady_clock::time_point deadline, std::string &output, bool &ended)
 {
     ended = false;
@@ -162,4 +162,4 @@ bool inspect(int fd, const ClipInspection::Budget &budget, bool poster,
     return sent;
 }
 
-} // namespace InspectionHelper
+} // namespace VettingHelper
