@@ -98,10 +98,14 @@ TrayIcon::~TrayIcon()
     delete m_menu;
 }
 
+bool TrayIcon::desktopHasTray()
+{
+    return !DisplaySession::isWayland() || QSystemTrayIcon::isSystemTrayAvailable();
+}
+
 void TrayIcon::show()
 {
-    // Asked only under Wayland: under X11 the icon waits for a tray to appear.
-    if (!DisplaySession::isWayland() || QSystemTrayIcon::isSystemTrayAvailable())
+    if (desktopHasTray())
         m_icon->show();
     else
         ClipEngine::log(QStringLiteral("no system tray on this desktop (%1): running without a "

@@ -27,6 +27,9 @@ public:
 
     // Shows the icon where the desktop has a tray (under X11 it waits for one to appear).
     void show();
+    // Whether the desktop has a tray for the icon: always under X11, where one may appear at any
+    // time (a panel started later) and the icon waits for it; under Wayland the desktop's answer.
+    static bool desktopHasTray();
 
     QSystemTrayIcon *icon() const { return m_icon; }
     QMenu *menu() const { return m_menu; }

@@ -2,7 +2,7 @@
 
 #include "app/ArmingController.h"
 #include "app/DesktopNotifications.h"
-#include "core/DisplaySession.h"
+#include "app/TrayIcon.h"
 #include "core/Preferences.h"
 #include "engine/ClipEngine.h"
 
@@ -11,7 +11,6 @@
 #include <QCoreApplication>
 #include <QMessageBox>
 #include <QPushButton>
-#include <QSystemTrayIcon>
 #include <QWidget>
 
 namespace {
@@ -26,10 +25,7 @@ const char *const WindowHome::keepRunningKey = "keepRunningWithoutTray";
 
 WindowHome::WindowHome(ArmingController &arming, QObject *parent)
     : QObject(parent)
-    // As the tray icon judges it: under X11 a tray may appear at any time (a panel started
-    // later), and the icon waits for it; only a Wayland desktop's answer is final.
-    , trayAvailable(
-          [] { return !DisplaySession::isWayland() || QSystemTrayIcon::isSystemTrayAvailable(); })
+    , trayAvailable(&TrayIcon::desktopHasTray)
     , m_arming(arming)
     , m_notifications(new DesktopNotifications(this))
 {
